@@ -1,0 +1,19 @@
+# Warnings, sanitizers and the run path, carried by one interface target that all of ours link.
+add_library(vmescape_settings INTERFACE)
+target_include_directories(vmescape_settings INTERFACE ${PROJECT_SOURCE_DIR}/interface)
+target_compile_options(vmescape_settings INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast
+    -Wcast-qual -Wconversion -Wformat=2 -Werror
+    # Log lines carry source files; they must not carry the folder that the build ran in.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(vmescape_settings INTERFACE -Wthread-safety)
+endif()
+if(VMESCAPE_SANITIZE)
+    set(sanitize -fsanitize=${VMESCAPE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_compile_options(vmescape_settings INTERFACE ${sanitize})
+    target_link_options(vmescape_settings INTERFACE ${sanitize})
+endif()
+
+# Where the agent keeps its libraries and modules.
+set(VMESCAPE_RUN_PATH "$ORIGIN/:/usr/local/corvex/lib/:/usr/local/corvex/module/")
