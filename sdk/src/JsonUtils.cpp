@@ -3,6 +3,7 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -53,6 +54,13 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& o
     Json::Value parsed;
     bool good = false;
     error.clear();
+    // To JsonCpp a zero byte is the end of the text, whatever comes behind it.
+    const void* zero = length == 0 ? nullptr : std::memchr(text, '\0', length);
+    if (zero != nullptr) {
+        error = "zero byte at offset " + std::to_string(static_cast<const char*>(zero) - text);
+        out = Json::Value();
+        return -1;
+    }
     try {
         // Made anew each time: a reader keeps its last document's errors, and after the exception
         // that nesting raises, its stack.

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "framework/Policy.h"
+
+#include <Poco/Logger.h>
+#include <json/value.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+namespace Engine {
+
+/// Which programs are virtual machines, and which commands are sensitive below each of them.
+///
+/// Threads: parsed by the thread that delivers policies, before any task sees it; the questions are
+/// asked by the command task and change nothing.
+class QemuCmdDetectPolicy : public Framework::FeaturePolicy {
+public:
+    /// One rule: the commands below one virtualization program.
+    struct AccessRule {
+        bool m_action = true;             ///< true: an allow list; false: a deny list
+        std::set<std::string> m_cmdList;  ///< command lines, executable paths or bare program names
+    };
+
+    explicit QemuCmdDetectPolicy(const std::string& name);
+    ~QemuCmdDetectPolicy() override;
+
+    /// Reads a whole policy text. The old rules stay when the text has no monitor list.
+    /// @return true when at least one rule was stored; every reason for false is logged
+    bool Parse(const std::string& policyText) override;
+
+    /// Reads and stores one rule. A rule whose program has one already is dropped, which is no
+    /// failure.
+    /// @param ruleText  one element of the monitor list, as JSON
+    bool ParseMonitorRule(const std::string& ruleText);
+
+    /// True when a rule is kept for exactly this process name.
+    bool IsMonitorProcess(const std::string& virtCmd) const;
+
+    /// True when the command is sensitive below virtCmd: listed in a deny list, or missing from an
+    /// allow list. Listed is a command whose whole line, path, or last component of the path is.
+    bool MatchMonitorRule(const std::string& virtCmd, const std::string& processName,
+                          const std::string& cmdName, const std::string& cmdPath) const;
+
+private:
+    bool ParseMonitorList(const Json::Value& monitorList);
+    bool ParseCmdList(const Json::Value& list, std::set<std::string>& commands);
+    void AddTaskPolicy(const Json::Value& content);
+
+    std::map<std::string, AccessRule> m_monitorRules;
+    Poco::Logger* m_logger;
+};
+
+}  // namespace Engine

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "framework/Task.h"
+
+namespace Engine {
+
+/// The task of the file access detection, which this version does not have yet: it waits until it
+/// is stopped. No policy is accepted that would start it.
+class QemuFileDetectTask : public Framework::Task {
+public:
+    QemuFileDetectTask();
+    ~QemuFileDetectTask() override;
+
+    /// @return 0 once the task is cancelled
+    int Run() override;
+};
+
+}  // namespace Engine

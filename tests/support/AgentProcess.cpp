@@ -1,0 +1,109 @@
+#include "support/AgentProcess.h"
+
+#include "sdk/JsonUtils.h"
+#include "support/WaitUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <sstream>
+
+namespace TestSupport {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+
+std::vector<std::string> MakeArguments(const std::string& build, const TemporaryFolder& policies,
+                                       const TemporaryFolder& output, const std::string& policy,
+                                       const std::vector<std::string>& arguments) {
+    if (!policy.empty()) {
+        policies.Write(AgentProcess::POLICY_FILE, policy);
+    }
+    // The host's own configuration is none of the test's.
+    const std::string config = output.Write("agent.json", "{}");
+    std::vector<std::string> all = {build + "/bin/vmescape-agent",
+                                    "run",
+                                    "--config",
+                                    config,
+                                    "--policies",
+                                    policies.Path(),
+                                    "--output",
+                                    "file:" + output / "alarms"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
+}
+
+}  // namespace
+
+AgentProcess::AgentProcess(const std::string& build, const std::string& policy,
+                           const std::vector<std::string>& arguments)
+    : m_child(MakeArguments(build, m_policies, m_output, policy, arguments)) {
+    EXPECT_TRUE(WaitForLog(" is running, ")) << Log();
+}
+
+std::vector<Json::Value> AgentProcess::Alarms() const {
+    std::vector<Json::Value> alarms;
+    std::istringstream lines(ReadText(m_output / "alarms"));
+    for (std::string line; std::getline(lines, line) && !lines.eof();) {
+        Json::Value alarm;
+        EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(line.c_str(), line.length(), alarm), 0) << line;
+        alarms.push_back(alarm);
+    }
+    return alarms;
+}
+
+Json::Value AgentProcess::WaitForAlarm(
+    const std::function<bool(const Json::Value&)>& condition) const {
+    Json::Value found;
+    WaitUntil(
+        [&] {
+            for (const Json::Value& alarm : Alarms()) {
+                if (condition(alarm)) {
+                    found = alarm;
+                    return true;
+                }
+            }
+            return false;
+        },
+        kPatience);
+    return found;
+}
+
+bool AgentProcess::WaitForLog(const std::string& part) {
+    return WaitUntil([&] { return Log().find(part) != std::string::npos; }, kPatience);
+}
+
+int AgentProcess::CountLog(const std::string& part) {
+    std::istringstream lines(Log());
+    int count = 0;
+    for (std::string line; std::getline(lines, line);) {
+        count += line.find(part) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+int AgentProcess::Stop(int signal) {
+    m_child.Signal(signal);
+    return m_child.Wait().value_or(-1);
+}
+
+std::string AgentProcess::Missing() { return ::geteuid() == 0 ? "" : "the agent needs root"; }
+
+std::string AgentProcess::Policy(bool allowList, const std::vector<std::string>& commands) {
+    Json::Value rule;
+    rule["virtcmd"] = "qemu-system-x86_64";
+    rule["action"] = allowList;
+    rule["cmdlist"] = Json::arrayValue;
+    for (const std::string& command : commands) {
+        rule["cmdlist"].append(command);
+    }
+    Json::Value policy;
+    policy["module_name"] = "vmescape_module";
+    policy["enabled"] = true;
+    policy["content"]["monitor_list"].append(rule);
+    return SDK::JsonUtils::JsonToString(policy);
+}
+
+}  // namespace TestSupport

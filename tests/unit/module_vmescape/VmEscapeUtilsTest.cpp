@@ -1,0 +1,129 @@
+#include "VmEscapeUtils.h"
+
+#include "sdk/JsonUtils.h"
+#include "support/FakeClock.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Engine::VmEscapeUtils;
+
+bool Quick(const char* str1, const char* str2, unsigned int len) {
+    return VmEscapeUtils::QuickCompareString(str1, str2, len);
+}
+
+TEST(QuickCompareString, WithoutALengthAsksForAPrefix) {
+    EXPECT_TRUE(Quick("abc", "abcdef", 0));
+    EXPECT_TRUE(Quick("abc", "abc", 0));
+    EXPECT_FALSE(Quick("abcdef", "abc", 0));
+    EXPECT_FALSE(Quick("", "abc", 0));
+}
+
+TEST(QuickCompareString, WithALengthComparesThatManyBytes) {
+    EXPECT_TRUE(Quick("abx", "abc", 2));
+    EXPECT_TRUE(Quick("abc", "ab", 2));
+    EXPECT_FALSE(Quick("abc", "ab", 3));
+    EXPECT_FALSE(Quick("", "abc", 2));
+}
+
+TEST(QuickCompareString, WithALengthBeyondTheFirstTextAsksForAPrefix) {
+    EXPECT_TRUE(Quick("abc", "abcdef", 9));
+    EXPECT_FALSE(Quick("abcdef", "abc", 9));
+}
+
+TEST(QuickCompareString, IsCaseSensitiveAndRefusesNull) {
+    EXPECT_FALSE(Quick("ABC", "abc", 0));
+    EXPECT_FALSE(Quick(nullptr, "abc", 0));
+    EXPECT_FALSE(Quick("abc", nullptr, 0));
+}
+
+/// The value of a key in a command line, or "(none)" when the result says so.
+std::string Item(const std::string& cmdline, const std::string& key) {
+    std::string value = "untouched";
+    const int result = VmEscapeUtils::GetItemFromCmdline(cmdline, key, value);
+    EXPECT_EQ(result, value == "Unknow" ? -1 : 0);
+    return value;
+}
+
+TEST(GetItemFromCmdline, FindsNothingInAnEmptyCommandLine) {
+    EXPECT_EQ(Item("", "-uuid"), "Unknow");
+}
+
+TEST(GetItemFromCmdline, EndsTheValueAtABlankOrAComma) {
+    EXPECT_EQ(Item("qemu -uuid abc -S", "-uuid"), "abc");
+    EXPECT_EQ(Item("qemu -uuid abc,def", "-uuid"), "abc");
+    EXPECT_EQ(Item("qemu -uuid abc", "-uuid"), "abc");
+}
+
+TEST(GetItemFromCmdline, SkipsSeveralBlanksBeforeTheValue) {
+    EXPECT_EQ(Item("qemu -uuid   abc", "-uuid"), "abc");
+}
+
+TEST(GetItemFromCmdline, TakesTheFormWithABlankBeforeTheOneWithAnEqualsSign) {
+    EXPECT_EQ(Item("-uuid=first -uuid second", "-uuid"), "second");
+    EXPECT_EQ(Item("-uuid=first", "-uuid"), "first");
+}
+
+TEST(GetItemFromCmdline, LooksAtTheFirstOccurrenceInAPieceOnly) {
+    EXPECT_EQ(Item("-uuid ", "-uuid"), "Unknow");
+    EXPECT_EQ(Item("-uuid=,-uuid=second", "-uuid"), "second");
+}
+
+TEST(GetItemFromCmdline, MatchesAKeyInsideAnArgumentToo) {
+    EXPECT_EQ(Item("x-uuid abc", "-uuid"), "abc");
+}
+
+TEST(GetVmName, ComesFromTheNamedPropertyFirst) {
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest=vm-01,debug-threads=on -S"),
+              "vm-01");
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name vm-01 -S"), "vm-01");
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -S"), "Unknow");
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline(""), "Unknow");
+}
+
+TEST(GetVmName, WithAnEmptyPropertyIsWhatFollowsTheOption) {
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest=,debug-threads=on -name vm-02"),
+              "guest=");
+}
+
+TEST(GetVmUuid, ComesFromTheManagementToolsQueryOrTheOption) {
+    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("virsh domuuid 4711"), "4711");
+    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("qemu -uuid 12-34 -S"), "12-34");
+    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline(""), "Unknow");
+}
+
+TEST(GenerateAlarmCommonInfo, WritesTheFieldsThatAllAlarmsShare) {
+    TestSupport::FakeClock clock;
+    clock.Set(1700000000);
+    Json::Value alarm;
+    EXPECT_EQ(VmEscapeUtils::GenerateAlarmCommonInfo(alarm), 0);
+    EXPECT_EQ(alarm["event_id"].asString().size(), 36U);
+    alarm.removeMember("event_id");
+    EXPECT_EQ(
+        SDK::JsonUtils::JsonToString(alarm),
+        R"({"attack_phase":4,"attack_tag":2,"confidence":60,"detect_module":"vmescape_module",)"
+        R"("event_category":2000,"event_count":1,"event_type":2043,"occur_time":1700000000,)"
+        R"("severity":3})");
+}
+
+TEST(GenerateAlarmCommonInfo, GivesEachAlarmAnIdOfItsOwn) {
+    const TestSupport::FakeClock clock;
+    Json::Value first;
+    Json::Value second;
+    VmEscapeUtils::GenerateAlarmCommonInfo(first);
+    VmEscapeUtils::GenerateAlarmCommonInfo(second);
+    EXPECT_EQ(first["occur_time"], second["occur_time"]);
+    EXPECT_NE(first["event_id"], second["event_id"]);
+}
+
+TEST(GenerateAlarmCommonInfo, OverwritesItsOwnFieldsAndKeepsTheOthers) {
+    Json::Value alarm;
+    alarm["severity"] = 5;
+    alarm["mine"] = "kept";
+    VmEscapeUtils::GenerateAlarmCommonInfo(alarm);
+    EXPECT_EQ(alarm["severity"].asInt(), 3);
+    EXPECT_EQ(alarm["mine"].asString(), "kept");
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include "sdk/FileUtils.h"
+
+#include <Poco/TemporaryFile.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+namespace {
+
+using SDK::FileUtils;
+
+class FileUtilsTest : public testing::Test {
+protected:
+    FileUtilsTest() { m_folder.createDirectories(); }
+    std::string Write(const std::string& content) {
+        const std::string path = m_folder.path() + "/file";
+        std::ofstream(path) << content;
+        return path;
+    }
+
+    Poco::TemporaryFile m_folder;
+    bool m_truncated = true;
+    std::string m_content = "before";
+};
+
+TEST_F(FileUtilsTest, ReadsAWholeFile) {
+    EXPECT_EQ(FileUtils::ReadFile(Write("hello"), m_truncated, m_content, 100), 0);
+    EXPECT_EQ(m_content, "hello");
+    EXPECT_FALSE(m_truncated);
+}
+
+TEST_F(FileUtilsTest, SaysWhetherThereWasMore) {
+    EXPECT_EQ(FileUtils::ReadFile(Write("hello"), m_truncated, m_content, 5), 0);
+    EXPECT_FALSE(m_truncated);
+    EXPECT_EQ(FileUtils::ReadFile(Write("hello"), m_truncated, m_content, 4), 0);
+    EXPECT_EQ(m_content, "hell");
+    EXPECT_TRUE(m_truncated);
+}
+
+TEST_F(FileUtilsTest, ReadsLongFilesInPieces) {
+    const std::string text(1000000, 'x');
+    EXPECT_EQ(FileUtils::ReadFile(Write(text), m_truncated, m_content, 2000000), 0);
+    EXPECT_EQ(m_content, text);
+}
+
+TEST_F(FileUtilsTest, ReadsProcFilesWhoseSizeIsZero) {
+    EXPECT_EQ(FileUtils::ReadFile("/proc/self/status", m_truncated, m_content, 100000), 0);
+    EXPECT_EQ(m_content.rfind("Name:", 0), 0U);
+}
+
+TEST_F(FileUtilsTest, LeavesTheContentAloneWhenItFails) {
+    EXPECT_EQ(FileUtils::ReadFile(m_folder.path() + "/none", m_truncated, m_content, 100), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(FileUtils::ReadFile(m_folder.path(), m_truncated, m_content, 100), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(m_content, "before");
+}
+
+TEST_F(FileUtilsTest, KnowsRegularFilesThroughLinksToo) {
+    const std::string path = Write("x");
+    const std::string link = m_folder.path() + "/link";
+    ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
+    EXPECT_TRUE(FileUtils::IsFile(path));
+    EXPECT_TRUE(FileUtils::IsFile(link));
+    EXPECT_FALSE(FileUtils::IsFile(m_folder.path()));
+    EXPECT_FALSE(FileUtils::IsFile("/dev/null"));
+    ::unlink(path.c_str());
+    EXPECT_FALSE(FileUtils::IsFile(link));
+}
+
+}  // namespace
