@@ -1,9 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstddef>
+#include <iterator>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -22,6 +25,13 @@ inline void PauseProcessor() {
     asm volatile("yield");
 #endif
 }
+
+/// Whether an element that was moved out of a slot has left it empty; if not, the slot is cleared
+/// too.
+template <typename T>
+inline constexpr bool EMPTY_WHEN_MOVED = false;
+template <typename T>
+inline constexpr bool EMPTY_WHEN_MOVED<std::shared_ptr<T>> = true;
 
 /// A bounded ring through which threads hand elements to each other without locks: the inbox of
 /// every task.
@@ -197,30 +207,53 @@ private:
     static void Publish(AtomicT<unsigned int>& tail, bool single, unsigned int head,
                         unsigned int by) {
         if (!single) {
-            while (tail.load(std::memory_order_acquire) != head) {
-                PauseProcessor();
-            }
+            WaitForTurn(tail, head);
         }
         tail.store(head + by, std::memory_order_release);
     }
 
-    void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n) {
-        for (unsigned int i = 0; i < n; ++i) {
-            m_slots[(head + i) & m_mask] = elements[i];
-        }
-    }
-
-    void _DequeueElements(unsigned int head, std::vector<T>& elements, unsigned int n) {
-        for (unsigned int i = 0; i < n; ++i) {
-            T& slot = m_slots[(head + i) & m_mask];
-            if (m_clearOnDequeue) {
-                elements.push_back(std::move(slot));
-                slot = T();
-            } else {
-                elements.push_back(slot);
+    /// Waits until all earlier reservations of this side are published. They are being copied right
+    /// now, so that is a matter of nanoseconds, unless the thread that copies lost its processor:
+    /// then spinning on would only keep it from coming back.
+    static void WaitForTurn(const AtomicT<unsigned int>& tail, unsigned int head) {
+        for (unsigned int spins = 1; tail.load(std::memory_order_acquire) != head; ++spins) {
+            PauseProcessor();
+            if (spins % SPINS_BEFORE_YIELD == 0) {
+                std::this_thread::yield();
             }
         }
     }
+
+    /// Copies into the reserved slots, in two runs when they cross the end of the array.
+    void _EnqueueElements(unsigned int head, const std::vector<T>& elements, unsigned int n) {
+        const unsigned int first = head & m_mask;
+        const unsigned int run = std::min(n, m_size - first);
+        std::copy_n(elements.begin(), run, m_slots + first);
+        std::copy_n(elements.begin() + run, n - run, m_slots);
+    }
+
+    /// Appends from the reserved slots, in two runs when they cross the end of the array.
+    void _DequeueElements(unsigned int head, std::vector<T>& elements, unsigned int n) {
+        const unsigned int first = head & m_mask;
+        const unsigned int run = std::min(n, m_size - first);
+        AppendRun(m_slots + first, run, elements);
+        AppendRun(m_slots, n - run, elements);
+    }
+
+    void AppendRun(T* slots, unsigned int n, std::vector<T>& elements) {
+        if (!m_clearOnDequeue) {
+            elements.insert(elements.end(), slots, slots + n);
+            return;
+        }
+        elements.insert(elements.end(), std::make_move_iterator(slots),
+                        std::make_move_iterator(slots + n));
+        if constexpr (!EMPTY_WHEN_MOVED<T>) {
+            std::fill_n(slots, n, T());
+        }
+    }
+
+    // Some microseconds of pauses: longer than any copy of a bulk takes that has a processor.
+    static constexpr unsigned int SPINS_BEFORE_YIELD = 256;
 
     alignas(CACHE_LINE) AtomicT<unsigned int> m_prodHead{0};
     AtomicT<unsigned int> m_prodTail{0};

@@ -27,7 +27,8 @@ public:
     /// @return owned by Poco's logger registry, valid until the process ends
     Poco::Logger* GetModuleLogger(const std::string& moduleName, bool ownLevel = false);
 
-    /// Gives every logger, those made later too, this channel and level.
+    /// Gives every logger, those made later too, this channel and level. Call it while no other
+    /// thread logs: Poco's loggers read their channel without a lock.
     /// @param channel  where lines go; null silences all loggers
     /// @param level    a Poco::Message::Priority; lines above it are not written
     void Configure(const Poco::AutoPtr<Poco::Channel>& channel, int level);

@@ -21,16 +21,13 @@ std::vector<std::string> MakeArguments(const std::string& build, const Temporary
     if (!policy.empty()) {
         policies.Write(AgentProcess::POLICY_FILE, policy);
     }
-    // The host's own configuration is none of the test's.
-    const std::string config = output.Write("agent.json", "{}");
-    std::vector<std::string> all = {build + "/bin/vmescape-agent",
-                                    "run",
-                                    "--config",
-                                    config,
-                                    "--policies",
-                                    policies.Path(),
-                                    "--output",
-                                    "file:" + output / "alarms"};
+    // Not the host's own configuration; and below the command line, where a test may say otherwise.
+    Json::Value config;
+    config["policies"] = policies.Path();
+    config["report"]["output"] = "file:" + output / "alarms";
+    std::vector<std::string> all = {
+        build + "/bin/vmescape-agent", "run", "--config",
+        output.Write("agent.json", SDK::JsonUtils::JsonToString(config))};
     all.insert(all.end(), arguments.begin(), arguments.end());
     return all;
 }

@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <utility>
 
 namespace TestSupport {
 
@@ -35,31 +34,23 @@ void ReadAvailable(int descriptor, std::string& text) {
     }
 }
 
-[[noreturn]] void Become(char* const* arguments, int output, int errors,
-                         const std::function<bool()>& prepare) {
+[[noreturn]] void Become(char* const* arguments, int output, int errors) {
     ::dup2(output, STDOUT_FILENO);
     ::dup2(errors, STDERR_FILENO);
     const int nothing = ::open("/dev/null", O_RDONLY);
     ::dup2(nothing, STDIN_FILENO);
     // A test that dies takes its programs along.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (!prepare || prepare()) {
-        ::execvp(arguments[0], arguments);
-    }
+    ::execvp(arguments[0], arguments);
     ::_exit(kNotStarted);
 }
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments)
-    : ChildProcess(arguments, Options()) {}
-
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options) {
-    int output = options.m_output;
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
+    int output = -1;
     int errors = -1;
-    if (output < 0) {
-        MakePipe(m_outputPipe, output);
-    }
+    MakePipe(m_outputPipe, output);
     MakePipe(m_errorPipe, errors);
     std::vector<std::string> texts = arguments;
     std::vector<char*> pointers;
@@ -69,12 +60,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Opti
     pointers.push_back(nullptr);
     m_pid = ::fork();
     if (m_pid == 0) {
-        Become(pointers.data(), output, errors, options.m_prepare);
+        Become(pointers.data(), output, errors);
     }
     ::close(errors);
-    if (options.m_output < 0) {
-        ::close(output);
-    }
+    ::close(output);
     EXPECT_GT(m_pid, 0) << arguments[0];
 }
 
@@ -83,13 +72,12 @@ ChildProcess::~ChildProcess() {
         ::kill(m_pid, SIGKILL);
         ::waitpid(m_pid, nullptr, 0);
     }
-    ::close(m_outputPipe);
+    CloseOutput();
     ::close(m_errorPipe);
 }
 
-ChildProcess::Result ChildProcess::Run(const std::vector<std::string>& arguments,
-                                       const Options& options) {
-    ChildProcess child(arguments, options);
+ChildProcess::Result ChildProcess::Run(const std::vector<std::string>& arguments) {
+    ChildProcess child(arguments);
     Result result;
     result.m_status = child.Wait().value_or(-1);
     result.m_output = child.Output();
@@ -111,6 +99,11 @@ std::optional<int> ChildProcess::Wait(std::chrono::milliseconds deadline) {
         },
         deadline);
     return m_status;
+}
+
+void ChildProcess::CloseOutput() {
+    ::close(m_outputPipe);
+    m_outputPipe = -1;
 }
 
 const std::string& ChildProcess::Output() {

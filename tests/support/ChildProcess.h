@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,14 +13,6 @@ namespace TestSupport {
 /// One thread.
 class ChildProcess {
 public:
-    struct Options {
-        /// Run in the child before the program is; must call async-signal-safe functions only. The
-        /// program does not start when it returns false.
-        std::function<bool()> m_prepare;
-        /// Descriptor that becomes the program's standard output; -1: it is collected.
-        int m_output = -1;
-    };
-
     /// How the program ended.
     struct Result {
         int m_status = -1;  ///< exit status, or 128 and the signal's number
@@ -31,13 +22,12 @@ public:
 
     /// Starts a program; the first argument is its path or name. Fails the test when it cannot.
     explicit ChildProcess(const std::vector<std::string>& arguments);
-    ChildProcess(const std::vector<std::string>& arguments, const Options& options);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     /// Runs a program to its end.
-    static Result Run(const std::vector<std::string>& arguments, const Options& options = {});
+    static Result Run(const std::vector<std::string>& arguments);
 
     pid_t Pid() const { return m_pid; }
 
@@ -47,6 +37,9 @@ public:
     /// Waits for the end while collecting what the program writes.
     /// @return its exit status, or 128 and the signal's number; nothing when it still runs
     std::optional<int> Wait(std::chrono::milliseconds deadline = std::chrono::seconds(20));
+
+    /// Stops reading standard output: the program's next line there meets a broken pipe.
+    void CloseOutput();
 
     /// What the program has written to standard output and standard error so far.
     const std::string& Output();

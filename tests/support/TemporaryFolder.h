@@ -10,6 +10,10 @@ namespace TestSupport {
 class TemporaryFolder {
 public:
     TemporaryFolder() { m_folder.createDirectories(); }
+    /// @param parent  where it is made
+    explicit TemporaryFolder(const std::string& parent) : m_folder(parent) {
+        m_folder.createDirectories();
+    }
 
     const std::string& Path() const { return m_folder.path(); }
     std::string operator/(const std::string& name) const { return Path() + '/' + name; }

@@ -22,10 +22,7 @@ constexpr const char* kTask = "qemu_cmd_detect_task";
 
 class ModuleTest : public testing::Test {
 protected:
-    ~ModuleTest() override {
-        const CapturedLog quiet;
-        m_module->UnInit();
-    }
+    ~ModuleTest() override { m_module->UnInit(); }
 
     /// Calls the policy callback; the policy that it accepts is kept until the test ends.
     bool Refresh(const std::string& feature, const std::string& text,
@@ -178,12 +175,12 @@ TEST_F(ModuleTest, ADisabledPolicyIsReturnedAndStopsTheTask) {
 TEST_F(ModuleTest, AFailedParseIsAnErrorMarksTheCurrentPolicyAndLeavesTheTaskRunning) {
     Framework::Policy current("x");
     ASSERT_TRUE(Refresh(kFeature, CommandPolicy({kRule})));
-    const CapturedLog log;
+    m_log.Clear();
     EXPECT_FALSE(Refresh(kFeature, CommandPolicy({}, false), &current));
     EXPECT_TRUE(current.m_replaced);
     EXPECT_TRUE(IsRegistered(kTask));
     EXPECT_EQ(
-        log.Texts(kError),
+        m_log.Texts(kError),
         Strings{"VmEscapeModule parse the feature policy(name=qemu_cmd_detect_feature) failed"});
 }
 
