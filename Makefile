@@ -1,0 +1,30 @@
+# A thin front: the work is done by CMake presets and the scripts.
+.DEFAULT_GOAL := help
+.PHONY: help setup build demo test bench check format clean
+
+help: ## show this list
+	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## /  make \1\t/'
+
+setup: ## install what is missing from Debian's packages
+	@scripts/setup.sh
+
+build: setup ## build the agent and its modules into build/release
+	@scripts/build.sh release
+
+demo: build ## run the agent against a real QEMU and show its alarms
+	@scripts/demo.sh build/release
+
+test: setup ## build and run every test, the sanitizers' too
+	@scripts/test.sh
+
+bench: build ## measure, beside the peers, and print the table
+	@scripts/bench.sh build/release
+
+check: setup ## formatting, static analysis and the rules of the house
+	@scripts/check.sh
+
+format: setup ## format all sources
+	@scripts/format.sh
+
+clean: ## remove all build trees
+	@rm -rf build

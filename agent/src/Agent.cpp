@@ -1,0 +1,220 @@
+#include "Agent.h"
+
+#include "AgentLog.h"
+#include "JsonFile.h"
+#include "ModuleLoader.h"
+#include "PolicyChecker.h"
+#include "PolicyFolder.h"
+#include "Privileges.h"
+#include "framework/Engine.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+
+#include <Poco/Error.h>
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <iostream>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
+
+// Under which the product's policies are delivered.
+constexpr const char* kPolicyKey = "10001";
+
+/// Takes the signals that end the agent, or make it read its policies again, off all threads.
+/// @return a descriptor that tells of them, or -1
+int BlockSignals() {
+    ::signal(SIGPIPE, SIG_IGN);
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&set, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+void Complain(const std::string& text) { std::cerr << "vmescape-agent: " << text << '\n'; }
+
+}  // namespace
+
+Agent::Agent(Options options)
+    : m_options(std::move(options)), m_loader(std::make_unique<ModuleLoader>()) {}
+
+Agent::~Agent() {
+    if (m_signals >= 0) {
+        ::close(m_signals);
+    }
+}
+
+int Agent::Run() {
+    if (const int code = LoadSettings(); code != EXIT_GOOD) {
+        return code;
+    }
+    StartLog(m_settings.Get("log_level"));
+    if (const int code = CheckPrivileges(); code != EXIT_GOOD) {
+        return code;
+    }
+    m_signals = BlockSignals();
+    if (m_signals < 0) {
+        SDK::LogError(Logger(), "Signals cannot be received: %s", Poco::Error::getMessage(errno));
+        return EXIT_FAILED;
+    }
+    m_engine = new Framework::Engine;
+    int code = StartModules();
+    if (code == EXIT_GOOD) {
+        code = StartPolicies() && Loop() ? EXIT_GOOD : EXIT_FAILED;
+        LogTotals();
+    }
+    m_engine->StopModules();
+    m_policies.reset();
+    m_engine = nullptr;
+    LogNotice("vmescape-agent has stopped");
+    return code;
+}
+
+int Agent::LoadSettings() {
+    std::vector<Problem> problems;
+    if (!m_options.m_config.empty()) {
+        problems = m_settings.Load(m_options.m_config);
+    } else if (Poco::File(kDefaultConfig).exists()) {
+        problems = m_settings.Load(kDefaultConfig);
+    }
+    for (const Problem& problem : problems) {
+        Complain(ToText(problem));
+    }
+    if (HasErrors(problems)) {
+        return EXIT_BAD_INPUT;
+    }
+    for (const auto& [key, text] : m_options.m_settings) {
+        const std::string wrong = m_settings.Set(key, text);
+        if (!wrong.empty()) {
+            Complain(wrong);
+            return EXIT_USAGE;
+        }
+    }
+    return EXIT_GOOD;
+}
+
+int Agent::CheckPrivileges() const {
+    const std::vector<std::string> missing =
+        Privileges::Missing(m_settings.Get("process_collect.source"));
+    for (const std::string& privilege : missing) {
+        Complain("missing privilege: " + privilege);
+    }
+    return missing.empty() ? EXIT_GOOD : EXIT_PRIVILEGE;
+}
+
+int Agent::StartModules() {
+    m_settings.Export(m_engine->config());
+    SDK::InnerCpuCtrlUtils::SetShare(m_settings.GetInt("cpu_share"));
+    if (!LoadModules()) {
+        return EXIT_FAILED;
+    }
+    try {
+        m_engine->StartModules();
+    } catch (const Poco::Exception& exception) {
+        SDK::LogError(Logger(), "The modules cannot be started: %s", exception.message());
+        return EXIT_FAILED;
+    }
+    return EXIT_GOOD;
+}
+
+bool Agent::LoadModules() {
+    const std::vector<std::string> optional = m_settings.GetList("optional_modules");
+    const std::string folder =
+        m_settings.Has("modules") ? m_settings.Get("modules") : ModuleLoader::DefaultFolder();
+    for (const std::string& name : ModuleLoader::ModuleNames()) {
+        const bool isOptional = std::find(optional.begin(), optional.end(), name) != optional.end();
+        if (m_loader->Load(*m_engine, folder, name, isOptional)) {
+            continue;
+        }
+        if (!isOptional) {
+            return false;
+        }
+        SDK::LogWarning(Logger(), "Module(%s) is optional, the agent goes on without it", name);
+    }
+    return true;
+}
+
+bool Agent::StartPolicies() {
+    const std::string folder = m_settings.Get("policies");
+    m_policies = std::make_unique<PolicyFolder>(
+        folder,
+        [this](const std::string& path, const std::string& text) { DeliverPolicy(path, text); });
+    if (!m_policies->Start()) {
+        return false;
+    }
+    const int policies = m_policies->ReadAll();
+    if (policies == 0) {
+        SDK::LogWarning(Logger(), "There is no policy in %s, nothing is detected until one comes",
+                        folder);
+    }
+    LogNotice("vmescape-agent %s is running, %d policies read from %s",
+              std::string(VMESCAPE_VERSION), policies, folder);
+    return true;
+}
+
+void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
+    const std::vector<Problem> problems = PolicyChecker::Check(path, text);
+    for (const Problem& problem : problems) {
+        SDK::Log(Logger(),
+                 problem.m_warning ? Poco::Message::PRIO_WARNING : Poco::Message::PRIO_ERROR, "%s",
+                 ToText(problem));
+    }
+    if (HasErrors(problems)) {
+        SDK::LogError(Logger(), "Policy(%s) is refused, what was in force stays", path);
+        return;
+    }
+    const std::string feature = PolicyChecker::FeatureOf(path);
+    if (m_engine->DeliverPolicy(kPolicyKey, feature, text) ==
+        Framework::Engine::PolicyResult::ACCEPTED) {
+        LogNotice("Policy(%s) is in force", path);
+    }
+}
+
+bool Agent::Loop() {
+    std::array<pollfd, 2> waited = {
+        {{m_signals, POLLIN, 0}, {m_policies->Descriptor(), POLLIN, 0}}};
+    for (;;) {
+        if (::poll(waited.data(), waited.size(), -1) < 0 && errno != EINTR) {
+            SDK::LogError(Logger(), "Waiting failed: %s", Poco::Error::getMessage(errno));
+            return false;
+        }
+        if (waited[1].revents != 0) {
+            m_policies->HandleChanges();
+        }
+        signalfd_siginfo info{};
+        if (::read(m_signals, &info, sizeof(info)) != static_cast<ssize_t>(sizeof(info))) {
+            continue;
+        }
+        if (info.ssi_signo != SIGHUP) {
+            LogNotice("Signal %u ends the agent", info.ssi_signo);
+            return true;
+        }
+        m_policies->ReadAll();
+    }
+}
+
+void Agent::LogTotals() const {
+    for (const Framework::Engine::TaskStatus& task : m_engine->GetTaskStatus()) {
+        LogNotice("Task(%s): %lu messages received, %lu lost, %u waiting", task.m_name,
+                  static_cast<unsigned long>(task.m_messagesAccepted),
+                  static_cast<unsigned long>(task.m_messagesLost), task.m_inboxDepth);
+    }
+}
+
+}  // namespace Agent

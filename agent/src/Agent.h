@@ -1,0 +1,50 @@
+#pragma once
+
+#include "Options.h"
+#include "Settings.h"
+
+#include <Poco/AutoPtr.h>
+
+#include <memory>
+#include <string>
+
+namespace Framework {
+class Engine;
+}
+
+namespace Agent {
+
+class ModuleLoader;
+class PolicyFolder;
+
+/// A running agent: settings, modules, policies, and the loop that waits for signals and for
+/// changed policy files. One a process; everything happens on the thread that calls Run.
+class Agent {
+public:
+    explicit Agent(Options options);
+    ~Agent();
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    /// Starts, runs until SIGTERM or SIGINT, and stops. @return an ExitCode
+    int Run();
+
+private:
+    int LoadSettings();
+    int CheckPrivileges() const;
+    int StartModules();
+    bool LoadModules();
+    bool StartPolicies();
+    void DeliverPolicy(const std::string& path, const std::string& text);
+    bool Loop();
+    void LogTotals() const;
+
+    const Options m_options;
+    Settings m_settings;
+    std::unique_ptr<ModuleLoader> m_loader;  // outlives the engine, whose modules are its code
+    Poco::AutoPtr<Framework::Engine> m_engine;
+    std::unique_ptr<PolicyFolder> m_policies;
+    int m_signals = -1;
+};
+
+}  // namespace Agent

@@ -1,0 +1,75 @@
+#include "JsonFile.h"
+
+#include "sdk/FileUtils.h"
+#include "sdk/JsonUtils.h"
+
+#include <Poco/Error.h>
+#include <Poco/String.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace Agent {
+
+bool ReadWholeFile(const std::string& path, std::string& text, std::vector<Problem>& problems) {
+    bool truncated = false;
+    // A named pipe would hold the agent up until somebody writes into it.
+    if (::access(path.c_str(), F_OK) == 0 && !SDK::FileUtils::IsFile(path)) {
+        problems.push_back({path, "", "expected a regular file"});
+        return false;
+    }
+    if (SDK::FileUtils::ReadFile(path, truncated, text, MAX_FILE_BYTES) != 0) {
+        problems.push_back({path, "", "cannot be read: " + Poco::Error::getMessage(errno)});
+        return false;
+    }
+    if (truncated) {
+        problems.push_back(
+            {path, "",
+             "is too large, expected at most " + std::to_string(MAX_FILE_BYTES) + " bytes"});
+        return false;
+    }
+    return true;
+}
+
+bool ParseObject(const std::string& path, const std::string& text, Json::Value& object,
+                 std::vector<Problem>& problems) {
+    std::string error;
+    if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        problems.push_back({path, "", "expected a JSON object, found an empty file"});
+        return false;
+    }
+    if (SDK::JsonUtils::ParseJsonStr(text.c_str(), text.length(), object, error) != 0) {
+        // JsonCpp reports on several lines, each indented.
+        error = Poco::replace(Poco::trim(error), "\n", " ");
+        problems.push_back({path, "", "expected JSON: " + error});
+        return false;
+    }
+    if (!object.isObject()) {
+        problems.push_back({path, "", "expected a JSON object, found " + DescribeType(object)});
+        return false;
+    }
+    return true;
+}
+
+std::string DescribeType(const Json::Value& value) {
+    switch (value.type()) {
+        case Json::nullValue:
+            return "null";
+        case Json::intValue:
+        case Json::uintValue:
+        case Json::realValue:
+            return "a number";
+        case Json::stringValue:
+            return value.asString().empty() ? "an empty string" : "a string";
+        case Json::booleanValue:
+            return "a boolean";
+        case Json::arrayValue:
+            return value.empty() ? "an empty list" : "a list";
+        case Json::objectValue:
+            return "an object";
+    }
+    return "something else";
+}
+
+}  // namespace Agent

@@ -1,0 +1,79 @@
+#include "Options.h"
+
+#include "Settings.h"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+namespace Agent {
+
+namespace {
+
+/// An option of "run" that is a setting by another name.
+void AddSetting(CLI::App& run, Options& options, const char* flag, const char* key,
+                const char* meaning) {
+    run.add_option_function<std::string>(
+           flag,
+           [&options, key](const std::string& text) { options.m_settings.emplace_back(key, text); },
+           meaning)
+        ->type_name("VALUE");
+}
+
+void AddRun(CLI::App& app, Options& options) {
+    CLI::App* run = app.add_subcommand("run", "Watch this host's virtual machines until stopped");
+    run->add_option("--config", options.m_config, "Configuration file (/etc/vmescape/agent.json)")
+        ->type_name("FILE");
+    AddSetting(*run, options, "--policies", "policies", "Folder of the feature policies");
+    AddSetting(*run, options, "--modules", "modules", "Folder of the modules");
+    AddSetting(*run, options, "--format", "report.format", "Alarms as text or json");
+    AddSetting(*run, options, "--output", "report.output",
+               "Alarms to stdout or file:PATH, or several with commas");
+    AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
+    run->add_option_function<std::vector<std::string>>(
+           "-o",
+           [&options](const std::vector<std::string>& pairs) {
+               for (const std::string& pair : pairs) {
+                   const std::size_t equals = pair.find('=');
+                   if (equals == std::string::npos) {
+                       throw CLI::ValidationError("-o",
+                                                  "expected key=value, found \"" + pair + "\"");
+                   }
+                   options.m_settings.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
+               }
+           },
+           "Set a configuration key")
+        ->type_name("KEY=VALUE")
+        ->allow_extra_args(false);
+    run->footer("Keys of the configuration file and of -o:\n" + Settings::DescribeKeys() +
+                "Exit status: 0 stopped by SIGTERM or SIGINT, 1 failed, 2 usage, 4 a privilege is "
+                "missing, 6 bad configuration.");
+    run->callback([&options] { options.m_verb = Options::Verb::RUN; });
+}
+
+void AddCheck(CLI::App& app, Options& options) {
+    CLI::App* check = app.add_subcommand("check", "Tell what is wrong with policy files");
+    check->add_option("FILE", options.m_files, "Policy files, named after their features")
+        ->required();
+    check->footer("Exit status: 0 good (warnings or not), 2 usage, 6 bad.");
+    check->callback([&options] { options.m_verb = Options::Verb::CHECK; });
+}
+
+}  // namespace
+
+bool ParseOptions(int argc, const char* const* argv, Options& options, int& exitCode) {
+    CLI::App app("Notices when a guest breaks out of its virtual machine", "vmescape-agent");
+    app.set_version_flag("--version", std::string("vmescape-agent ") + VMESCAPE_VERSION);
+    app.require_subcommand(1);
+    AddRun(app, options);
+    AddCheck(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        exitCode = app.exit(error, std::cout, std::cerr) == 0 ? EXIT_GOOD : EXIT_USAGE;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace Agent

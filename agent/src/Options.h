@@ -1,0 +1,27 @@
+#pragma once
+
+#include "ExitCode.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+/// What the command line asks for.
+struct Options {
+    enum class Verb { RUN, CHECK };
+
+    Verb m_verb = Verb::RUN;
+    std::string m_config;  ///< empty: the default file, if there
+    std::vector<std::pair<std::string, std::string>> m_settings;  ///< keys and texts, in order
+    std::vector<std::string> m_files;                             ///< to check
+};
+
+/// Reads the command line.
+/// @return true to go on; false when the program is to end with exitCode: help or version was
+/// shown,
+///         or the command line is not understood (said on standard error)
+bool ParseOptions(int argc, const char* const* argv, Options& options, int& exitCode);
+
+}  // namespace Agent

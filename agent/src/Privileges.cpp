@@ -1,0 +1,37 @@
+#include "Privileges.h"
+
+#include <cap-ng.h>
+
+namespace Agent {
+
+namespace {
+
+bool Has(unsigned int capability) {
+    return capng_have_capability(CAPNG_EFFECTIVE, capability) == 1;
+}
+
+// capabilities(7): CAP_SYS_ADMIN contains both since it was split.
+bool CanTrace() { return Has(CAP_SYS_ADMIN) || (Has(CAP_BPF) && Has(CAP_PERFMON)); }
+
+}  // namespace
+
+std::vector<std::string> Privileges::Missing(const std::string& source) {
+    capng_get_caps_process();
+    std::vector<std::string> missing;
+    const bool bpf = source != "connector" && CanTrace();
+    const bool connector = source != "bpf" && Has(CAP_NET_ADMIN);
+    if (!bpf && !connector) {
+        if (source != "connector") {
+            missing.emplace_back("CAP_BPF and CAP_PERFMON, to follow processes with BPF");
+        }
+        if (source != "bpf") {
+            missing.emplace_back("CAP_NET_ADMIN, to follow processes with the process connector");
+        }
+    }
+    if (!Has(CAP_SYS_PTRACE)) {
+        missing.emplace_back("CAP_SYS_PTRACE, to see which program a process of another user runs");
+    }
+    return missing;
+}
+
+}  // namespace Agent

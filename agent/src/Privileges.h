@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// What the agent may do on this host.
+class Privileges {
+public:
+    /// The capabilities that are missing, each with what it is needed for. Empty: all is there.
+    /// @param source  the configured source of process events: "auto", "bpf" or "connector"
+    static std::vector<std::string> Missing(const std::string& source);
+};
+
+}  // namespace Agent

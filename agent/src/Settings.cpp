@@ -1,0 +1,225 @@
+#include "Settings.h"
+
+#include "JsonFile.h"
+#include "sdk/StrUtils.h"
+
+#include <Poco/Format.h>
+#include <Poco/NumberParser.h>
+#include <Poco/StringTokenizer.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+
+namespace Agent {
+
+namespace {
+
+enum class Kind { TEXT, NUMBER, LIST, OUTPUTS };
+
+/// One key that may be set.
+struct Row {
+    const char* m_key;
+    Kind m_kind;
+    const char* m_default;
+    const char* m_allowed;  // for texts: the words that may be given, or "" for any text
+    int m_least;            // for numbers
+    int m_most;
+    const char* m_meaning;
+};
+
+constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
+
+constexpr std::array<Row, 12> kRows = {{
+    {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
+    {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
+    {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
+    {"log_level", Kind::TEXT, "notice", kLevels, 0, 0, "least important lines to log"},
+    {"cpu_share", Kind::NUMBER, "0", "", 0, 100, "percent of a core for each task, 0: no limit"},
+    {"report.output", Kind::OUTPUTS, "stdout", "", 0, 0,
+     "where alarms go; text: or json: before one names its own format"},
+    {"report.format", Kind::TEXT, "auto", "auto text json", 0, 0, "how alarms are written"},
+    {"report.color", Kind::TEXT, "auto", "auto always never", 0, 0, "colours in text alarms"},
+    {"report.queue", Kind::NUMBER, "8192", "", 1, 1000000, "alarms that may wait for the output"},
+    {"process_collect.source", Kind::TEXT, "auto", "auto bpf connector", 0, 0,
+     "where process events come from"},
+    {"process_collect.ring_bytes", Kind::NUMBER, "4194304", "", 4096, 1 << 30,
+     "size of the kernel's event buffer, a power of two"},
+    {"process_collect.backlog", Kind::NUMBER, "65536", "", 1, 10000000,
+     "events that a slow task may fall behind"},
+}};
+
+const Row* Find(const std::string& key) {
+    const auto found = std::find_if(kRows.begin(), kRows.end(),
+                                    [&key](const Row& row) { return key == row.m_key; });
+    return found == kRows.end() ? nullptr : found;
+}
+
+/// True when a known key lies below this one ("report" of "report.format").
+bool IsGroup(const std::string& key) {
+    return std::any_of(kRows.begin(), kRows.end(), [&key](const Row& row) {
+        return std::string(row.m_key).rfind(key + '.', 0) == 0;
+    });
+}
+
+std::vector<std::string> SplitWords(const std::string& text, const std::string& separators) {
+    const Poco::StringTokenizer words(text, separators, Poco::StringTokenizer::TOK_IGNORE_EMPTY);
+    return {words.begin(), words.end()};
+}
+
+/// What is expected of a key's value.
+std::string Expected(const Row& row) {
+    if (row.m_kind == Kind::NUMBER) {
+        return Poco::format("a whole number from %d to %d", row.m_least, row.m_most);
+    }
+    if (row.m_kind == Kind::LIST) {
+        return "a list of strings";
+    }
+    if (row.m_kind == Kind::OUTPUTS) {
+        return "stdout or file:PATH, or several of them";
+    }
+    return *row.m_allowed == '\0' ? std::string("a string")
+                                  : "one of: " + std::string(row.m_allowed);
+}
+
+/// "stdout" or "file:PATH", with or without a format before it.
+bool IsOutput(const std::string& text) {
+    const std::string bare = text.substr(
+        text.rfind("text:", 0) == 0 || text.rfind("json:", 0) == 0 ? text.find(':') + 1 : 0);
+    return bare == "stdout" || (bare.rfind("file:", 0) == 0 && bare != "file:");
+}
+
+bool AreOutputs(const std::string& text) {
+    std::vector<std::string> outputs;
+    SDK::StrUtils::Split(text, ",", outputs);
+    return std::all_of(outputs.begin(), outputs.end(), IsOutput);
+}
+
+/// Whether a text is good for a key.
+bool IsGood(const Row& row, const std::string& text) {
+    if (row.m_kind == Kind::NUMBER) {
+        int number = 0;
+        return Poco::NumberParser::tryParse(text, number) && number >= row.m_least &&
+               number <= row.m_most;
+    }
+    if (row.m_kind == Kind::OUTPUTS) {
+        return AreOutputs(text);
+    }
+    const std::vector<std::string> words = SplitWords(row.m_allowed, " ");
+    return words.empty() || std::find(words.begin(), words.end(), text) != words.end();
+}
+
+/// The strings of a list with commas between; false when it is no list of strings.
+bool JoinStrings(const Json::Value& value, std::string& text) {
+    text.clear();
+    for (const Json::Value& entry : value) {
+        text += (text.empty() ? "" : ",") + (entry.isString() ? entry.asString() : "");
+    }
+    return value.isArray() && std::all_of(value.begin(), value.end(),
+                                          [](const Json::Value& v) { return v.isString(); });
+}
+
+/// A JSON value as the text that the command line would give; false when its type is wrong.
+bool ToText(const Row& row, const Json::Value& value, std::string& text) {
+    switch (row.m_kind) {
+        case Kind::TEXT:
+            text = value.isString() ? value.asString() : "";
+            return value.isString();
+        case Kind::NUMBER:
+            text = value.isInt() ? std::to_string(value.asInt()) : "";
+            return value.isInt();
+        case Kind::OUTPUTS:
+            if (value.isString()) {
+                text = value.asString();
+                return true;
+            }
+            return JoinStrings(value, text);
+        case Kind::LIST:
+            return JoinStrings(value, text);
+    }
+    return false;
+}
+
+}  // namespace
+
+std::vector<Problem> Settings::Load(const std::string& path) {
+    std::vector<Problem> problems;
+    std::string text;
+    Json::Value root;
+    if (ReadWholeFile(path, text, problems) && ParseObject(path, text, root, problems)) {
+        LoadObject(path, root, "", "", problems);
+    }
+    return problems;
+}
+
+void Settings::LoadObject(const std::string& path, const Json::Value& object,
+                          const std::string& prefix, const std::string& pointer,
+                          std::vector<Problem>& problems) {
+    for (const std::string& name : object.getMemberNames()) {
+        const Json::Value& value = object[name];
+        const std::string key = prefix + name;
+        const std::string place = Pointer(pointer, name);
+        if (IsGroup(key) && value.isObject()) {
+            LoadObject(path, value, key + '.', place, problems);
+            continue;
+        }
+        const Row* row = Find(key);
+        if (row == nullptr) {
+            const std::string what = IsGroup(key) ? "expected an object" : "unknown key";
+            problems.push_back({path, place, what, !IsGroup(key)});
+            continue;
+        }
+        std::string text;
+        if (ToText(*row, value, text) && IsGood(*row, text)) {
+            m_values[key] = text;
+        } else {
+            const std::string found =
+                text.empty() ? DescribeType(value) : Poco::format("\"%s\"", text);
+            problems.push_back({path, place, "expected " + Expected(*row) + ", found " + found});
+        }
+    }
+}
+
+std::string Settings::Set(const std::string& key, const std::string& text) {
+    const Row* row = Find(key);
+    if (row == nullptr) {
+        return Poco::format("unknown key \"%s\"", key);
+    }
+    if (!IsGood(*row, text)) {
+        return Poco::format("%s: expected %s, found \"%s\"", key, Expected(*row), text);
+    }
+    m_values[key] = text;
+    return "";
+}
+
+std::string Settings::Get(const std::string& key) const {
+    const auto set = m_values.find(key);
+    if (set != m_values.end()) {
+        return set->second;
+    }
+    const Row* row = Find(key);
+    return row == nullptr ? "" : row->m_default;
+}
+
+int Settings::GetInt(const std::string& key) const { return Poco::NumberParser::parse(Get(key)); }
+
+std::vector<std::string> Settings::GetList(const std::string& key) const {
+    return SplitWords(Get(key), ",");
+}
+
+void Settings::Export(Poco::Util::AbstractConfiguration& target) const {
+    for (const auto& [key, value] : m_values) {
+        target.setString(key, value);
+    }
+}
+
+std::string Settings::DescribeKeys() {
+    std::string text;
+    for (const Row& row : kRows) {
+        text += Poco::format("  %s: %s (%s; default \"%s\")\n", std::string(row.m_key),
+                             std::string(row.m_meaning), Expected(row), std::string(row.m_default));
+    }
+    return text;
+}
+
+}  // namespace Agent

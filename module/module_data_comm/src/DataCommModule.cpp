@@ -1,0 +1,102 @@
+#include "DataCommModule.h"
+
+#include "AlarmFormatter.h"
+#include "AlarmSink.h"
+#include "DataCommLog.h"
+#include "LineWriter.h"
+#include "ReportTask.h"
+#include "sdk/StrUtils.h"
+
+#include <Poco/Util/Application.h>
+
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Engine {
+
+namespace {
+
+constexpr int kDefaultQueue = 8192;
+constexpr const char* kFilePrefix = "file:";
+constexpr const char* kFormats[] = {"text", "json"};
+
+using Settings = Poco::Util::AbstractConfiguration;
+
+/// The output that the configuration names, or null when it cannot be opened (logged).
+std::unique_ptr<LineWriter> OpenOutput(const std::string& output) {
+    if (output.rfind(kFilePrefix, 0) == 0) {
+        return LineWriter::OpenFile(output.substr(std::char_traits<char>::length(kFilePrefix)));
+    }
+    if (output != "stdout") {
+        SDK::LogError(GetDataCommLogger(),
+                      "report.output(%s) is not understood, expected stdout or file:PATH", output);
+        return nullptr;
+    }
+    return std::make_unique<LineWriter>(STDOUT_FILENO, "stdout");
+}
+
+/// Takes the format off the front of an output that names its own.
+std::string TakeFormat(std::string& output, const std::string& otherwise) {
+    for (const std::string format : kFormats) {
+        if (output.rfind(format + ':', 0) == 0) {
+            output.erase(0, format.length() + 1);
+            return format;
+        }
+    }
+    return otherwise;
+}
+
+AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format, bool terminal) {
+    const std::string color = settings.getString("report.color", "auto");
+    const bool text = format == "text" || (format == "auto" && terminal);
+    const bool colored = color == "always" || (color == "auto" && terminal);
+    return AlarmFormatter(text ? AlarmFormatter::Style::TEXT : AlarmFormatter::Style::JSON,
+                          colored);
+}
+
+/// @return null when the output cannot be had (logged)
+std::unique_ptr<AlarmSink> MakeSink(const Settings& settings, std::string output) {
+    const std::string format = TakeFormat(output, settings.getString("report.format", "auto"));
+    std::unique_ptr<LineWriter> writer = OpenOutput(output);
+    if (writer == nullptr) {
+        return nullptr;
+    }
+    const AlarmFormatter formatter = MakeFormatter(settings, format, writer->IsTerminal());
+    return std::make_unique<AlarmSink>(
+        std::move(writer), formatter,
+        static_cast<std::size_t>(settings.getInt("report.queue", kDefaultQueue)));
+}
+
+}  // namespace
+
+DataCommModule::DataCommModule() : Framework::Module("data_comm_module") {}
+
+DataCommModule::~DataCommModule() = default;
+
+int DataCommModule::Init() {
+    const Settings& settings = Poco::Util::Application::instance().config();
+    std::vector<std::string> outputs;
+    SDK::StrUtils::Split(settings.getString("report.output", "stdout"), ",", outputs);
+    m_task = new ReportTask;
+    for (const std::string& output : outputs) {
+        std::unique_ptr<AlarmSink> sink = MakeSink(settings, output);
+        if (sink == nullptr) {
+            m_task = nullptr;
+            return -1;
+        }
+        m_task->AddSink(std::move(sink));
+    }
+    return RegisterTask(m_task, false);
+}
+
+int DataCommModule::UnInit() {
+    Framework::Module::UnInit();
+    m_task = nullptr;
+    return 0;
+}
+
+}  // namespace Engine

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "AlarmSink.h"
+#include "framework/Task.h"
+
+#include <memory>
+#include <vector>
+
+namespace Engine {
+
+/// "data_comm_report_task": hands every alarm to every sink. It never waits for one.
+///
+/// Threads: AddSink before the registration; Run and HandleMsg on the task's own; UnInit after that
+/// one has ended.
+/// Ownership: owns its sinks.
+class ReportTask : public Framework::Task {
+public:
+    ReportTask();
+    ~ReportTask() override;
+
+    /// Adds a place where alarms go.
+    void AddSink(std::unique_ptr<AlarmSink> sink);
+
+    /// Hands over what comes. @return 0
+    int Run() override;
+
+    /// Hands over what still waits and stops the sinks after they wrote what they held. @return 0
+    int UnInit() override;
+
+    /// Gives one alarm to the sinks; a message of another kind is logged and dropped.
+    /// @return 0, or -1 when it is no alarm
+    int HandleMsg(const Framework::Message* message) override;
+
+private:
+    std::vector<std::unique_ptr<AlarmSink>> m_sinks;
+};
+
+}  // namespace Engine

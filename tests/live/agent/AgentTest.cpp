@@ -1,0 +1,163 @@
+#include "LiveTest.h"
+#include "support/WaitUntil.h"
+
+#include <signal.h>
+
+namespace {
+
+using TestSupport::ChildProcess;
+
+const std::string kAgent = BUILD_FOLDER "/bin/vmescape-agent";
+
+class AgentProgram : public LiveTest {
+protected:
+    void SetUp() override { Need(Agent::Missing()); }
+
+    static ChildProcess::Result Run(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), kAgent);
+        return ChildProcess::Run(arguments);
+    }
+
+    /// A run that must not get far: no policies, no configuration of the host.
+    ChildProcess::Result RunWith(std::vector<std::string> arguments) const {
+        std::vector<std::string> all = {"run", "--config", m_folder.Write("c", "{}"), "--policies",
+                                        m_folder.Path()};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return Run(all);
+    }
+
+    TestSupport::TemporaryFolder m_folder;
+};
+
+TEST_F(AgentProgram, EndsCleanlyOnTerminationAndInterrupt) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        Agent agent(BUILD_FOLDER, DenyList());
+        EXPECT_EQ(agent.Stop(signal), 0);
+        EXPECT_NE(agent.Log().find("Signal " + std::to_string(signal) + " ends the agent"),
+                  std::string::npos);
+        EXPECT_NE(agent.Log().find("Task(qemu_cmd_detect_task): "), std::string::npos);
+        EXPECT_NE(agent.Log().find("vmescape-agent has stopped"), std::string::npos);
+    }
+}
+
+TEST_F(AgentProgram, EndsCleanlyWhenItIsStoppedWhileItStarts) {
+    const std::string config = m_folder.Write("c", "{}");
+    ChildProcess agent({kAgent, "run", "--config", config, "--policies", m_folder.Path(),
+                        "--log-level", "information"});
+    // From the first line on signals are received, not obeyed.
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return !agent.Errors().empty(); }));
+    agent.Signal(SIGTERM);
+    EXPECT_EQ(agent.Wait(), 0);
+}
+
+TEST_F(AgentProgram, TellsItsVersionAndItsHelp) {
+    EXPECT_EQ(Run({"--version"}).m_status, 0);
+    EXPECT_EQ(Run({"--version"}).m_output.rfind("vmescape-agent ", 0), 0U);
+    EXPECT_EQ(Run({"--help"}).m_status, 0);
+    EXPECT_NE(Run({"run", "--help"}).m_output.find("--policies"), std::string::npos);
+}
+
+TEST_F(AgentProgram, EndsWithTwoWhenTheCommandLineIsNotUnderstood) {
+    EXPECT_EQ(Run({}).m_status, 2);
+    EXPECT_EQ(RunWith({"--nonsense"}).m_status, 2);
+    const ChildProcess::Result unknown = RunWith({"-o", "report.colour=never"});
+    EXPECT_EQ(unknown.m_status, 2);
+    EXPECT_NE(unknown.m_errors.find("unknown key \"report.colour\""), std::string::npos);
+    EXPECT_EQ(RunWith({"--format", "xml"}).m_status, 2);
+    EXPECT_EQ(RunWith({"--output", "stderr"}).m_status, 2);
+}
+
+TEST_F(AgentProgram, EndsWithFourAndSaysWhichPrivilegeIsMissing) {
+    const ChildProcess::Result result =
+        ChildProcess::Run({"setpriv", "--bounding-set=-all", "--inh-caps=-all", kAgent, "run",
+                           "--config", m_folder.Write("c", "{}")});
+    EXPECT_EQ(result.m_status, 4) << result.m_errors;
+    for (const char* name : {"CAP_BPF", "CAP_PERFMON", "CAP_NET_ADMIN", "CAP_SYS_PTRACE"}) {
+        EXPECT_NE(result.m_errors.find(name), std::string::npos) << name;
+    }
+}
+
+TEST_F(AgentProgram, EndsWithSixWhenTheConfigurationIsWrong) {
+    const std::string config = m_folder.Write("agent.json", R"({"report": {"format": 3}})");
+    const ChildProcess::Result wrong = Run({"run", "--config", config});
+    EXPECT_EQ(wrong.m_status, 6);
+    EXPECT_NE(wrong.m_errors.find(
+                  config + ": /report/format: expected one of: auto text json, found a number"),
+              std::string::npos)
+        << wrong.m_errors;
+    EXPECT_EQ(Run({"run", "--config", m_folder / "missing"}).m_status, 6);
+}
+
+TEST_F(AgentProgram, EndsWithOneWhenAModuleCannotBeLoaded) {
+    const ChildProcess::Result result = RunWith({"--modules", m_folder.Path()});
+    EXPECT_EQ(result.m_status, 1);
+    EXPECT_NE(result.m_errors.find("Module(process_collect_module) cannot be loaded"),
+              std::string::npos);
+}
+
+TEST_F(AgentProgram, EndsWithOneWhenAModuleDoesNotStart) {
+    const ChildProcess::Result result = RunWith({"--output", "file:" + m_folder / "no/alarms"});
+    EXPECT_EQ(result.m_status, 1);
+    EXPECT_NE(result.m_errors.find("no/alarms) cannot be opened"), std::string::npos);
+}
+
+TEST_F(AgentProgram, RunsWithoutModulesThatAreOptional) {
+    Agent agent(BUILD_FOLDER, "",
+                {"--modules", m_folder.Path(), "-o",
+                 "optional_modules=process_collect_module,data_comm_module,vmescape_module"});
+    EXPECT_EQ(agent.CountLog("is optional, the agent goes on without it"), 3);
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+}
+
+TEST_F(AgentProgram, ChecksPolicyFilesBeforeTheyAreUsed) {
+    const std::string good = SOURCE_FOLDER "/policies/" + std::string(Agent::POLICY_FILE);
+    EXPECT_EQ(Run({"check", good}).m_status, 0);
+    const std::string bad = m_folder.Write(Agent::POLICY_FILE, R"({"module_name": 1})");
+    const ChildProcess::Result result = Run({"check", good, bad});
+    EXPECT_EQ(result.m_status, 6);
+    EXPECT_NE(
+        result.m_errors.find(bad + ": /module_name: expected \"vmescape_module\", found a number"),
+        std::string::npos)
+        << result.m_errors;
+    EXPECT_EQ(Run({"check", m_folder / "missing"}).m_status, 6);
+}
+
+TEST_F(AgentProgram, ChecksWithWarningsAreGood) {
+    const std::string file = m_folder.Write(
+        Agent::POLICY_FILE, R"({"module_name": "vmescape_module", "note": 1, "content":
+            {"monitor_list": [{"virtcmd": "kvm", "cmdlist": []}]}})");
+    const ChildProcess::Result result = Run({"check", file});
+    EXPECT_EQ(result.m_status, 0);
+    EXPECT_EQ(result.m_errors, file + ": /note: warning: unknown key\n");
+}
+
+TEST_F(AgentProgram, WritesAlarmsToStandardOutputAsOneDocumentALine) {
+    LiveTest::SetUp();
+    if (IsSkipped()) {
+        return;
+    }
+    Agent agent(BUILD_FOLDER, DenyList(), {"--output", "stdout"});
+    const Qemu qemu({"-name", "guest=vm-out"});
+    qemu.RunShell("id");
+    EXPECT_TRUE(TestSupport::WaitUntil(
+        [&] { return agent.Child().Output().find("\"system/fork\"") != std::string::npos; }));
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+    const std::string output = agent.Child().Output();
+    EXPECT_EQ(output.front(), '{');
+    EXPECT_EQ(output.substr(output.length() - 2), "}\n");
+}
+
+TEST_F(AgentProgram, OutlivesTheReaderOfItsStandardOutput) {
+    LiveTest::SetUp();
+    if (IsSkipped()) {
+        return;
+    }
+    Agent agent(BUILD_FOLDER, DenyList(), {"--output", "stdout"});
+    agent.Child().CloseOutput();
+    const Qemu qemu({"-name", "guest=vm-out"});
+    qemu.RunShell("id");
+    EXPECT_TRUE(agent.WaitForLog("Output(stdout) cannot be written: Broken pipe"));
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+}
+
+}  // namespace

@@ -1,0 +1,95 @@
+#include "Options.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Agent::Options;
+
+class CommandLine : public testing::Test {
+protected:
+    /// @return whether the program goes on
+    bool Parse(std::vector<const char*> arguments) {
+        arguments.insert(arguments.begin(), "vmescape-agent");
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const bool result = Agent::ParseOptions(static_cast<int>(arguments.size()),
+                                                arguments.data(), m_options, m_exitCode);
+        m_output = testing::internal::GetCapturedStdout();
+        m_errors = testing::internal::GetCapturedStderr();
+        return result;
+    }
+
+    Options m_options;
+    int m_exitCode = -1;
+    std::string m_output;
+    std::string m_errors;
+};
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+TEST_F(CommandLine, RunTakesItsDefaults) {
+    ASSERT_TRUE(Parse({"run"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::RUN);
+    EXPECT_EQ(m_options.m_config, "");
+    EXPECT_TRUE(m_options.m_settings.empty());
+}
+
+TEST_F(CommandLine, OptionsOfRunAreSettingsByAnotherName) {
+    ASSERT_TRUE(Parse({"run", "--config", "c", "--policies", "p", "--modules=m", "--format", "json",
+                       "--output", "file:x", "--log-level", "debug"}));
+    EXPECT_EQ(m_options.m_config, "c");
+    EXPECT_EQ(m_options.m_settings, (Pairs{{"policies", "p"},
+                                           {"modules", "m"},
+                                           {"report.format", "json"},
+                                           {"report.output", "file:x"},
+                                           {"log_level", "debug"}}));
+}
+
+TEST_F(CommandLine, KeysAreSetAnyNumberOfTimes) {
+    ASSERT_TRUE(Parse({"run", "-o", "report.queue=7", "-o", "report.output=file:a=b"}));
+    EXPECT_EQ(m_options.m_settings, (Pairs{{"report.queue", "7"}, {"report.output", "file:a=b"}}));
+}
+
+TEST_F(CommandLine, AKeyWithoutValueIsAUsageError) {
+    EXPECT_FALSE(Parse({"run", "-o", "report.queue"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
+    EXPECT_NE(m_errors.find("expected key=value, found \"report.queue\""), std::string::npos);
+}
+
+TEST_F(CommandLine, CheckTakesFiles) {
+    ASSERT_TRUE(Parse({"check", "a.json", "b.json"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::CHECK);
+    EXPECT_EQ(m_options.m_files, (std::vector<std::string>{"a.json", "b.json"}));
+}
+
+TEST_F(CommandLine, WhatIsNotUnderstoodIsAUsageError) {
+    const std::vector<std::vector<const char*>> lines = {
+        {}, {"walk"}, {"run", "--nonsense"}, {"check"}, {"run", "--format"}, {"run", "extra"}};
+    for (const std::vector<const char*>& line : lines) {
+        m_exitCode = -1;
+        EXPECT_FALSE(Parse(line));
+        EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
+        EXPECT_NE(m_errors, "");
+    }
+}
+
+TEST_F(CommandLine, HelpAndVersionEndWell) {
+    EXPECT_FALSE(Parse({"--help"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_GOOD);
+    EXPECT_NE(m_output.find("check"), std::string::npos);
+    EXPECT_FALSE(Parse({"--version"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_GOOD);
+    EXPECT_EQ(m_output, "vmescape-agent " VMESCAPE_VERSION "\n");
+}
+
+TEST_F(CommandLine, HelpOfRunNamesEveryKeyAndEveryExitStatus) {
+    EXPECT_FALSE(Parse({"run", "--help"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_GOOD);
+    for (const char* text : {"report.output", "optional_modules", "cpu_share",
+                             "process_collect.source", "Exit status: 0"}) {
+        EXPECT_NE(m_output.find(text), std::string::npos) << text;
+    }
+}
+
+}  // namespace

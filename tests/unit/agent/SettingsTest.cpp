@@ -1,0 +1,130 @@
+#include "Settings.h"
+
+#include "support/TemporaryFolder.h"
+
+#include <Poco/Util/MapConfiguration.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using Agent::Problem;
+
+class Settings : public testing::Test {
+protected:
+    /// The problems of a configuration file with this text, one text each.
+    std::vector<std::string> Load(const std::string& text) {
+        std::vector<std::string> lines;
+        for (const Problem& problem : m_settings.Load(m_folder.Write("c", text))) {
+            const std::string line = Agent::ToText(problem);
+            lines.push_back(line.substr((m_folder / "c: ").length()));
+        }
+        return lines;
+    }
+
+    using Lines = std::vector<std::string>;
+
+    TestSupport::TemporaryFolder m_folder;
+    Agent::Settings m_settings;
+};
+
+TEST_F(Settings, HaveDefaults) {
+    EXPECT_EQ(m_settings.Get("policies"), "/etc/vmescape/policies");
+    EXPECT_EQ(m_settings.Get("report.format"), "auto");
+    EXPECT_EQ(m_settings.GetInt("cpu_share"), 0);
+    EXPECT_FALSE(m_settings.Has("policies"));
+    EXPECT_TRUE(m_settings.GetList("optional_modules").empty());
+}
+
+TEST_F(Settings, AreReadFromNestedObjects) {
+    EXPECT_EQ(Load(R"({"policies": "/p", "report": {"format": "json", "queue": 9},
+                       "optional_modules": ["a", "b"], "cpu_share": 100})"),
+              Lines());
+    EXPECT_EQ(m_settings.Get("policies"), "/p");
+    EXPECT_EQ(m_settings.Get("report.format"), "json");
+    EXPECT_EQ(m_settings.GetInt("report.queue"), 9);
+    EXPECT_EQ(m_settings.GetList("optional_modules"), (Lines{"a", "b"}));
+    EXPECT_TRUE(m_settings.Has("cpu_share"));
+}
+
+TEST_F(Settings, UnknownKeysAreWarnedAbout) {
+    EXPECT_EQ(Load(R"({"x": 1, "report": {"colour": "auto"}})"),
+              (Lines{"/report/colour: warning: unknown key", "/x: warning: unknown key"}));
+}
+
+TEST_F(Settings, WrongTypesAreRefusedWithWhatWasExpected) {
+    EXPECT_EQ(Load(R"({"policies": 3})"), Lines{"/policies: expected a string, found a number"});
+    EXPECT_EQ(Load(R"({"cpu_share": "50"})"),
+              Lines{"/cpu_share: expected a whole number from 0 to 100, found a string"});
+    EXPECT_EQ(Load(R"({"cpu_share": 0.5})"),
+              Lines{"/cpu_share: expected a whole number from 0 to 100, found a number"});
+    EXPECT_EQ(Load(R"({"optional_modules": "a"})"),
+              Lines{"/optional_modules: expected a list of strings, found a string"});
+    EXPECT_EQ(Load(R"({"optional_modules": {}})"),
+              Lines{"/optional_modules: expected a list of strings, found an object"});
+    EXPECT_EQ(Load(R"({"report": "json"})"), Lines{"/report: expected an object"});
+    EXPECT_EQ(Load("[]"), Lines{"expected a JSON object, found an empty list"});
+}
+
+TEST_F(Settings, WrongValuesAreRefusedWithWhatWasExpected) {
+    EXPECT_EQ(Load(R"({"report": {"format": "xml"}})"),
+              Lines{"/report/format: expected one of: auto text json, found \"xml\""});
+    EXPECT_EQ(Load(R"({"report": {"queue": 0}})"),
+              Lines{"/report/queue: expected a whole number from 1 to 1000000, found \"0\""});
+    EXPECT_EQ(Load(R"({"cpu_share": 101})"),
+              Lines{"/cpu_share: expected a whole number from 0 to 100, found \"101\""});
+}
+
+TEST_F(Settings, WhatIsWrongIsNotTaken) {
+    Load(R"({"report": {"format": "xml", "queue": 5}})");
+    EXPECT_EQ(m_settings.Get("report.format"), "auto");
+    EXPECT_EQ(m_settings.GetInt("report.queue"), 5);
+}
+
+TEST_F(Settings, OutputsMayBeOneOrSeveral) {
+    EXPECT_EQ(Load(R"({"report": {"output": "file:/a"}})"), Lines());
+    EXPECT_EQ(m_settings.Get("report.output"), "file:/a");
+    EXPECT_EQ(Load(R"({"report": {"output": ["text:stdout", "json:file:/a"]}})"), Lines());
+    EXPECT_EQ(m_settings.Get("report.output"), "text:stdout,json:file:/a");
+}
+
+TEST_F(Settings, OutputsThatNobodyKnowsAreRefused) {
+    for (const char* output : {"", "stderr", "file:", "xml:stdout", "stdout,", "json:"}) {
+        EXPECT_NE(m_settings.Set("report.output", output), "") << output;
+    }
+    EXPECT_EQ(Load(R"({"report": {"output": []}})").size(), 1U);
+    EXPECT_EQ(Load(R"({"report": {"output": [1]}})").size(), 1U);
+}
+
+TEST_F(Settings, TheCommandLineStandsAboveTheFile) {
+    Load(R"({"report": {"format": "json"}})");
+    EXPECT_EQ(m_settings.Set("report.format", "text"), "");
+    EXPECT_EQ(m_settings.Get("report.format"), "text");
+}
+
+TEST_F(Settings, TheCommandLineIsToldWhatIsWrong) {
+    EXPECT_EQ(m_settings.Set("nonsense", "1"), "unknown key \"nonsense\"");
+    EXPECT_EQ(m_settings.Set("report", "1"), "unknown key \"report\"");
+    EXPECT_EQ(m_settings.Set("cpu_share", "half"),
+              "cpu_share: expected a whole number from 0 to 100, found \"half\"");
+    EXPECT_EQ(m_settings.Set("log_level", "loud"),
+              "log_level: expected one of: fatal critical error warning notice information debug "
+              "trace, found \"loud\"");
+}
+
+TEST_F(Settings, ReachTheModulesAsTheyWereSet) {
+    Load(R"({"report": {"queue": 5}})");
+    m_settings.Set("process_collect.source", "bpf");
+    Poco::AutoPtr<Poco::Util::MapConfiguration> target(new Poco::Util::MapConfiguration);
+    m_settings.Export(*target);
+    EXPECT_EQ(target->getInt("report.queue"), 5);
+    EXPECT_EQ(target->getString("process_collect.source"), "bpf");
+    EXPECT_FALSE(target->has("report.format"));
+}
+
+TEST_F(Settings, OfAMissingFileAreAProblem) {
+    const std::vector<Problem> problems = m_settings.Load(m_folder / "missing");
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_EQ(problems[0].m_text, "cannot be read: No such file or directory");
+}
+
+}  // namespace

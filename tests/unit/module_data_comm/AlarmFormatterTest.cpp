@@ -1,0 +1,105 @@
+#include "AlarmFormatter.h"
+
+#include "SampleAlarm.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+
+using Engine::AlarmFormatter;
+
+const AlarmFormatter kText(AlarmFormatter::Style::TEXT, false);
+const AlarmFormatter kJson(AlarmFormatter::Style::JSON, false);
+
+/// Times are shown in the reader's own zone; here that is UTC.
+class AlarmText : public testing::Test {
+protected:
+    AlarmText() {
+        ::setenv("TZ", "UTC", 1);
+        ::tzset();
+    }
+
+    static std::string Format(const Json::Value& alarm) {
+        return kText.Format(SDK::JsonUtils::JsonToString(alarm));
+    }
+};
+
+TEST(AlarmJson, IsTheDocumentItself) {
+    EXPECT_EQ(kJson.Format(SampleDocument()), SampleDocument());
+}
+
+TEST(AlarmJson, StaysOnOneLineWhateverTheDocumentHolds) {
+    EXPECT_EQ(kJson.Format("{\n\t\"a\":\r 1}"), "{  \"a\":  1}");
+}
+
+TEST_F(AlarmText, TellsTimeVmWhatProcessAndParentOnOneLine) {
+    EXPECT_EQ(Format(SampleAlarm()),
+              "2025-11-20 22:57:13  vm-01  shell  sh(101) \"/bin/sh -c id\"  "
+              "from qemu-system-x86_64(100)");
+}
+
+TEST_F(AlarmText, ColoursTimeVmAndWhatWhenAskedTo) {
+    const AlarmFormatter colored(AlarmFormatter::Style::TEXT, true);
+    EXPECT_EQ(colored.Format(SampleDocument()),
+              "\x1b[2m2025-11-20 22:57:13\x1b[0m  \x1b[1mvm-01\x1b[0m  \x1b[1;31mshell\x1b[0m  "
+              "sh(101) \"/bin/sh -c id\"  from qemu-system-x86_64(100)");
+}
+
+TEST_F(AlarmText, NeverPassesControlCharactersOn) {
+    Json::Value alarm = SampleAlarm();
+    alarm["resource_info"]["vm_name"] = "vm\x1b[2J\nfake";
+    alarm["process_info"][0]["process_name"] = "\r\x07sh";
+    alarm["process_info"][0]["process_cmdline"] = std::string("a\0b\x7f", 4);
+    const std::string line = Format(alarm);
+    EXPECT_NE(line.find("vm\\x1b[2J\\nfake"), std::string::npos) << line;
+    EXPECT_NE(line.find("\"a\\x00b\\x7f\""), std::string::npos) << line;
+    for (const char character : line) {
+        EXPECT_GE(static_cast<unsigned char>(character), 0x20);
+    }
+}
+
+TEST_F(AlarmText, EscapesBytesThatAreNotUtf8) {
+    std::string document = SampleDocument();
+    document.replace(document.find("vm-01"), 5, "vm\xff\xc3");
+    EXPECT_NE(kText.Format(document).find("vm\\xff\\xc3"), std::string::npos)
+        << kText.Format(document);
+}
+
+TEST_F(AlarmText, KeepsLettersOfAllLanguages) {
+    Json::Value alarm = SampleAlarm();
+    alarm["resource_info"]["vm_name"] = "r\xc3\xa9seau";
+    EXPECT_NE(Format(alarm).find("r\xc3\xa9seau"), std::string::npos);
+}
+
+TEST_F(AlarmText, NamesTheEventWhereTheDetectionHasNoWordForIt) {
+    Json::Value alarm = SampleAlarm();
+    alarm.removeMember("forensic_info");
+    alarm["process_info"][0].removeMember("process_cmdline");
+    alarm["process_info"][0].removeMember("parent_process_name");
+    EXPECT_EQ(Format(alarm),
+              "2025-11-20 22:57:13  vm-01  Virtualization process execute sensitive command  "
+              "sh(101)");
+}
+
+TEST_F(AlarmText, SurvivesMembersOfAnyType) {
+    Json::Value alarm;
+    alarm["occur_time"] = "soon";
+    alarm["process_info"] = 7;
+    alarm["resource_info"] = Json::arrayValue;
+    alarm["forensic_info"] = "shell";
+    EXPECT_EQ(Format(alarm), "-");
+    alarm["process_info"] = Json::arrayValue;
+    alarm["process_info"].append("sh");
+    EXPECT_EQ(Format(alarm), "-");
+}
+
+TEST_F(AlarmText, ShowsWhatIsNoDocumentEscaped) {
+    EXPECT_EQ(kText.Format("not\x1bjson"), "not\\x1bjson");
+    EXPECT_EQ(kText.Format("[1]"), "[1]");
+    EXPECT_EQ(kText.Format(""), "");
+}
+
+}  // namespace

@@ -1,0 +1,166 @@
+#include "AlarmSink.h"
+
+#include "TestPipe.h"
+#include "support/CapturedLog.h"
+#include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Engine::AlarmFormatter;
+using Engine::AlarmSink;
+using Engine::LineWriter;
+using TestSupport::WaitUntil;
+
+constexpr auto kError = Poco::Message::PRIO_ERROR;
+
+class AlarmSinkOnAPipe : public testing::Test {
+protected:
+    std::unique_ptr<AlarmSink> Sink(std::size_t capacity = 100) {
+        return std::make_unique<AlarmSink>(std::make_unique<LineWriter>(m_pipe.WriteEnd(), "pipe"),
+                                           AlarmFormatter(AlarmFormatter::Style::JSON, false),
+                                           capacity);
+    }
+
+    TestSupport::CapturedLog m_log;
+    TestPipe m_pipe;
+};
+
+TEST_F(AlarmSinkOnAPipe, WritesEveryDocumentInOrder) {
+    const auto sink = Sink();
+    EXPECT_TRUE(sink->Offer("{\"a\":1}"));
+    EXPECT_TRUE(sink->Offer("{\"a\":2}"));
+    sink->Stop();
+    EXPECT_EQ(m_pipe.Read(), "{\"a\":1}\n{\"a\":2}\n");
+    EXPECT_EQ(sink->Written(), 2U);
+    EXPECT_TRUE(m_log.Contains("Output(pipe) ends: 2 alarms written, 0 dropped, 0 failed"));
+}
+
+TEST_F(AlarmSinkOnAPipe, WritesWhatStillWaitsWhenItIsStopped) {
+    m_pipe.Fill();
+    const auto sink = Sink();
+    for (int i = 0; i < 10; ++i) {
+        sink->Offer("document");
+    }
+    std::thread stopper([&] { sink->Stop(); });
+    std::string seen;
+    EXPECT_TRUE(WaitUntil([&] {
+        seen += m_pipe.Read();
+        return std::count(seen.begin(), seen.end(), '\n') == 10;
+    }));
+    stopper.join();
+    EXPECT_EQ(sink->Written(), 10U);
+}
+
+TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDropsWhatItsQueueDoesNotHoldAndSaysSoOnce) {
+    m_pipe.Fill();
+    const auto sink = Sink(3);
+    int queued = 0;
+    for (int i = 0; i < 20; ++i) {
+        queued += sink->Offer("document") ? 1 : 0;
+    }
+    // One may be in the writer's hands already.
+    EXPECT_GE(queued, 3);
+    EXPECT_LE(queued, 4);
+    EXPECT_EQ(sink->Dropped(), 20U - static_cast<unsigned>(queued));
+    EXPECT_EQ(m_log.Count(kError,
+                          "The queue of output(pipe) is full(3 alarms). Alarms are dropped, 1 so "
+                          "far."),
+              1U);
+    EXPECT_EQ(m_log.Texts(kError).size(), 1U);
+}
+
+TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDoesNotHoldUpTheStopForever) {
+    m_pipe.Fill();
+    const auto sink = Sink(3);
+    for (int i = 0; i < 20; ++i) {
+        sink->Offer("document");
+    }
+    sink->Stop();
+    EXPECT_EQ(sink->Written(), 0U);
+    EXPECT_EQ(sink->Written() + sink->Dropped() + sink->Failed(), 20U);
+}
+
+TEST_F(AlarmSinkOnAPipe, WithoutReaderCountsEveryFailureAndSaysSoOnce) {
+    m_pipe.CloseReader();
+    const auto sink = Sink();
+    sink->Offer("one");
+    sink->Offer("two");
+    sink->Stop();
+    EXPECT_EQ(sink->Failed(), 2U);
+    EXPECT_EQ(
+        m_log.Count(kError, "Output(pipe) cannot be written: Broken pipe. 1 alarms failed so far."),
+        1U);
+    EXPECT_EQ(m_log.Texts(kError).size(), 1U);
+}
+
+TEST_F(AlarmSinkOnAPipe, GoesOnWhenItsPlaceTakesLinesAgain) {
+    const TestPipe good;
+    m_pipe.CloseReader();
+    const auto sink = Sink();
+    sink->Offer("lost");
+    ASSERT_TRUE(WaitUntil([&] { return sink->Failed() == 1; }));
+    ASSERT_GE(::dup2(good.WriteEnd(), m_pipe.WriteEnd()), 0);
+    sink->Offer("kept");
+    ASSERT_TRUE(WaitUntil([&] { return sink->Written() == 1; }));
+    sink->Stop();
+    EXPECT_EQ(good.Read(), "kept\n");
+    EXPECT_TRUE(m_log.Contains("Output(pipe) can be written again. 1 alarms failed so far."));
+}
+
+TEST_F(AlarmSinkOnAPipe, TakesDocumentsFromManyThreadsWithoutMixingLines) {
+    const auto sink = Sink(100000);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&sink, t] {
+            for (int i = 0; i < 500; ++i) {
+                sink->Offer(std::string(50, static_cast<char>('a' + t)));
+            }
+        });
+    }
+    std::string seen;
+    EXPECT_TRUE(WaitUntil([&] {
+        seen += m_pipe.Read();
+        return std::count(seen.begin(), seen.end(), '\n') == 2000;
+    }));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    sink->Stop();
+    for (std::size_t line = 0; line < seen.size(); line += 51) {
+        EXPECT_EQ(seen.substr(line, 51), std::string(50, seen[line]) + '\n');
+    }
+}
+
+TEST(AlarmSink, OnAFullDiskKeepsRunningAndCounts) {
+    TestSupport::CapturedLog log;
+    AlarmSink sink(LineWriter::OpenFile("/dev/full"),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 100);
+    sink.Offer("one");
+    sink.Offer("two");
+    sink.Stop();
+    EXPECT_EQ(sink.Failed(), 2U);
+    EXPECT_EQ(log.Count(kError,
+                        "Output(/dev/full) cannot be written: No space left on device. 1 alarms "
+                        "failed so far."),
+              1U);
+}
+
+TEST(AlarmSink, TakesNothingAfterItsStop) {
+    TestSupport::CapturedLog log;
+    TestSupport::TemporaryFolder folder;
+    AlarmSink sink(LineWriter::OpenFile(folder / "alarms"),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 100);
+    sink.Stop();
+    sink.Stop();
+    EXPECT_FALSE(sink.Offer("late"));
+    EXPECT_EQ(sink.Dropped(), 1U);
+}
+
+}  // namespace

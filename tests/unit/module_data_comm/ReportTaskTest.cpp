@@ -1,0 +1,64 @@
+#include "ReportTask.h"
+
+#include "TestPipe.h"
+#include "framework/Engine.h"
+#include "framework/Message.h"
+#include "support/CapturedLog.h"
+#include "support/WaitUntil.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Engine::AlarmFormatter;
+using Engine::AlarmSink;
+using Engine::LineWriter;
+
+class ReportTask : public testing::Test {
+protected:
+    AlarmSink* AddSink(const TestPipe& pipe, const std::string& name) {
+        auto sink =
+            std::make_unique<AlarmSink>(std::make_unique<LineWriter>(pipe.WriteEnd(), name),
+                                        AlarmFormatter(AlarmFormatter::Style::JSON, false), 4);
+        AlarmSink* const result = sink.get();
+        m_task->AddSink(std::move(sink));
+        return result;
+    }
+
+    void Send() {
+        m_engine->DeliverMessage("data_comm_report_task",
+                                 std::make_shared<Framework::DataMessage>("2", "{}"));
+    }
+
+    TestSupport::CapturedLog m_log;
+    TestPipe m_read;
+    TestPipe m_asleep;
+    Poco::AutoPtr<Framework::Engine> m_engine = new Framework::Engine;
+    Poco::AutoPtr<Engine::ReportTask> m_task = new Engine::ReportTask;
+};
+
+TEST_F(ReportTask, IsAddressedByItsName) { EXPECT_EQ(m_task->name(), "data_comm_report_task"); }
+
+TEST_F(ReportTask, IsNotHeldUpByASinkThatNobodyReads) {
+    m_asleep.Fill();
+    const AlarmSink* stuck = AddSink(m_asleep, "stuck");
+    const AlarmSink* good = AddSink(m_read, "good");
+    ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
+    for (std::uint64_t sent = 1; sent <= 100; ++sent) {
+        Send();
+        ASSERT_TRUE(TestSupport::WaitUntil([&] { return good->Written() == sent; }));
+    }
+    EXPECT_EQ(stuck->Written(), 0U);
+    EXPECT_GE(stuck->Dropped(), 95U);
+    EXPECT_EQ(m_engine->UnRegisterTask("data_comm_report_task"), 0);
+    EXPECT_EQ(stuck->Dropped() + stuck->Failed(), 100U);
+}
+
+TEST_F(ReportTask, WithoutSinksTakesAlarmsAllTheSame) {
+    ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
+    Send();
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return m_task->GetInbox()->Empty(); }));
+    EXPECT_EQ(m_engine->UnRegisterTask("data_comm_report_task"), 0);
+}
+
+}  // namespace
