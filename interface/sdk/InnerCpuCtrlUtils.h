@@ -20,11 +20,13 @@ public:
     static unsigned long GetSuggestedRunTick();
 
     /// Puts the calling thread to sleep for as long as its own processor time is ahead of the
-    /// share. At most one second a call, so that a stop request is still noticed.
+    /// share. At most one second a call, so that a stop request is still noticed; what is left is
+    /// slept at the next calls. A thread's first call only begins its account.
     /// @param file, line  where the call stands, for the log
     /// @param taskName    the task, for the log
     /// @param nowTick     the tick at which the caller measured
-    /// @param usedTick    ticks since the caller's previous adjustment: the window that is judged
+    /// @param usedTick    ticks since nowTick of the caller's previous adjustment, its sleep
+    ///                    included: the window that is judged
     static void AdjustThreadCpu(const char* file, int line, const char* taskName,
                                 unsigned long nowTick, unsigned long usedTick);
 };

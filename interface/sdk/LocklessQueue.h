@@ -61,8 +61,9 @@ public:
     /// A queue without storage. It refuses every operation with 0.
     LocklessQueue() = default;
 
-    /// @param capacity        largest number of elements held at once; 0 leaves the queue without
-    ///                        storage. The slots are the next power of two at or above it.
+    /// @param capacity        largest number of elements held at once, 2^31 at the most; 0 leaves
+    ///                        the queue without storage. The slots are the next power of two at or
+    ///                        above it.
     /// @param singleProducer  true when only one thread will ever enqueue
     /// @param singleConsumer  true when only one thread will ever dequeue
     /// @param clearOnDequeue  true to keep no reference to an element once it was dequeued

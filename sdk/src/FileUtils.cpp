@@ -14,11 +14,11 @@ namespace {
 // One read's worth. /proc files hand out at most a page at a time.
 constexpr std::size_t kReadSize = 4096;
 
-/// Reads until the end or until the content holds limit bytes.
-bool ReadAll(int descriptor, std::string& content, std::size_t limit) {
-    while (content.size() < limit) {
+/// Reads until the end, or one byte further than maxBytes: that one tells that there is more.
+bool ReadPast(int descriptor, std::string& content, std::size_t maxBytes) {
+    while (content.size() <= maxBytes) {
         const std::size_t had = content.size();
-        content.resize(std::min(limit, had + std::max(kReadSize, had)));
+        content.resize(had + std::min(maxBytes - had, std::max(kReadSize, had) - 1) + 1);
         const ssize_t got = ::read(descriptor, content.data() + had, content.size() - had);
         content.resize(had + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         if (got < 0 && errno != EINTR) {
@@ -40,8 +40,7 @@ int FileUtils::ReadFile(const std::string& path, bool& truncated, std::string& c
         return -1;
     }
     std::string read;
-    // One byte more than wanted tells whether there is more.
-    const bool good = ReadAll(descriptor, read, maxBytes + 1);
+    const bool good = ReadPast(descriptor, read, maxBytes);
     const int error = errno;
     ::close(descriptor);
     if (!good) {

@@ -19,6 +19,9 @@ constexpr long kNanosecondsPerSecond = 1000000000;
 // Short enough that a burst is spread out, long enough that the control itself costs nothing.
 constexpr unsigned long kSuggestedRunTick = 10;
 
+// An hour. No loop takes as long; it keeps the arithmetic in range whatever a caller passes.
+constexpr unsigned long kLongestWindow = 360000;
+
 std::atomic<int> g_sharePercent{0};
 
 /// Processor time that the calling thread has used, in nanoseconds.
@@ -28,8 +31,30 @@ long ThreadCpuTime() {
     return used.tv_sec * kNanosecondsPerSecond + used.tv_nsec;
 }
 
-// What the thread had used at its previous adjustment; negative before the first.
-thread_local long g_cpuTimeBefore = -1;
+/// What one thread has used and what rest it still owes for it, in nanoseconds.
+struct ThreadAccount {
+    long m_cpuBefore = -1;  // processor time at the previous adjustment; negative before the first
+    long m_owed = 0;
+};
+
+thread_local ThreadAccount g_account;
+
+/// Enters the window since the previous adjustment: at 25 %, a second of work owes three of rest.
+/// @return what the thread owes now
+long OwedAfter(unsigned long windowTicks, int share) {
+    const long cpuTime = ThreadCpuTime();
+    const long before = std::exchange(g_account.m_cpuBefore, cpuTime);
+    if (share == 0 || before < 0) {
+        return g_account.m_owed = 0;
+    }
+    const long used = cpuTime - before;
+    const long window =
+        static_cast<long>(std::min(windowTicks, kLongestWindow)) * kNanosecondsPerTick;
+    // At most a second of rest counts: a thread that waited for long has saved up no burst.
+    const long rest = std::clamp(window - used, 0L, kNanosecondsPerSecond);
+    g_account.m_owed = std::max(0L, g_account.m_owed + used / share * (100 - share) - rest);
+    return g_account.m_owed;
+}
 
 }  // namespace
 
@@ -42,16 +67,8 @@ unsigned long InnerCpuCtrlUtils::GetSuggestedRunTick() { return kSuggestedRunTic
 void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* taskName,
                                         unsigned long /*nowTick*/, unsigned long usedTick) {
     const int share = g_sharePercent;
-    const long used = ThreadCpuTime();
-    const long before = std::exchange(g_cpuTimeBefore, used);
-    if (share == 0 || before < 0) {
-        return;
-    }
-    // The window is brought to a second: a thread that slept for long has saved up no burst.
-    const long window =
-        static_cast<long>(std::min<unsigned long>(usedTick, 100)) * kNanosecondsPerTick;
-    const long neededWindow = (used - before) / share * 100;
-    const long sleep = std::min(neededWindow - window, kNanosecondsPerSecond);
+    // What is slept now is part of the next window and pays for itself there.
+    const long sleep = std::min(OwedAfter(usedTick, share), kNanosecondsPerSecond);
     if (sleep <= 0) {
         return;
     }

@@ -41,9 +41,10 @@ std::unique_ptr<LineWriter> OpenOutput(const std::string& output) {
 
 /// Takes the format off the front of an output that names its own.
 std::string TakeFormat(std::string& output, const std::string& otherwise) {
-    for (const std::string format : kFormats) {
-        if (output.rfind(format + ':', 0) == 0) {
-            output.erase(0, format.length() + 1);
+    for (const char* format : kFormats) {
+        const std::string prefix = std::string(format) + ':';
+        if (output.rfind(prefix, 0) == 0) {
+            output.erase(0, prefix.length());
             return format;
         }
     }

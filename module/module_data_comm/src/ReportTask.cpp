@@ -46,7 +46,7 @@ int ReportTask::HandleMsg(const Framework::Message* message) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
     if (data == nullptr || data->GetDataType() != Framework::DataMessage::ALARM) {
         SDK::LogWarning(GetDataCommLogger(), "A message(type:%s) is no alarm and is dropped",
-                        message->GetMsgType());
+                        message == nullptr ? std::string() : message->GetMsgType());
         return -1;
     }
     for (const std::unique_ptr<AlarmSink>& sink : m_sinks) {

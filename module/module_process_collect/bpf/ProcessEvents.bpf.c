@@ -131,8 +131,8 @@ static __always_inline void CountLoss(enum ProcessLoss reason) {
 }
 
 /* Ends the reader's sleep. Call it after the record is committed: the commit is a full barrier, so
- * either this sees that the reader sleeps or the reader sees the record. The wake-up itself rides on
- * an empty record that the reader never gets to see. */
+ * either this sees that the reader sleeps or the reader sees the record. The wake-up itself rides
+ * on an empty record that the reader never gets to see. */
 static __always_inline void WakeReader(void) {
     volatile __u32* asleep = &shared.readerAsleep;
     void* note;

@@ -42,7 +42,10 @@ int LogLibrary(enum libbpf_print_level level, const char* format, va_list argume
         return 0;
     }
     std::array<char, 512> line;
-    std::vsnprintf(line.data(), line.size(), format, arguments);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    std::vsnprintf(line.data(), line.size(), format, arguments);  // the library's own format
+#pragma GCC diagnostic pop
     std::string text(line.data());
     text.resize(text.find_last_not_of('\n') + 1);
     SDK::LogDebug(Logger(), "%s", text);
@@ -168,10 +171,9 @@ int BpfProcessSource::PrepareSleep(std::size_t drained) {
         asleep.store(0, std::memory_order_relaxed);
         return kRestMs;
     }
-    // Sequentially consistent, and followed by the caller's last Drain: either that one sees a
-    // record, or the program that commits it sees the flag.
-    asleep.store(1, std::memory_order_seq_cst);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // An exchange, which no later read overtakes, and followed by the caller's last Drain: either
+    // that one sees a record, or the program that commits it sees the flag.
+    asleep.exchange(1, std::memory_order_seq_cst);
     return kDeepSleepMs;
 }
 

@@ -62,6 +62,8 @@ bool ProcReader::ListPids(std::vector<int>& pids) {
         return false;
     }
     std::vector<int> found;
+    // Safe for threads as long as each has a stream of its own (readdir(3)).
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     while (const dirent* entry = ::readdir(directory.get())) {
         const char* end = entry->d_name + std::strlen(entry->d_name);
         int pid = 0;

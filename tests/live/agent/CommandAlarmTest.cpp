@@ -1,6 +1,7 @@
 #include "LiveTest.h"
 #include "support/WaitUntil.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -109,6 +110,16 @@ TEST_F(CommandAlarm, MissesNoneOfTwoThousandShortLivedCommands) {
     for (int i = 1; i <= kCommands; ++i) {
         EXPECT_EQ(seen.count("/usr/bin/true number " + std::to_string(i)), 1U) << i;
     }
+}
+
+TEST_F(CommandAlarm, ComesAlsoWhenNobodyReadsTheLog) {
+    Agent agent(BUILD_FOLDER, DenyList(), {"--log-level", "debug"});
+    const Qemu qemu({"-name", "guest=vm-01"});
+    // Each process is worth several lines: far more than a pipe holds.
+    qemu.RunShell("i=0; while [ $i -lt 500 ]; do i=$((i+1)); /usr/bin/true; done; id; exit 1");
+    EXPECT_EQ(Vm(WaitFor(agent, "system/fork", "id")), "vm-01");
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+    EXPECT_NE(agent.Log().find(" lines were lost)"), std::string::npos);
 }
 
 TEST_F(CommandAlarm, NamesAMachineWithoutNameUnknown) {

@@ -76,6 +76,18 @@ TEST_F(PolicyReload, SwitchesTheDetectionOffAndOn) {
     }
 }
 
+TEST_F(PolicyReload, ReachesAVirtualMachineThatRunsAlready) {
+    const std::string other = DenyList().replace(DenyList().find("qemu-system-x86_64"), 18, "kvm");
+    Agent agent(BUILD_FOLDER, other);
+    const Qemu qemu({"-name", "guest=vm-running"});
+    agent.Policies().Replace(kFile, DenyList());
+    ASSERT_TRUE(WaitForLines(agent, "is in force", 2));
+    qemu.RunShell("id");
+    const Json::Value alarm = WaitFor(agent, "system/fork", "id");
+    EXPECT_EQ(alarm["forensic_info"]["monitor_process"].asString(), "qemu-system-x86_64");
+    EXPECT_EQ(Vm(alarm), "vm-running");
+}
+
 TEST_F(PolicyReload, KeepsWhatIsInForceWhenTheFileIsRemoved) {
     Agent agent(BUILD_FOLDER, DenyList());
     std::filesystem::remove(agent.Policies() / kFile);

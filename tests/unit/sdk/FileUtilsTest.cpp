@@ -39,6 +39,20 @@ TEST_F(FileUtilsTest, SaysWhetherThereWasMore) {
     EXPECT_TRUE(m_truncated);
 }
 
+TEST_F(FileUtilsTest, ReadsNothingOfAFileWhenNothingIsWanted) {
+    EXPECT_EQ(FileUtils::ReadFile(Write("hello"), m_truncated, m_content, 0), 0);
+    EXPECT_EQ(m_content, "");
+    EXPECT_TRUE(m_truncated);
+    EXPECT_EQ(FileUtils::ReadFile("/dev/null", m_truncated, m_content, 0), 0);
+    EXPECT_FALSE(m_truncated);
+}
+
+TEST_F(FileUtilsTest, ReadsEverythingWithoutALimit) {
+    EXPECT_EQ(FileUtils::ReadFile(Write("hello"), m_truncated, m_content, std::string::npos), 0);
+    EXPECT_EQ(m_content, "hello");
+    EXPECT_FALSE(m_truncated);
+}
+
 TEST_F(FileUtilsTest, ReadsLongFilesInPieces) {
     const std::string text(1000000, 'x');
     EXPECT_EQ(FileUtils::ReadFile(Write(text), m_truncated, m_content, 2000000), 0);
@@ -48,6 +62,12 @@ TEST_F(FileUtilsTest, ReadsLongFilesInPieces) {
 TEST_F(FileUtilsTest, ReadsProcFilesWhoseSizeIsZero) {
     EXPECT_EQ(FileUtils::ReadFile("/proc/self/status", m_truncated, m_content, 100000), 0);
     EXPECT_EQ(m_content.rfind("Name:", 0), 0U);
+}
+
+TEST_F(FileUtilsTest, CutsProcFilesToo) {
+    EXPECT_EQ(FileUtils::ReadFile("/proc/self/status", m_truncated, m_content, 5), 0);
+    EXPECT_EQ(m_content, "Name:");
+    EXPECT_TRUE(m_truncated);
 }
 
 TEST_F(FileUtilsTest, LeavesTheContentAloneWhenItFails) {

@@ -54,6 +54,32 @@ TEST(ParseJsonStr, RefusesNestingThatWouldExhaustTheStack) {
     EXPECT_EQ(Parse(std::string(500, '[') + std::string(500, ']'), value), 0);
 }
 
+TEST(ParseJsonStr, TakesAHundredMegabytes) {
+    constexpr std::size_t kLength = 100000000;
+    EXPECT_EQ(Parsed('"' + std::string(kLength, 'x') + '"').asString().length(), kLength);
+    Json::Value value;
+    EXPECT_EQ(Parse(std::string(kLength, ' '), value), -1);
+    EXPECT_EQ(Parse('"' + std::string(kLength, 'x'), value), -1);
+}
+
+TEST(ParseJsonStr, TakesAnEmptyTextWithoutStorage) {
+    Json::Value value = "before";
+    EXPECT_EQ(JsonUtils::ParseJsonStr(nullptr, 0, value), -1);
+    EXPECT_TRUE(value.isNull());
+}
+
+TEST(ParseJsonStr, RefusesAnythingBehindTheValue) {
+    for (const char* text :
+         {"{} x", "{}}", "1 2", "{}tru", "{} /", "{} // c", "{}/* c */", "{}\""}) {
+        Json::Value value;
+        EXPECT_EQ(Parse(text, value), -1) << text;
+    }
+}
+
+TEST(ParseJsonStr, LeavesBytesThatAreNotUtf8AsTheyAre) {
+    EXPECT_EQ(Parsed("{\"a\":\"x\xff\xc3\"}")["a"].asString(), "x\xff\xc3");
+}
+
 TEST(ParseJsonStr, KeepsNulCharacters) {
     EXPECT_EQ(Parsed(R"("a\u0000b")").asString(), std::string("a\0b", 3));
 }
@@ -95,12 +121,15 @@ TEST(JsonToString, WritesOneLineOfAscii) {
     value["a"].append(1);
     EXPECT_EQ(JsonUtils::JsonToString(value), R"({"a":[1],"b":"line\nend"})");
     EXPECT_EQ(JsonUtils::JsonToString("\xC3\xA9"), R"("\u00e9")");
+    EXPECT_EQ(JsonUtils::JsonToString("\xF0\x9F\x98\x80"), R"("\ud83d\ude00")");
+    EXPECT_EQ(JsonUtils::JsonToString(std::string("\x1b\0", 2)), R"("\u001b\u0000")");
 }
 
 TEST(JsonToString, ReplacesBytesThatAreNotUtf8) {
-    const std::string text = JsonUtils::JsonToString(std::string("a\xff\xfe"));
-    EXPECT_EQ(text.find('\xff'), std::string::npos);
-    EXPECT_EQ(Parsed(text).asString().front(), 'a');
+    EXPECT_EQ(JsonUtils::JsonToString("a\xff\xfe"), R"("a\ufffd\ufffd")");
+    EXPECT_EQ(JsonUtils::JsonToString("\xE2\x82"), R"("\ufffd\ufffd")");  // cut short
+    EXPECT_EQ(JsonUtils::JsonToString("\xC0\x80"), R"("\ufffd")");        // a zero, overlong
+    EXPECT_EQ(JsonUtils::JsonToString("\xED\xA0\x80"), R"("\ufffd")");    // half a pair
 }
 
 TEST(JsonToString, GivesBackWhatWasParsed) {

@@ -284,58 +284,6 @@ TEST(LocklessQueue, ItsEndsShareNoCacheLine) {
     EXPECT_NE(lines[0], lines[2]);
 }
 
-/// An element whose copying can be held up, to stop a producer between reservation and publication.
-struct Gate {
-    std::atomic<bool> entered{false};
-    std::atomic<bool> open{false};
-};
-
-struct Held {
-    Held() = default;
-    explicit Held(int n, Gate* g = nullptr) : number(n), gate(g) {}
-    Held(const Held&) = default;
-    Held& operator=(const Held& other) {
-        if (other.gate != nullptr) {
-            other.gate->entered = true;
-            while (!other.gate->open) {
-                std::this_thread::yield();
-            }
-        }
-        number = other.number;
-        return *this;
-    }
-    ~Held() = default;
-    int number = 0;
-    Gate* gate = nullptr;
-};
-
-TEST(LocklessQueue, PublishesInTheOrderOfReservationEvenIfTheSecondFinishesFirst) {
-    SDK::LocklessQueue<Held> queue(8);
-    Gate gate;
-    std::atomic<bool> secondDone{false};
-    std::thread first([&] { queue.EnqueueBulk({Held(1, &gate)}, 1); });
-    while (!gate.entered) {
-        std::this_thread::yield();
-    }
-    std::thread second([&] {
-        queue.EnqueueBulk({Held(2)}, 1);
-        secondDone = true;
-    });
-    // The second has reserved and copied at some time; nothing may be visible before the first is.
-    std::vector<Held> out;
-    for (int look = 0; look < 2000; ++look) {
-        ASSERT_EQ(queue.DequeueBulk(out, 8), 0);
-        ASSERT_FALSE(secondDone);
-        std::this_thread::yield();
-    }
-    gate.open = true;
-    first.join();
-    second.join();
-    EXPECT_EQ(queue.DequeueBulk(out, 8), 2);
-    EXPECT_EQ(out[0].number, 1);
-    EXPECT_EQ(out[1].number, 2);
-}
-
 // ThreadSanitizer makes a spin for a thread that was put to sleep cost a hundred times as much.
 #if defined(__SANITIZE_THREAD__)
 constexpr int kEach = 1000;
