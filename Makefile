@@ -1,6 +1,6 @@
 # A thin front: the work is done by CMake presets and the scripts.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test bench check format clean
+.PHONY: help setup build demo test bench fuzz check format clean
 
 help: ## show this list
 	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## /  make \1\t/'
@@ -19,6 +19,9 @@ test: setup ## build and run every test, the sanitizers' too
 
 bench: build ## measure, beside the peers, and print the table
 	@scripts/bench.sh build/release
+
+fuzz: setup ## fuzz each target for a bounded time (FUZZ_SECONDS, default 60)
+	@scripts/fuzz.sh $(FUZZ_SECONDS)
 
 check: setup ## formatting, static analysis and the rules of the house
 	@scripts/check.sh
