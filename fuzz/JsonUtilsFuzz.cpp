@@ -8,7 +8,7 @@
 namespace {
 
 bool IsOneAsciiLine(const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '\x7f'; });
 }
 
 }  // namespace

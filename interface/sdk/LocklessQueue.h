@@ -170,11 +170,8 @@ private:
             head = m_prodHead.load(std::memory_order_seq_cst);
             const unsigned int free =
                 m_consTail.load(std::memory_order_acquire) + m_capacity - head;
-            // A producer that read an old head may see a consumer beyond it; the difference then
-            // exceeds the capacity, and the head must have moved: the exchange below would fail.
-            if (free > m_capacity) {
-                continue;
-            }
+            // A head that others have moved meanwhile makes free too large, never too small; the
+            // exchange then fails.
             const unsigned int taken = wanted < free ? wanted : free;
             if (taken == 0 || MoveHead(m_prodHead, m_singleProducer, head, taken)) {
                 return taken;

@@ -11,7 +11,7 @@ namespace Engine {
 
 namespace {
 
-// More would make every check of a process slower than the events come.
+// They bound what one policy text can make the module hold.
 constexpr int kMaxMonitorRules = 50;
 constexpr int kMaxCommands = 100;
 
@@ -76,7 +76,7 @@ bool QemuCmdDetectPolicy::ParseMonitorRule(const std::string& ruleText) {
         return false;
     }
     AccessRule accessRule;
-    accessRule.m_action = SDK::JsonUtils::GetBoolValue(rule, "action", true);
+    accessRule.action = SDK::JsonUtils::GetBoolValue(rule, "action", true);
     const std::string virtCmd = SDK::JsonUtils::GetStringValue(rule, "virtcmd", "");
     if (virtCmd.empty()) {
         return false;
@@ -86,10 +86,10 @@ bool QemuCmdDetectPolicy::ParseMonitorRule(const std::string& ruleText) {
         SDK::LogError(m_logger, "Parse cmd list  in monitor rule failed");
         return false;
     }
-    if (!ParseCmdList(cmdList, accessRule.m_cmdList)) {
+    if (!ParseCmdList(cmdList, accessRule.cmdList)) {
         return false;
     }
-    const int action = accessRule.m_action ? 1 : 0;
+    const int action = accessRule.action ? 1 : 0;
     m_monitorRules.try_emplace(virtCmd, std::move(accessRule));
     SDK::LogDebug(m_logger, "Insert monitor rule(virtcmd:%s,action:%d)", virtCmd, action);
     return true;
@@ -133,10 +133,10 @@ bool QemuCmdDetectPolicy::MatchMonitorRule(const std::string& virtCmd,
     if (rule == m_monitorRules.end()) {
         return false;
     }
-    const std::set<std::string>& commands = rule->second.m_cmdList;
+    const std::set<std::string>& commands = rule->second.cmdList;
     const bool listed = commands.count(cmdName) != 0 || commands.count(cmdPath) != 0 ||
                         commands.count(SDK::PathUtils::GetFileNameFromPath(cmdPath)) != 0;
-    return rule->second.m_action ? !listed : listed;
+    return rule->second.action ? !listed : listed;
 }
 
 }  // namespace Engine

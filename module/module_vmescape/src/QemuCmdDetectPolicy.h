@@ -19,10 +19,11 @@ class QemuCmdDetectPolicy : public Framework::FeaturePolicy {
 public:
     /// One rule: the commands below one virtualization program.
     struct AccessRule {
-        bool m_action = true;             ///< true: an allow list; false: a deny list
-        std::set<std::string> m_cmdList;  ///< command lines, executable paths or bare program names
+        bool action = true;             ///< true: an allow list; false: a deny list
+        std::set<std::string> cmdList;  ///< command lines, executable paths or bare program names
     };
 
+    /// @param name  the feature's name
     explicit QemuCmdDetectPolicy(const std::string& name);
     ~QemuCmdDetectPolicy() override;
 
@@ -33,6 +34,7 @@ public:
     /// Reads and stores one rule. A rule whose program has one already is dropped, which is no
     /// failure.
     /// @param ruleText  one element of the monitor list, as JSON
+    /// @return false when it is rejected: no JSON, no program, or no list of commands
     bool ParseMonitorRule(const std::string& ruleText);
 
     /// True when a rule is kept for exactly this process name.
@@ -40,6 +42,10 @@ public:
 
     /// True when the command is sensitive below virtCmd: listed in a deny list, or missing from an
     /// allow list. Listed is a command whose whole line, path, or last component of the path is.
+    /// @param virtCmd      the program at the root of the tree; without a rule nothing is sensitive
+    /// @param processName  not looked at
+    /// @param cmdName      the whole command line
+    /// @param cmdPath      the executable's path
     bool MatchMonitorRule(const std::string& virtCmd, const std::string& processName,
                           const std::string& cmdName, const std::string& cmdPath) const;
 

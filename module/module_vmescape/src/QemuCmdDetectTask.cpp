@@ -105,9 +105,9 @@ bool QemuCmdDetectTask::ProcessFullProcessInfo() {
 
 bool QemuCmdDetectTask::GetFullProcessInfo(ProcInfoMap& procs) {
     procs.clear();
-    auto& engine = dynamic_cast<Framework::Engine&>(Poco::Util::Application::instance());
-    // The name stands for the type: the collectors register nothing else under it.
-    auto* procsTask = static_cast<ProcsFullTask*>(engine.FindTask("procs_full_task"));
+    Framework::Engine* engine = Framework::Engine::Current();
+    Framework::Task* task = engine == nullptr ? nullptr : engine->FindTask("procs_full_task");
+    auto* procsTask = dynamic_cast<ProcsFullTask*>(task);
     if (procsTask == nullptr) {
         SDK::LogError(m_logger, "procsTask is null");
         return false;
@@ -119,7 +119,7 @@ bool QemuCmdDetectTask::GetFullProcessInfo(ProcInfoMap& procs) {
 void QemuCmdDetectTask::CheckSensitiveCmd(std::vector<std::shared_ptr<Framework::Message>>& msgs) {
     SDK::LogDebug(m_logger, "MsgVector size is %lu in CheckSensitiveCmd", msgs.size());
     for (const std::shared_ptr<Framework::Message>& message : msgs) {
-        if (message->GetMsgType() != "procs_message") {
+        if (message == nullptr || message->GetMsgType() != "procs_message") {
             continue;
         }
         const auto* procsMessage = dynamic_cast<const ProcsMessage*>(message.get());

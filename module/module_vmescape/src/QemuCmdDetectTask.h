@@ -28,12 +28,12 @@ class QemuCmdDetectTask : public Framework::Task, public AbstractMessageReceiver
 public:
     /// One alarm that was sent, kept so that it is not sent again.
     struct CMD_WARN_INFO {
-        std::int64_t m_warnTime = 0;  ///< seconds since the epoch
-        int m_ppid = 0;
-        int m_pid = 0;
-        std::string m_parentName;
-        std::string m_procName;
-        std::string m_cmdline;  ///< for people; repeats are told without it
+        std::int64_t warnTime = 0;  ///< when it was sent, seconds since the epoch
+        int ppid = 0;
+        int pid = 0;
+        std::string parentName;
+        std::string procName;
+        std::string cmdline;  ///< for people; repeats are told without it
     };
     using ProcInfoPtr = std::shared_ptr<ProcsMessage::procInfo>;
     using ProcInfoMap = std::map<int, ProcInfoPtr>;
@@ -70,37 +70,59 @@ public:
 
     /// Takes all live processes into the view and judges each. @return false: to be tried again
     bool ProcessFullProcessInfo();
-    /// @return true when the collector gave at least one process
+
+    /// Asks the process collector for all live processes.
+    /// @param procs  cleared, then filled; the records are the caller's
+    /// @return true when the collector gave at least one; a missing collector is logged
     bool GetFullProcessInfo(ProcInfoMap& procs);
 
     /// Takes a process that started into the view, if it belongs to a tree.
     void UpdateMonitorProcessList(const ProcInfoPtr& info);
+
     /// Builds the view anew from a snapshot, in ascending pid order.
     void UpdateMonitorProcessList(ProcInfoMap& procs);
+
     /// Notes the exit of a process of the view. @return true when it was noted
     bool RecordExitProcess(int pid);
+
     /// Forgets what exited more than 299 seconds ago.
     void ClearExitProcess();
 
     /// Whether the policy has a rule for this name. The pid is not looked at.
     bool IsMonitorProcess(const std::string& name, int pid);
+
+    /// Whether the process was started inside a tree.
+    /// @param monitorProcess  on true the program at the root of the tree
     bool CheckParentProcessIsInMonitorList(const ProcInfoPtr& info, std::string& monitorProcess);
+
+    /// Whether a process of a tree runs what it should not: what the rule says comes before shells,
+    /// and shells before the temporary directory.
+    /// @param escapeMode  on true "system/fork", "shell" or "forbidden dir"
     bool CheckProcessIsExecSensitiveCmd(const ProcInfoPtr& info, const std::string& monitorProcess,
                                         std::string& escapeMode);
+
+    /// Whether the rule of monitorProcess makes the command sensitive. The policy's answer; false,
+    /// and an error line, without a policy.
     bool IsSensitiveCmd(const std::string& monitorProcess, const std::string& processName,
                         const std::string& cmdline, const std::string& exePath);
+
     /// Whether the command line begins with a system shell or with a shell that a shell starts.
     bool IsShellCmd(const std::string& cmdline);
+
+    /// Whether the command line begins with "/tmp/".
     bool IsExecCmdInTmpDir(const std::string& cmdline);
+
     /// Reads the lines of /etc/shells, comments and empty ones too.
     void GetSystemShellList();
 
     /// False when an alarm for the same two processes (names and pids) is in the cache.
     bool IsNeedSendAlarm(const std::string& parentName, int ppid, const std::string& procName,
                          int pid, const std::string& cmdline);
+
     /// Adds an alarm to the cache; the oldest of 1000 makes room.
     void UpdateAlarmCache(const std::string& parentName, int ppid, const std::string& procName,
                           int pid, const std::string& cmdline);
+
     /// Removes alarms older than 299 seconds from the cache.
     void CleanWarnedInfo();
 

@@ -79,8 +79,8 @@ bool QemuCmdDetectTask::IsNeedSendAlarm(const std::string& parentName, int ppid,
                                         const std::string& /*cmdline*/) {
     return std::none_of(m_cmdWarnInfo.begin(), m_cmdWarnInfo.end(), [&](const CMD_WARN_INFO& sent) {
         // The numbers first: they tell most alarms apart at once.
-        return sent.m_pid == pid && sent.m_ppid == ppid && sent.m_parentName == parentName &&
-               sent.m_procName == procName;
+        return sent.pid == pid && sent.ppid == ppid && sent.parentName == parentName &&
+               sent.procName == procName;
     });
 }
 
@@ -102,7 +102,7 @@ void QemuCmdDetectTask::CleanWarnedInfo() {
     const std::int64_t now = SDK::TimeUtils::GetCurrentTimestampS();
     SDK::LogDebug(m_logger, "Clean expired alarms from cache");
     std::erase_if(m_cmdWarnInfo, [&](const CMD_WARN_INFO& sent) {
-        if (now - sent.m_warnTime <= kAlarmAgeS) {
+        if (now - sent.warnTime <= kAlarmAgeS) {
             return false;
         }
         SDK::LogDebug(m_logger, "Clean cmd warned information in alarm cache");

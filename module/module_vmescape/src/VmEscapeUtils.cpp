@@ -51,10 +51,8 @@ bool VmEscapeUtils::QuickCompareString(const char* str1, const char* str2, unsig
     }
     const std::size_t length1 = std::strlen(str1);
     const std::size_t compared = len >= 1 && len <= length1 ? len : length1;
-    if (compared == 0 || std::strlen(str2) < compared) {
-        return false;
-    }
-    return std::memcmp(str1, str2, compared) == 0;
+    // strncmp stops where a shorter str2 ends, and there the two differ.
+    return compared != 0 && std::strncmp(str1, str2, compared) == 0;
 }
 
 int VmEscapeUtils::GetItemFromCmdline(const std::string& cmdline, const std::string& key,

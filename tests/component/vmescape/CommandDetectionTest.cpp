@@ -9,8 +9,10 @@
 #include <Poco/SharedLibrary.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -137,8 +139,12 @@ TEST_F(CommandDetection, AThousandRegistrationsOfItsTaskNeitherHangNorLeak) {
 TEST_F(CommandDetection, AThousandPolicySwapsUnderLoadLoseNoAlarm) {
     constexpr int kMessages = 100000;
     constexpr int kAlarmEvery = 500;
+    constexpr int kSwaps = 1000;
+    constexpr int kMessagesPerSwap = kMessages / kSwaps;
+    constexpr int kSwapsBehind = 20;  // more than one batch is worth
+    std::atomic<int> swaps{0};
     Deliver(CommandPolicy({kDeny}, true, "0"));
-    std::thread load([this] {
+    std::thread load([this, &swaps] {
         Messages batch;
         for (int i = 0; i < kMessages; ++i) {
             const int pid = 1000 + i;
@@ -147,12 +153,21 @@ TEST_F(CommandDetection, AThousandPolicySwapsUnderLoadLoseNoAlarm) {
                                                         100, "qemu-kvm", "/usr/bin/wget")
                                               : Process(pid, "make", "make", 50, "bash")));
             if (batch.size() == 128 || i + 1 == kMessages) {
+                while (swaps < i / kMessagesPerSwap - kSwapsBehind) {
+                    std::this_thread::yield();
+                }
                 Send(std::exchange(batch, {}));
             }
         }
     });
-    for (int i = 1; i <= 1000; ++i) {
-        EXPECT_EQ(Deliver(CommandPolicy({kDeny}, true, std::to_string(i))), Result::ACCEPTED);
+    for (; swaps < kSwaps; ++swaps) {
+        // The flow waits for the swaps and they wait for it, so that every swap meets messages.
+        const auto due = static_cast<std::uint64_t>(swaps) * kMessagesPerSwap;
+        while (Task()->GetInbox()->Accepted() < due) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(Deliver(CommandPolicy({kDeny}, true, std::to_string(swaps + 1))),
+                  Result::ACCEPTED);
     }
     load.join();
     ASSERT_TRUE(AlarmsReach(kMessages / kAlarmEvery));

@@ -2,12 +2,11 @@
 
 #include "TestTasks.h"
 #include "support/CapturedLog.h"
+#include "support/VirtualSlot.h"
 #include "support/WaitUntil.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -165,34 +164,25 @@ TEST_F(TaskTest, APolicyLivesUntilItsLastUserLetsGo) {
     EXPECT_EQ(freed, 1);
 }
 
-/// The place of a virtual operation in its class's table. A pointer to a virtual member holds one
-/// plus the offset in bytes (Itanium C++ ABI, 2.3 Member Function Pointers).
-template <typename Method>
-std::size_t Slot(Method method) {
-    std::uintptr_t value = 0;
-    std::memcpy(&value, &method, sizeof(value));
-    return (value - 1) / sizeof(void*);
-}
-
 TEST(TaskSlots, StandInTheOrderThatModulesWereBuiltAgainst) {
     using Framework::Task;
     // Two destructors first, then Poco's run, cancel, runTask and postNotification.
-    EXPECT_EQ(Slot(&Poco::Task::run), 2U);
-    EXPECT_EQ(Slot(&Task::cancel), 3U);
-    EXPECT_EQ(Slot(&Task::runTask), 4U);
-    EXPECT_EQ(Slot(&Task::Init), 6U);
-    EXPECT_EQ(Slot(&Task::UnInit), 7U);
-    EXPECT_EQ(Slot(&Task::Run), 8U);
-    EXPECT_EQ(Slot(&Task::EnqueueMsg), 9U);
-    EXPECT_EQ(Slot(&Task::InterceptMsg), 10U);
-    EXPECT_EQ(Slot(&Task::HandleMsg), 11U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Poco::Task::run), 2U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::cancel), 3U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::runTask), 4U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::Init), 6U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::UnInit), 7U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::Run), 8U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::EnqueueMsg), 9U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::InterceptMsg), 10U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Task::HandleMsg), 11U);
 }
 
 TEST(PolicySlots, StandInTheOrderThatModulesWereBuiltAgainst) {
     using Framework::Policy;
-    EXPECT_EQ(Slot(&Policy::Parse), 2U);
-    EXPECT_EQ(Slot(&Policy::Dispatch), 3U);
-    EXPECT_EQ(Slot(&Policy::PolicyChanged), 4U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Policy::Parse), 2U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Policy::Dispatch), 3U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Policy::PolicyChanged), 4U);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "OpenCmdTask.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/ProcessUtils.h"
 #include "support/CapturedLog.h"
 #include "support/FakeClock.h"
 
@@ -83,10 +84,10 @@ TEST_F(CmdAlarm, OfAnotherPairIsSent) {
 TEST_F(CmdAlarm, ARepeatDoesNotProlongItsEntry) {
     FakeClock clock;
     Send(101);
-    const auto before = m_task->m_cmdWarnInfo.front().m_warnTime;
+    const auto before = m_task->m_cmdWarnInfo.front().warnTime;
     clock.Advance(10);
     Send(101);
-    EXPECT_EQ(m_task->m_cmdWarnInfo.front().m_warnTime, before);
+    EXPECT_EQ(m_task->m_cmdWarnInfo.front().warnTime, before);
 }
 
 TEST_F(CmdAlarm, CarriesUnknowWhenTheProgramsCommandLineIsNotKnown) {
@@ -117,6 +118,22 @@ TEST_F(CmdAlarm, WithoutCommandLineReadsItFromTheSystem) {
               info->m_cmdline);
 }
 
+TEST_F(CmdAlarm, WithoutCommandLineTakesAtMost4096BytesOfIt) {
+    SDK::ProcessUtils::SetLookup([](int pid, SDK::ProcessUtils::procRecord& record) {
+        record.m_cmdline = std::string(5000, 'x');
+        return pid == 101;
+    });
+    const ProcInfoPtr info = Process(101, "wget", "", 100, "qemu-kvm");
+    m_task->SendAlarm(info, "qemu-kvm", "shell");
+    SDK::ProcessUtils::SetLookup({});
+    EXPECT_EQ(info->m_cmdline, std::string(4096, 'x'));
+}
+
+TEST_F(CmdAlarm, OfAProcessThatIsGoneHasAnEmptyCommandLine) {
+    m_task->SendAlarm(Process(-1, "wget", "", 100, "qemu-kvm"), "qemu-kvm", "shell");
+    EXPECT_EQ(m_agent.Reporter().Alarms().front()["process_info"][0]["process_cmdline"], "");
+}
+
 TEST_F(CmdAlarm, StaysValidJsonWhateverBytesTheProcessChose) {
     m_task->SendAlarm(Process(101, "na\nme", "bad\xff\xfe \x1b[31m \"quoted\"", 100, "qemu-kvm"),
                       "qemu-kvm", "shell");
@@ -139,7 +156,7 @@ TEST_F(CmdAlarm, ANewOnePushesTheOldestOfAThousandOut) {
         Send(pid);
     }
     EXPECT_EQ(m_task->m_cmdWarnInfo.size(), 1000U);
-    EXPECT_EQ(m_task->m_cmdWarnInfo.front().m_pid, 2);
+    EXPECT_EQ(m_task->m_cmdWarnInfo.front().pid, 2);
     Send(1);
     EXPECT_EQ(Sent(), 1002U);
 }
@@ -161,7 +178,7 @@ TEST_F(CmdAlarm, LeavesTheCacheAfter300Seconds) {
     clock.Advance(299);
     m_task->CleanWarnedInfo();
     ASSERT_EQ(m_task->m_cmdWarnInfo.size(), 1U);
-    EXPECT_EQ(m_task->m_cmdWarnInfo.front().m_pid, 102);
+    EXPECT_EQ(m_task->m_cmdWarnInfo.front().pid, 102);
     EXPECT_EQ(m_log.Count(kDebug, "Clean cmd warned information in alarm cache"), 1U);
     Send(101);
     EXPECT_EQ(Sent(), 3U);

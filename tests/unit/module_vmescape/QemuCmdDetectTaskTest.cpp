@@ -1,12 +1,10 @@
 #include "OpenCmdTask.h"
 #include "support/CapturedLog.h"
 #include "support/FakeClock.h"
+#include "support/VirtualSlot.h"
 #include "support/WaitUntil.h"
 
 #include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
 
 namespace {
 
@@ -110,6 +108,12 @@ TEST_F(CmdTask, AMessageThatOnlyClaimsToBeAProcessMessageIsAnError) {
     EXPECT_EQ(m_task->m_monitorPidMap.count(100), 1U);
 }
 
+TEST_F(CmdTask, AnEmptyPlaceInABatchIsDroppedWithoutALine) {
+    Handle({nullptr, Started(Process(100, "qemu-kvm", "qemu-kvm"))});
+    EXPECT_TRUE(m_log.Texts(kError).empty());
+    EXPECT_EQ(m_task->m_monitorPidMap.count(100), 1U);
+}
+
 TEST_F(CmdTask, AStartWithoutARecordIsLoggedAndIgnored) {
     Handle({Event(2, 100, nullptr)});
     EXPECT_EQ(m_log.Texts(kError), Strings{"ProcsMap iter is null"});
@@ -153,6 +157,24 @@ TEST_F(CmdTask, WithoutACollectorTheSnapshotFailsWithALine) {
     EXPECT_EQ(m_log.Texts(kError), Strings{"procsTask is null"});
 }
 
+TEST_F(CmdTask, WhatIsNoCollectorFailsTheSnapshotLikeNone) {
+    m_agent.Engine().UnRegisterTask("procs_full_task");
+    Poco::AutoPtr<Framework::Task> stranger =
+        new Framework::Task("procs_full_task", "", Framework::TaskCondition::RESIDENT_TASK, 8);
+    m_agent.Engine().RegisterTask(stranger, true);
+    EXPECT_FALSE(m_task->ProcessFullProcessInfo());
+    EXPECT_EQ(m_log.Texts(kError), Strings{"procsTask is null"});
+}
+
+TEST(CmdTaskWithoutEngine, HasNoCollectorToAsk) {
+    const CapturedLog log;
+    OpenCmdTaskPtr task = new OpenCmdTask;
+    std::map<int, TestSupport::ProcInfoPtr> procs{{1, nullptr}};
+    EXPECT_FALSE(task->GetFullProcessInfo(procs));
+    EXPECT_TRUE(procs.empty());
+    EXPECT_EQ(log.Texts(kError), Strings{"procsTask is null"});
+}
+
 TEST_F(CmdTask, AnEmptySnapshotFailsSilentlyAndChangesNothing) {
     m_task->UpdateMonitorProcessList(Process(100, "qemu-kvm", "x"));
     m_log.Clear();
@@ -161,13 +183,17 @@ TEST_F(CmdTask, AnEmptySnapshotFailsSilentlyAndChangesNothing) {
     EXPECT_EQ(m_task->m_monitorPidMap.count(100), 1U);
 }
 
-TEST_F(CmdTask, TriesTheSnapshotAgainUntilThereIsOne) {
+TEST_F(CmdTask, TriesTheSnapshotAgainUntilThereIsOneAndLeavesItsInboxAloneBefore) {
     m_agent.Engine().UnRegisterTask("procs_full_task");
+    m_task->GetInbox()->Send(std::make_shared<Message>("other"));
     Run();
     EXPECT_TRUE(WaitUntil([&] { return m_log.Count(kError, "procsTask is null") > 3; }));
+    EXPECT_EQ(m_task->GetInbox()->Depth(), 1U);
     m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
     m_agent.Engine().RegisterTask(&m_agent.Full(), true);
-    EXPECT_TRUE(WaitUntil([&] { return LinesOf("ProccessMap size=1") == 1; }));
+    EXPECT_TRUE(
+        WaitUntil([&] { return LinesOf("MsgVector size is 1 in CheckSensitiveCmd") == 1; }));
+    EXPECT_EQ(LinesOf("ProccessMap size=1"), 1U);
 }
 
 TEST_F(CmdTask, ABatchOf200MessagesIsHandledIn128And72) {
@@ -220,28 +246,42 @@ TEST_F(CmdTask, ARestartedTaskBeginsWithASnapshotAndEmptyCaches) {
     }
 }
 
-/// The place of a virtual operation in its class's table (Itanium C++ ABI, member function
-/// pointers).
-template <typename Method>
-std::size_t Slot(Method method) {
-    std::uintptr_t value = 0;
-    std::memcpy(&value, &method, sizeof(value));
-    return (value - 1) / sizeof(void*);
+/// Keeps what Run left behind.
+class KeepingCmdTask : public OpenCmdTask {
+public:
+    int UnInit() override { return 0; }
+};
+
+TEST_F(CmdTask, TheEndOfRunForgetsEverything) {
+    Poco::AutoPtr<KeepingCmdTask> task = new KeepingCmdTask;
+    task->Use({DENY_RULE});
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    m_agent.Full().Add(Process(101, "wget", "wget", 100, "qemu-kvm"));
+    m_agent.Engine().RegisterTask(task, false);
+    ASSERT_TRUE(WaitUntil([&] { return m_agent.Reporter().Count() == 1; }));
+    task->GetInbox()->Send(Exited(101));
+    ASSERT_TRUE(WaitUntil([&] { return LinesOf("Record Exit Process(101)") == 1; }));
+    Stop();
+    EXPECT_TRUE(task->m_monitorPidMap.empty());
+    EXPECT_TRUE(task->m_exitPidMap.empty());
+    EXPECT_TRUE(task->m_shellList.empty());
+    EXPECT_TRUE(task->m_cmdWarnInfo.empty());
+    EXPECT_TRUE(task->m_procCmdCache.empty());
 }
 
 TEST_F(CmdTask, ItsOwnOperationsStandBehindTheFrameworks) {
     using Engine::QemuCmdDetectTask;
-    EXPECT_EQ(Slot(&QemuCmdDetectTask::Init), 6U);
-    EXPECT_EQ(Slot(&QemuCmdDetectTask::ProcsMessageAction), 12U);
-    EXPECT_EQ(Slot(&QemuCmdDetectTask::SendAlarm), 13U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&QemuCmdDetectTask::Init), 6U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&QemuCmdDetectTask::ProcsMessageAction), 12U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&QemuCmdDetectTask::SendAlarm), 13U);
 }
 
 TEST_F(CmdTask, AReceiversHandlersStandInTheOrderThatCollectorsCallThem) {
     using Engine::AbstractMessageReceiver;
-    EXPECT_EQ(Slot(&AbstractMessageReceiver::FileNotifyMessageAction), 0U);
-    EXPECT_EQ(Slot(&AbstractMessageReceiver::ProcsMessageAction), 1U);
-    EXPECT_EQ(Slot(&AbstractMessageReceiver::AssetMessageAction), 2U);
-    EXPECT_EQ(Slot(&AbstractMessageReceiver::FtraceMessageAction), 3U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&AbstractMessageReceiver::FileNotifyMessageAction), 0U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&AbstractMessageReceiver::ProcsMessageAction), 1U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&AbstractMessageReceiver::AssetMessageAction), 2U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&AbstractMessageReceiver::FtraceMessageAction), 3U);
     EXPECT_EQ(m_task->FileNotifyMessageAction(nullptr), 0);
 }
 

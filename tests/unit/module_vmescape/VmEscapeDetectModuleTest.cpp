@@ -73,6 +73,14 @@ TEST_F(ModuleTest, UnInitWritesALineOnlyForTasksThatWereRegistered) {
                               "VmEscapeDetectModule UnInit end"}));
 }
 
+TEST_F(ModuleTest, ItsLinesCarryItsLoggerAndTheirPlaceInTheSource) {
+    m_module->Init();
+    const CapturedLog::Line line = m_log.Lines().front();
+    EXPECT_EQ(line.logger, "vmescape_module");
+    EXPECT_EQ(line.file, "VmEscapeDetectModule.cpp");
+    EXPECT_GT(line.line, 0);
+}
+
 TEST_F(ModuleTest, ARunningTaskIsNotRegisteredAgain) {
     ASSERT_TRUE(m_module->RegisterDetectTask(kTask));
     Framework::Task* running = m_agent.Engine().FindTask(kTask);
@@ -96,6 +104,24 @@ TEST_F(ModuleTest, ATaskIsConstructedOnceForTheModulesLife) {
     EXPECT_EQ(first->referenceCount(), 2);
     ASSERT_TRUE(m_module->RegisterDetectTask(kTask));
     EXPECT_EQ(m_agent.Engine().FindTask(kTask), first);
+}
+
+TEST_F(ModuleTest, ItsTasksLiveUntilItsOwnEnd) {
+    Poco::AutoPtr<VmEscapeDetectModule> module = new VmEscapeDetectModule;
+    std::vector<std::weak_ptr<Framework::Inbox>> inboxes;
+    for (const char* task :
+         {"qemu_cmd_detect_task", "qemu_file_detect_task", "qemu_port_detect_task"}) {
+        ASSERT_TRUE(module->RegisterDetectTask(task));
+        inboxes.emplace_back(m_agent.Engine().FindTask(task)->GetInbox());
+    }
+    module->UnInit();
+    for (const auto& inbox : inboxes) {
+        EXPECT_FALSE(inbox.expired());
+    }
+    module = nullptr;
+    for (const auto& inbox : inboxes) {
+        EXPECT_TRUE(inbox.expired());
+    }
 }
 
 TEST_F(ModuleTest, UnknownTaskNamesAreRefusedSilently) {
@@ -158,6 +184,18 @@ TEST_F(ModuleTest, EnabledAndHashMayBeAbsent) {
     EXPECT_TRUE(policy.m_enabled);
     EXPECT_EQ(policy.m_hash, "");
     EXPECT_TRUE(IsRegistered(kTask));
+}
+
+TEST_F(ModuleTest, EnvelopeValuesOfAnotherTypeCountAsAbsent) {
+    const std::string content = R"("content":{"monitor_list":[)" + std::string(kRule) + "]}}";
+    ASSERT_TRUE(Refresh(kFeature,
+                        R"({"module_name":"vmescape_module","enabled":"no","hash":7,)" + content));
+    const auto& policy = dynamic_cast<Framework::FeaturePolicy&>(*m_policy);
+    EXPECT_TRUE(policy.m_enabled);
+    EXPECT_EQ(policy.m_hash, "");
+    EXPECT_FALSE(Refresh(kFeature, R"({"module_name":["vmescape_module"],)" + content));
+    EXPECT_EQ(m_log.Texts(kError),
+              Strings{"The policy content(moduleName=) does not belong to VMEscapeDetectModule"});
 }
 
 TEST_F(ModuleTest, ADisabledPolicyIsReturnedAndStopsTheTask) {

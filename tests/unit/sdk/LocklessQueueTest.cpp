@@ -1,11 +1,12 @@
 #include "sdk/LocklessQueue.h"
 
+#include "support/VirtualSlot.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -244,18 +245,11 @@ TEST(LocklessQueue, SingleOperationsGoThroughTheBulkOnes) {
     EXPECT_EQ(queue.m_dequeues, 1);
 }
 
-template <typename Method>
-std::size_t Slot(Method method) {
-    std::uintptr_t value = 0;
-    std::memcpy(&value, &method, sizeof(value));
-    return (value - 1) / sizeof(void*);
-}
-
 TEST(LocklessQueue, ItsOperationsStandBehindTheDestructors) {
-    EXPECT_EQ(Slot(&Queue::Enqueue), 2U);
-    EXPECT_EQ(Slot(&Queue::EnqueueBulk), 3U);
-    EXPECT_EQ(Slot(&Queue::Dequeue), 4U);
-    EXPECT_EQ(Slot(&Queue::DequeueBulk), 5U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Queue::Enqueue), 2U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Queue::EnqueueBulk), 3U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Queue::Dequeue), 4U);
+    EXPECT_EQ(TestSupport::VirtualSlot(&Queue::DequeueBulk), 5U);
 }
 
 /// An atomic that tells where it lives.
