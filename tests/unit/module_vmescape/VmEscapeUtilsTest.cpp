@@ -66,8 +66,14 @@ TEST(GetItemFromCmdline, TakesTheFormWithABlankBeforeTheOneWithAnEqualsSign) {
 }
 
 TEST(GetItemFromCmdline, LooksAtTheFirstOccurrenceInAPieceOnly) {
+    EXPECT_EQ(Item("-uuid first -uuid second", "-uuid"), "first");
+    EXPECT_EQ(Item("-uuid=first -uuid=second", "-uuid"), "first");
     EXPECT_EQ(Item("-uuid ", "-uuid"), "Unknow");
     EXPECT_EQ(Item("-uuid=,-uuid=second", "-uuid"), "second");
+}
+
+TEST(GetItemFromCmdline, TrimsAPieceBeforeItLooksForTheKey) {
+    EXPECT_EQ(Item("-uuid=abc -uuid ", "-uuid"), "abc");
 }
 
 TEST(GetItemFromCmdline, MatchesAKeyInsideAnArgumentToo) {
