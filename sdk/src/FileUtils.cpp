@@ -1,5 +1,7 @@
 #include "sdk/FileUtils.h"
 
+#include "sdk/UniqueDescriptor.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,16 +37,9 @@ bool ReadPast(int descriptor, std::string& content, std::size_t maxBytes) {
 
 int FileUtils::ReadFile(const std::string& path, bool& truncated, std::string& content,
                         std::size_t maxBytes) {
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-        return -1;
-    }
+    const UniqueDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string read;
-    const bool good = ReadPast(descriptor, read, maxBytes);
-    const int error = errno;
-    ::close(descriptor);
-    if (!good) {
-        errno = error;
+    if (!descriptor || !ReadPast(descriptor.Get(), read, maxBytes)) {
         return -1;
     }
     truncated = read.size() > maxBytes;
