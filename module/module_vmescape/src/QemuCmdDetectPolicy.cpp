@@ -1,7 +1,6 @@
 #include "QemuCmdDetectPolicy.h"
 
 #include "QemuCmdDetectTaskPolicy.h"
-#include "VmEscapeLog.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/PathUtils.h"
 
@@ -9,18 +8,7 @@
 
 namespace Engine {
 
-namespace {
-
-// They bound what one policy text can make the module hold.
-constexpr int kMaxMonitorRules = 50;
-constexpr int kMaxCommands = 100;
-
-}  // namespace
-
-QemuCmdDetectPolicy::QemuCmdDetectPolicy(const std::string& name)
-    : Framework::FeaturePolicy(name), m_logger(GetVmEscapeLogger()) {
-    m_attribute = POLICY_ATTRIBUTE;
-}
+QemuCmdDetectPolicy::QemuCmdDetectPolicy(const std::string& name) : DetectPolicy(name) {}
 
 QemuCmdDetectPolicy::~QemuCmdDetectPolicy() = default;
 
@@ -41,32 +29,14 @@ bool QemuCmdDetectPolicy::Parse(const std::string& policyText) {
         return false;
     }
     m_monitorRules.clear();
-    if (!ParseMonitorList(monitorList)) {
+    if (!ReadRules(monitorList, "Parse monitor cmdlist(ArrayIndex=%d) in policy content failed",
+                   "The monitoring list(ArrayIndex=%d) exceeds the specification(%d) during "
+                   "policy parsing",
+                   [this](const std::string& rule) { return ParseMonitorRule(rule); })) {
         return false;
     }
-    AddTaskPolicy(content);
+    AddTaskPolicy<QemuCmdDetectTaskPolicy>(content, "qemu_cmd_detect_task");
     return true;
-}
-
-bool QemuCmdDetectPolicy::ParseMonitorList(const Json::Value& monitorList) {
-    bool stored = false;
-    const int size = static_cast<int>(monitorList.size());
-    for (int i = 0; i < size; ++i) {
-        if (i == kMaxMonitorRules) {
-            SDK::LogError(m_logger,
-                          "The monitoring list(ArrayIndex=%d) exceeds the specification(%d) during "
-                          "policy parsing",
-                          i, kMaxMonitorRules);
-            break;
-        }
-        if (ParseMonitorRule(SDK::JsonUtils::JsonToString(monitorList[i]))) {
-            stored = true;
-        } else {
-            SDK::LogError(m_logger, "Parse monitor cmdlist(ArrayIndex=%d) in policy content failed",
-                          i);
-        }
-    }
-    return stored;
 }
 
 bool QemuCmdDetectPolicy::ParseMonitorRule(const std::string& ruleText) {
@@ -86,39 +56,16 @@ bool QemuCmdDetectPolicy::ParseMonitorRule(const std::string& ruleText) {
         SDK::LogError(m_logger, "Parse cmd list  in monitor rule failed");
         return false;
     }
-    if (!ParseCmdList(cmdList, accessRule.cmdList)) {
+    const bool read = ReadTexts(
+        cmdList, "The cmd list(ArrayIndex=%d) exceeds the specification(%d) during policy parsing.",
+        [&accessRule](const std::string& command) { accessRule.cmdList.insert(command); });
+    if (!read) {
         return false;
     }
     const int action = accessRule.action ? 1 : 0;
     m_monitorRules.try_emplace(virtCmd, std::move(accessRule));
     SDK::LogDebug(m_logger, "Insert monitor rule(virtcmd:%s,action:%d)", virtCmd, action);
     return true;
-}
-
-bool QemuCmdDetectPolicy::ParseCmdList(const Json::Value& list, std::set<std::string>& commands) {
-    const int size = static_cast<int>(list.size());
-    for (int i = 0; i < size; ++i) {
-        if (i == kMaxCommands) {
-            SDK::LogError(m_logger,
-                          "The cmd list(ArrayIndex=%d) exceeds the specification(%d) during policy "
-                          "parsing.",
-                          i, kMaxCommands);
-            break;
-        }
-        // asString throws on lists and objects.
-        if (!list[i].isConvertibleTo(Json::stringValue)) {
-            return false;
-        }
-        commands.insert(list[i].asString());
-    }
-    return true;
-}
-
-void QemuCmdDetectPolicy::AddTaskPolicy(const Json::Value& content) {
-    auto taskPolicy = std::make_unique<QemuCmdDetectTaskPolicy>("qemu_cmd_detect_task");
-    // The run condition does not decide about the feature: its result is not looked at.
-    taskPolicy->Parse(SDK::JsonUtils::GetStringValue(content, "qemu_cmd_detect_task", ""));
-    Add(taskPolicy.release());
 }
 
 bool QemuCmdDetectPolicy::IsMonitorProcess(const std::string& virtCmd) const {

@@ -1,9 +1,6 @@
 #pragma once
 
-#include "framework/Policy.h"
-
-#include <Poco/Logger.h>
-#include <json/value.h>
+#include "DetectPolicy.h"
 
 #include <map>
 #include <set>
@@ -15,7 +12,7 @@ namespace Engine {
 ///
 /// Threads: parsed by the thread that delivers policies, before any task sees it; the questions are
 /// asked by the command task and change nothing.
-class QemuCmdDetectPolicy : public Framework::FeaturePolicy {
+class QemuCmdDetectPolicy : public DetectPolicy {
 public:
     /// One rule: the commands below one virtualization program.
     struct AccessRule {
@@ -50,12 +47,7 @@ public:
                           const std::string& cmdName, const std::string& cmdPath) const;
 
 private:
-    bool ParseMonitorList(const Json::Value& monitorList);
-    bool ParseCmdList(const Json::Value& list, std::set<std::string>& commands);
-    void AddTaskPolicy(const Json::Value& content);
-
     std::map<std::string, AccessRule> m_monitorRules;
-    Poco::Logger* m_logger;
 };
 
 }  // namespace Engine

@@ -3,9 +3,8 @@
 #include "QemuCmdDetectTask.h"
 
 #include "CpuShare.h"
+#include "FullProcessList.h"
 #include "VmEscapeLog.h"
-#include "framework/Engine.h"
-#include "process_collect/ProcsFullTask.h"
 #include "process_collect/ProcsRegistMessage.h"
 #include "sdk/TimeUtils.h"
 
@@ -104,16 +103,7 @@ bool QemuCmdDetectTask::ProcessFullProcessInfo() {
 }
 
 bool QemuCmdDetectTask::GetFullProcessInfo(ProcInfoMap& procs) {
-    procs.clear();
-    Framework::Engine* engine = Framework::Engine::Current();
-    Framework::Task* task = engine == nullptr ? nullptr : engine->FindTask("procs_full_task");
-    auto* procsTask = dynamic_cast<ProcsFullTask*>(task);
-    if (procsTask == nullptr) {
-        SDK::LogError(m_logger, "procsTask is null");
-        return false;
-    }
-    procsTask->GetProcsMap(procs);
-    return !procs.empty();
+    return GetFullProcessList(m_logger, procs);
 }
 
 void QemuCmdDetectTask::CheckSensitiveCmd(std::vector<std::shared_ptr<Framework::Message>>& msgs) {

@@ -105,13 +105,8 @@ bool QemuCmdDetectTask::CheckProcessIsExecSensitiveCmd(const ProcInfoPtr& info,
 bool QemuCmdDetectTask::IsSensitiveCmd(const std::string& monitorProcess,
                                        const std::string& processName, const std::string& cmdline,
                                        const std::string& exePath) {
-    const std::shared_ptr<Framework::FeaturePolicy> feature = GetFeaturePolicy();
-    if (feature == nullptr) {
-        SDK::LogError(m_logger,
-                      "m_featurePolicy is null pointer in QemuCmdDetectTask::IsSensitiveCmd");
-        return false;
-    }
-    const auto* policy = dynamic_cast<const QemuCmdDetectPolicy*>(feature.get());
+    const auto policy = GetDetectPolicy<QemuCmdDetectPolicy>(
+        *this, m_logger, "m_featurePolicy is null pointer in QemuCmdDetectTask::IsSensitiveCmd");
     return policy != nullptr &&
            policy->MatchMonitorRule(monitorProcess, processName, cmdline, exePath);
 }

@@ -93,13 +93,8 @@ void QemuCmdDetectTask::ClearExitProcess() {
 }
 
 bool QemuCmdDetectTask::IsMonitorProcess(const std::string& name, int /*pid*/) {
-    const std::shared_ptr<Framework::FeaturePolicy> feature = GetFeaturePolicy();
-    if (feature == nullptr) {
-        SDK::LogError(m_logger,
-                      "m_featurePolicy is null pointer in QemuCmdDetectTask::IsMonitorProcess");
-        return false;
-    }
-    const auto* policy = dynamic_cast<const QemuCmdDetectPolicy*>(feature.get());
+    const auto policy = GetDetectPolicy<QemuCmdDetectPolicy>(
+        *this, m_logger, "m_featurePolicy is null pointer in QemuCmdDetectTask::IsMonitorProcess");
     return policy != nullptr && policy->IsMonitorProcess(name);
 }
 
