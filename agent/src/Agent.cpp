@@ -110,8 +110,11 @@ int Agent::LoadSettings() {
 }
 
 int Agent::CheckPrivileges() const {
+    const std::vector<std::string> optional = m_settings.GetList("optional_modules");
+    const bool files =
+        std::find(optional.begin(), optional.end(), "filenotify_module") == optional.end();
     const std::vector<std::string> missing =
-        Privileges::Missing(m_settings.Get("process_collect.source"));
+        Privileges::Missing(m_settings.Get("process_collect.source"), files);
     for (const std::string& privilege : missing) {
         Complain("missing privilege: " + privilege);
     }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <initializer_list>
 #include <set>
 #include <string_view>
 
@@ -16,13 +15,10 @@ namespace Agent {
 namespace {
 
 constexpr const char* kModuleName = "vmescape_module";
-constexpr const char* kCommandFeature = "qemu_cmd_detect_feature";
-constexpr std::array<std::string_view, 3> kFeatures = {kCommandFeature, "qemu_file_detect_feature",
-                                                       "qemu_port_detect_feature"};
 
 // What the module reads at the most; the rest is ignored.
 constexpr Json::ArrayIndex kMaxRules = 50;
-constexpr Json::ArrayIndex kMaxCommands = 100;
+constexpr Json::ArrayIndex kMaxTexts = 100;
 
 enum class Need { REQUIRED, OPTIONAL };
 
@@ -40,7 +36,7 @@ public:
     }
 
     void WarnOfUnknownKeys(const Json::Value& object, const std::string& place,
-                           std::initializer_list<std::string_view> known) {
+                           const std::vector<std::string_view>& known) {
         for (const std::string& key : object.getMemberNames()) {
             if (std::find(known.begin(), known.end(), key) == known.end()) {
                 Warn(Pointer(place, key), "unknown key");
@@ -82,59 +78,138 @@ void CheckEnvelope(Findings& check, const Json::Value& policy) {
     check.Expect(policy, "", "hash", Json::stringValue, "a string", Need::OPTIONAL);
 }
 
-void CheckCommands(Findings& check, const Json::Value& commands, const std::string& place) {
-    if (commands.size() > kMaxCommands) {
-        check.Warn(place, "expected at most 100 commands, found " +
-                              std::to_string(commands.size()) + "; the rest is ignored");
+/// Says what is odd about one entry of a list of texts; empty when nothing is.
+using Oddity = std::string (*)(const std::string& text);
+
+std::string OddCommand(const std::string& text) {
+    return text.empty() ? "an empty string names no command" : "";
+}
+
+std::string OddPath(const std::string& text) {
+    return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it never matches";
+}
+
+std::string OddDirectory(const std::string& text) {
+    return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it is not watched";
+}
+
+/// A list of texts in a policy.
+struct TextList {
+    const char* m_key;
+    const char* m_noun;
+    Oddity m_oddity;
+};
+
+/// How the policy of one feature is made up.
+struct Shape {
+    std::string_view m_feature;
+    const char* m_taskKey;
+    const char* m_programKey;  // in each rule
+    TextList m_list;           // in each rule
+    bool m_ruleAction;         // an "action" in each rule
+    bool m_contentAction;      // one "action" for all rules
+    TextList m_contentList;    // beside the rules; without a key there is none
+    bool m_ready;              // the detection exists
+};
+
+const std::array<Shape, 3> kShapes = {{
+    {"qemu_cmd_detect_feature",
+     "qemu_cmd_detect_task",
+     "virtcmd",
+     {"cmdlist", "commands", OddCommand},
+     true,
+     false,
+     {nullptr, nullptr, nullptr},
+     true},
+    {"qemu_file_detect_feature",
+     "qemu_file_detect_task",
+     "virtmonitor",
+     {"filelist", "files", OddPath},
+     false,
+     true,
+     {"senstive_dirs", "directories", OddDirectory},
+     true},
+    {"qemu_port_detect_feature",
+     "qemu_port_detect_task",
+     "virtmonitor",
+     {"portlist", "ports", OddCommand},
+     false,
+     false,
+     {nullptr, nullptr, nullptr},
+     false},
+}};
+
+const Shape* FindShape(std::string_view feature) {
+    const auto found = std::find_if(kShapes.begin(), kShapes.end(),
+                                    [&](const Shape& shape) { return shape.m_feature == feature; });
+    return found == kShapes.end() ? nullptr : found;
+}
+
+void CheckTexts(Findings& check, const Json::Value& object, const std::string& above,
+                const TextList& list) {
+    if (!check.Expect(object, above, list.m_key, Json::arrayValue, "a list of strings",
+                      Need::REQUIRED)) {
+        return;
     }
-    for (Json::ArrayIndex i = 0; i < commands.size(); ++i) {
+    const Json::Value& texts = object[list.m_key];
+    const std::string place = Pointer(above, list.m_key);
+    if (texts.size() > kMaxTexts) {
+        check.Warn(place, std::string("expected at most 100 ") + list.m_noun + ", found " +
+                              std::to_string(texts.size()) + "; the rest is ignored");
+    }
+    for (Json::ArrayIndex i = 0; i < texts.size(); ++i) {
         const std::string entry = Pointer(place, std::to_string(i));
-        if (!commands[i].isString()) {
-            check.Error(entry, "expected a non-empty string, found " + DescribeType(commands[i]));
-        } else if (commands[i].asString().empty()) {
-            check.Warn(entry, "an empty string names no command");
+        if (!texts[i].isString()) {
+            check.Error(entry, "expected a non-empty string, found " + DescribeType(texts[i]));
+            continue;
         }
+        const std::string odd = list.m_oddity(texts[i].asString());
+        if (!odd.empty()) {
+            check.Warn(entry, odd);
+        }
+    }
+}
+
+void CheckAction(Findings& check, const Json::Value& object, const std::string& place) {
+    check.Expect(object, place, "action", Json::booleanValue,
+                 "a boolean (true: allow list, false: deny list)", Need::OPTIONAL);
+}
+
+void CheckProgram(Findings& check, const Json::Value& rule, const std::string& above,
+                  const char* key, std::set<std::string>& seen) {
+    if (!check.Expect(rule, above, key, Json::stringValue, "a non-empty string", Need::REQUIRED)) {
+        return;
+    }
+    const std::string name = rule[key].asString();
+    const std::string place = Pointer(above, key);
+    if (name.empty()) {
+        check.Error(place, "expected a non-empty string, found an empty string");
+    } else if (!seen.insert(name).second) {
+        check.Warn(place, "\"" + name + "\" has a rule already; this one is ignored");
+    }
+    if (name.find('/') != std::string::npos) {
+        check.Warn(place,
+                   "\"" + name + "\" is a path; processes are known by name, it will never match");
     }
 }
 
 void CheckRule(Findings& check, const Json::Value& rule, const std::string& place,
-               std::set<std::string>& seen) {
+               const Shape& shape, std::set<std::string>& seen) {
     if (!rule.isObject()) {
         check.Error(place, "expected an object, found " + DescribeType(rule));
         return;
     }
-    check.WarnOfUnknownKeys(rule, place, {"virtcmd", "action", "cmdlist"});
-    if (check.Expect(rule, place, "virtcmd", Json::stringValue, "a non-empty string",
-                     Need::REQUIRED)) {
-        const std::string name = rule["virtcmd"].asString();
-        if (name.empty()) {
-            check.Error(place + "/virtcmd", "expected a non-empty string, found an empty string");
-        } else if (!seen.insert(name).second) {
-            check.Warn(place + "/virtcmd",
-                       "\"" + name + "\" has a rule already; this one is ignored");
-        }
-        if (name.find('/') != std::string::npos) {
-            check.Warn(place + "/virtcmd", "\"" + name +
-                                               "\" is a path; processes are known by name, "
-                                               "it will never match");
-        }
+    std::vector<std::string_view> known{shape.m_programKey, shape.m_list.m_key};
+    if (shape.m_ruleAction) {
+        known.emplace_back("action");
+        CheckAction(check, rule, place);
     }
-    check.Expect(rule, place, "action", Json::booleanValue,
-                 "a boolean (true: allow list, false: deny list)", Need::OPTIONAL);
-    if (check.Expect(rule, place, "cmdlist", Json::arrayValue, "a list of strings",
-                     Need::REQUIRED)) {
-        CheckCommands(check, rule["cmdlist"], place + "/cmdlist");
-    }
+    check.WarnOfUnknownKeys(rule, place, known);
+    CheckProgram(check, rule, place, shape.m_programKey, seen);
+    CheckTexts(check, rule, place, shape.m_list);
 }
 
-void CheckCommandFeature(Findings& check, const Json::Value& policy) {
-    if (!check.Expect(policy, "", "content", Json::objectValue, "an object", Need::REQUIRED)) {
-        return;
-    }
-    const Json::Value& content = policy["content"];
-    check.WarnOfUnknownKeys(content, "/content", {"monitor_list", "qemu_cmd_detect_task"});
-    check.Expect(content, "/content", "qemu_cmd_detect_task", Json::stringValue, "a string",
-                 Need::OPTIONAL);
+void CheckRules(Findings& check, const Json::Value& content, const Shape& shape) {
     if (!check.Expect(content, "/content", "monitor_list", Json::arrayValue,
                       "a list of at least one rule", Need::REQUIRED)) {
         return;
@@ -150,8 +225,28 @@ void CheckCommandFeature(Findings& check, const Json::Value& policy) {
     }
     std::set<std::string> seen;
     for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
-        CheckRule(check, rules[i], Pointer(place, std::to_string(i)), seen);
+        CheckRule(check, rules[i], Pointer(place, std::to_string(i)), shape, seen);
     }
+}
+
+void CheckContent(Findings& check, const Json::Value& policy, const Shape& shape) {
+    if (!check.Expect(policy, "", "content", Json::objectValue, "an object", Need::REQUIRED)) {
+        return;
+    }
+    const Json::Value& content = policy["content"];
+    std::vector<std::string_view> known{"monitor_list", shape.m_taskKey};
+    check.Expect(content, "/content", shape.m_taskKey, Json::stringValue, "a string",
+                 Need::OPTIONAL);
+    if (shape.m_contentAction) {
+        known.emplace_back("action");
+        CheckAction(check, content, "/content");
+    }
+    if (shape.m_contentList.m_key != nullptr) {
+        known.emplace_back(shape.m_contentList.m_key);
+        CheckTexts(check, content, "/content", shape.m_contentList);
+    }
+    check.WarnOfUnknownKeys(content, "/content", known);
+    CheckRules(check, content, shape);
 }
 
 }  // namespace
@@ -172,15 +267,16 @@ std::vector<Problem> PolicyChecker::Check(const std::string& path, const std::st
     }
     Findings check(path, problems);
     const std::string feature = FeatureOf(path);
-    if (std::find(kFeatures.begin(), kFeatures.end(), feature) == kFeatures.end()) {
+    const Shape* shape = FindShape(feature);
+    if (shape == nullptr) {
         check.Error("",
                     "expected the file name of a feature (qemu_cmd_detect_feature.json, "
                     "qemu_file_detect_feature.json or qemu_port_detect_feature.json)");
         return problems;
     }
     CheckEnvelope(check, policy);
-    if (feature == kCommandFeature) {
-        CheckCommandFeature(check, policy);
+    if (shape->m_ready) {
+        CheckContent(check, policy, *shape);
     } else {
         check.Warn("", "this version has no detection for the feature; the policy is refused");
     }

@@ -10,7 +10,8 @@ class Privileges {
 public:
     /// The capabilities that are missing, each with what it is needed for. Empty: all is there.
     /// @param source  the configured source of process events: "auto", "bpf" or "connector"
-    static std::vector<std::string> Missing(const std::string& source);
+    /// @param files   file accesses have to be followed too
+    static std::vector<std::string> Missing(const std::string& source, bool files);
 };
 
 }  // namespace Agent

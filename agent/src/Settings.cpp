@@ -30,7 +30,7 @@ struct Row {
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 12> kRows = {{
+constexpr std::array<Row, 13> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -47,6 +47,8 @@ constexpr std::array<Row, 12> kRows = {{
      "size of the kernel's event buffer, a power of two"},
     {"process_collect.backlog", Kind::NUMBER, "65536", "", 1, 10000000,
      "events that a slow task may fall behind"},
+    {"filenotify.backlog", Kind::NUMBER, "65536", "", 1, 10000000,
+     "file accesses that a slow task may fall behind"},
 }};
 
 const Row* Find(const std::string& key) {

@@ -42,11 +42,11 @@ std::string ShowTime(const Json::Value& alarm) {
     return Poco::DateTimeFormatter::format(local, "%Y-%m-%d %H:%M:%S");
 }
 
-Json::Value FirstProcess(const Json::Value& alarm) {
-    Json::Value processes;
-    return SDK::JsonUtils::GetArrayValue(alarm, "process_info", processes) && !processes.empty()
-               ? processes[0]
-               : Json::Value();
+/// The first element of a list of an alarm, null when there is none.
+Json::Value First(const Json::Value& alarm, const char* key) {
+    Json::Value list;
+    return SDK::JsonUtils::GetArrayValue(alarm, key, list) && !list.empty() ? list[0]
+                                                                            : Json::Value();
 }
 
 /// What happened: the detection's own word for it where there is one.
@@ -61,6 +61,11 @@ std::string ShowProcess(const Json::Value& process) {
     const std::string command = Show(process, "process_cmdline");
     return Show(process, "process_name") + ShowPid(process, "process_pid") +
            (command.empty() ? "" : " \"" + command + '"');
+}
+
+std::string ShowFile(const Json::Value& file) {
+    const std::string path = Show(file, "file_path");
+    return path.empty() ? "" : Show(file, "file_action") + " \"" + path + '"';
 }
 
 std::string ShowParent(const Json::Value& process) {
@@ -89,11 +94,11 @@ std::string AlarmFormatter::Format(const std::string& document) const {
 std::string AlarmFormatter::FormatText(const Json::Value& alarm) const {
     Json::Value resource;
     SDK::JsonUtils::GetSubobjectValue(alarm, "resource_info", resource);
-    const Json::Value process = FirstProcess(alarm);
+    const Json::Value process = First(alarm, "process_info");
     std::string line = Paint(kDim, ShowTime(alarm));
     for (const std::string& part :
          {Paint(kBold, Show(resource, "vm_name")), Paint(kRed, ShowWhat(alarm)),
-          ShowProcess(process), ShowParent(process)}) {
+          ShowProcess(process), ShowFile(First(alarm, "file_info")), ShowParent(process)}) {
         // Not every detection knows everything.
         line += part.empty() ? "" : "  " + part;
     }

@@ -12,7 +12,8 @@
 namespace {
 
 /// How many privileges are missing to a child with these capabilities and no others.
-int CountMissing(std::initializer_list<unsigned int> capabilities, const std::string& source) {
+int CountMissing(std::initializer_list<unsigned int> capabilities, const std::string& source,
+                 bool files = false) {
     const pid_t child = ::fork();
     if (child == 0) {
         capng_clear(CAPNG_SELECT_BOTH);
@@ -25,7 +26,7 @@ int CountMissing(std::initializer_list<unsigned int> capabilities, const std::st
         if (capng_apply(CAPNG_SELECT_CAPS) != 0) {
             ::_exit(99);
         }
-        ::_exit(static_cast<int>(Agent::Privileges::Missing(source).size()));
+        ::_exit(static_cast<int>(Agent::Privileges::Missing(source, files).size()));
     }
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -44,7 +45,7 @@ protected:
 
 TEST_F(Privileges, OfRootAreEnough) {
     for (const char* source : {"auto", "bpf", "connector"}) {
-        EXPECT_TRUE(Agent::Privileges::Missing(source).empty());
+        EXPECT_TRUE(Agent::Privileges::Missing(source, true).empty());
     }
 }
 
@@ -69,6 +70,12 @@ TEST_F(Privileges, ForAnySourceAreThoseOfOne) {
 TEST_F(Privileges, ToSeeOthersProgramsAreNeededInAnyCase) {
     EXPECT_EQ(CountMissing({CAP_SYS_ADMIN, CAP_NET_ADMIN}, "auto"), 1);
     EXPECT_EQ(CountMissing({}, "auto"), 3);
+}
+
+TEST_F(Privileges, ForFilesAreTheAdministratorAndTheReaderOfAll) {
+    EXPECT_EQ(CountMissing({CAP_SYS_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH}, "bpf", true), 0);
+    EXPECT_EQ(CountMissing({CAP_SYS_ADMIN, CAP_SYS_PTRACE}, "bpf", true), 1);
+    EXPECT_EQ(CountMissing({CAP_BPF, CAP_PERFMON, CAP_SYS_PTRACE}, "bpf", true), 2);
 }
 
 }  // namespace
