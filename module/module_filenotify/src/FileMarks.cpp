@@ -41,10 +41,10 @@ bool NeedsDescriptors(int error) {
 
 }  // namespace
 
-FileMarks::FileMarks() = default;
+FileMarks::FileMarks(bool useKeys) : m_useKeys(useKeys) {}
 
 bool FileMarks::Open() {
-    const int byKey = m_byKey.Open();
+    const int byKey = m_useKeys ? m_byKey.Open() : EINVAL;
     const int byDescriptor = m_byDescriptor.Open();
     if (byKey != 0 && byDescriptor != 0) {
         SDK::LogError(Logger(), "The kernel gives no file notification (fanotify): %s",

@@ -24,7 +24,8 @@ struct DirectoryMark {
 /// Threads: one at a time.
 class FileMarks {
 public:
-    FileMarks();
+    /// @param useKeys  false: do as on a kernel that cannot name directories by key (before 5.9)
+    explicit FileMarks(bool useKeys = true);
 
     /// @return false when the kernel has no fanotify for this program (logged)
     bool Open();
@@ -49,6 +50,7 @@ public:
 private:
     FanotifyGroup& GroupOf(const DirectoryMark& mark);
 
+    const bool m_useKeys;
     FanotifyGroup m_byKey{FanotifyGroup::Naming::BY_DIRECTORY};
     FanotifyGroup m_byDescriptor{FanotifyGroup::Naming::BY_DESCRIPTOR};
 };

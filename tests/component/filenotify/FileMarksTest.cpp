@@ -1,0 +1,196 @@
+// Marks in both kinds of groups, and what their events look like.
+
+#include "FileMarks.h"
+
+#include "FanotifyGroup.h"
+#include "NotifierHarness.h"
+
+namespace {
+
+using namespace FileNotifyTest;
+using FileNotify::DirectoryMark;
+using FileNotify::FanotifyEvent;
+using Naming = FileNotify::FanotifyGroup::Naming;
+
+SDK::UniqueDescriptor Open(const std::string& path) {
+    return SDK::UniqueDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+class FanotifyGroup : public NotifierTest {
+protected:
+    /// The directories and names of the events of a reading.
+    static Strings EventsOf(FileNotify::FanotifyGroup& group, const std::string& file) {
+        InChild([&] { ReadFile(file); });
+        Strings events;
+        group.Read([&](const FanotifyEvent& event) {
+            events.push_back((event.m_hasKey ? "key" : std::string(event.m_directory)) + '/' +
+                             std::string(event.m_name));
+        });
+        return events;
+    }
+};
+
+TEST_F(FanotifyGroup, NamesAFileByTheKeyOfItsDirectory) {
+    const std::string file = File("shadow");
+    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
+    ASSERT_EQ(group.Open(), 0);
+    ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
+    EXPECT_EQ(EventsOf(group, file), Strings{"key/shadow"});
+}
+
+TEST_F(FanotifyGroup, NamesAFileByItsPathWhereItComesAsADescriptor) {
+    const std::string file = File("shadow");
+    FileNotify::FanotifyGroup group(Naming::BY_DESCRIPTOR);
+    ASSERT_EQ(group.Open(), 0);
+    ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
+    EXPECT_EQ(EventsOf(group, file), Strings{file});
+}
+
+TEST_F(FanotifyGroup, ClosesTheDescriptorsOfItsEvents) {
+    const std::string file = File("shadow");
+    FileNotify::FanotifyGroup group(Naming::BY_DESCRIPTOR);
+    ASSERT_EQ(group.Open(), 0);
+    ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
+    const SDK::UniqueDescriptor before = Open("/");
+    for (int i = 0; i < 10; ++i) {
+        EventsOf(group, file);
+    }
+    EXPECT_EQ(Open("/").Get(), before.Get() + 1) << "the next free number";
+}
+
+TEST_F(FanotifyGroup, IsSilentAboutWhatIsNoLongerMarked) {
+    const std::string file = File("shadow");
+    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
+    ASSERT_EQ(group.Open(), 0);
+    const SDK::UniqueDescriptor directory = Open(m_folder.Path());
+    ASSERT_EQ(group.Mark(directory.Get()), 0);
+    ASSERT_EQ(group.Unmark(directory.Get()), 0);
+    EXPECT_TRUE(EventsOf(group, file).empty());
+    EXPECT_EQ(group.Unmark(directory.Get()), ENOENT);
+}
+
+TEST_F(FanotifyGroup, MarksTwiceAsOnce) {
+    const std::string file = File("shadow");
+    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
+    ASSERT_EQ(group.Open(), 0);
+    const SDK::UniqueDescriptor directory = Open(m_folder.Path());
+    ASSERT_EQ(group.Mark(directory.Get()), 0);
+    ASSERT_EQ(group.Mark(directory.Get()), 0);
+    EXPECT_EQ(EventsOf(group, file).size(), 1U);
+    ASSERT_EQ(group.Unmark(directory.Get()), 0);
+    EXPECT_TRUE(EventsOf(group, file).empty());
+}
+
+TEST_F(FanotifyGroup, MarksNothingButDirectories) {
+    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
+    ASSERT_EQ(group.Open(), 0);
+    const SDK::UniqueDescriptor file(::open(File("shadow").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(group.Mark(file.Get()), ENOTDIR);
+}
+
+TEST_F(FanotifyGroup, HasNothingToTellWhenItIsClosed) {
+    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
+    EXPECT_FALSE(group.IsOpen());
+    EXPECT_EQ(group.Descriptor(), -1);
+    EXPECT_EQ(group.Read([](const FanotifyEvent&) {}), 0U);
+}
+
+class FileMarks : public NotifierTest {
+protected:
+    void SetUp() override {
+        NotifierTest::SetUp();
+        if (!IsSkipped()) {
+            ASSERT_TRUE(m_marks.Open());
+        }
+    }
+
+    DirectoryMark Mark(const std::string& path) {
+        DirectoryMark mark;
+        EXPECT_EQ(m_marks.Mark(Open(path).Get(), mark), 0);
+        return mark;
+    }
+    bool Tells(const std::string& file) {
+        InChild([&] { ReadFile(file); });
+        return m_marks.Read([](const FanotifyEvent&) {}) > 0;
+    }
+
+    FileNotify::FileMarks m_marks;
+};
+
+TEST_F(FileMarks, KnowADirectoryByItsKeyAndInode) {
+    const DirectoryMark mark = Mark(m_folder.Path());
+    struct stat status {};
+    ASSERT_EQ(::stat(m_folder.Path().c_str(), &status), 0);
+    EXPECT_TRUE(mark.m_byKey);
+    EXPECT_EQ(mark.m_key, FileNotify::ReadDirectoryKey(Open(m_folder.Path()).Get()));
+    EXPECT_EQ(mark.m_inode, status.st_ino);
+    EXPECT_EQ(mark.m_device, status.st_dev);
+}
+
+TEST_F(FileMarks, UseDescriptorsWhereKeysCannotBeHad) {
+    const std::string file = File("shadow");
+    FileNotify::FileMarks marks(false);
+    ASSERT_TRUE(marks.Open());
+    EXPECT_EQ(marks.Descriptors()[0], -1);
+    DirectoryMark mark;
+    ASSERT_EQ(marks.Mark(Open(m_folder.Path()).Get(), mark), 0);
+    EXPECT_FALSE(mark.m_byKey);
+    Strings seen;
+    const auto note = [&](const FanotifyEvent& event) {
+        seen.push_back(std::string(event.m_directory) + '/' + std::string(event.m_name));
+    };
+    InChild([&] { ReadFile(file); });
+    marks.Read(note);
+    EXPECT_EQ(seen, Strings{file});
+    EXPECT_TRUE(marks.Unmark(mark, m_folder.Path()));
+    InChild([&] { ReadFile(file); });
+    marks.Read(note);
+    EXPECT_EQ(seen.size(), 1U);
+}
+
+TEST_F(FileMarks, AreToldOfTheKernelsOwnFilesToo) {
+    Mark("/proc/sys/kernel");
+    EXPECT_TRUE(Tells("/proc/sys/kernel/ostype"));
+}
+
+TEST_F(FileMarks, AreTakenBackWhereTheDirectoryWas) {
+    const std::string file = File("shadow");
+    const DirectoryMark mark = Mark(m_folder.Path());
+    EXPECT_TRUE(Tells(file));
+    EXPECT_TRUE(m_marks.Unmark(mark, m_folder.Path()));
+    EXPECT_FALSE(Tells(file));
+}
+
+TEST_F(FileMarks, AreTakenBackAfterTheDirectoryHasMoved) {
+    Make("a");
+    Make("b");
+    const DirectoryMark mark = Mark(m_folder / "a");
+    std::filesystem::rename(m_folder / "a", m_folder / "b/a");
+    EXPECT_TRUE(m_marks.Unmark(mark, m_folder / "a"));
+    EXPECT_FALSE(Tells(File("b/a/key")));
+}
+
+TEST_F(FileMarks, OfAnotherDirectoryAtTheSamePathStay) {
+    Make("a");
+    const DirectoryMark old = Mark(m_folder / "a");
+    std::filesystem::rename(m_folder / "a", m_folder / "b");
+    Make("a");
+    Mark(m_folder / "a");
+    EXPECT_TRUE(m_marks.Unmark(old, m_folder / "a"));
+    EXPECT_TRUE(Tells(File("a/key")));
+    EXPECT_FALSE(Tells(File("b/key")));
+}
+
+TEST_F(FileMarks, AreGoneWithTheirDirectory) {
+    Make("a");
+    const DirectoryMark mark = Mark(m_folder / "a");
+    std::filesystem::remove(m_folder / "a");
+    EXPECT_FALSE(m_marks.Unmark(mark, m_folder / "a"));
+}
+
+TEST_F(FileMarks, CannotBeSetWithoutADirectory) {
+    DirectoryMark mark;
+    EXPECT_EQ(m_marks.Mark(-1, mark), EBADF);
+}
+
+}  // namespace
