@@ -18,13 +18,19 @@ QEMU = "qemu-system-x86_64"
 VM = "demo-vm"
 PATIENCE = 20.0  # seconds that one step may take
 
-# A deny list, so that a shell is told apart from a command that is not allowed.
-POLICY = {
-    "module_name": "vmescape_module",
-    "enabled": True,
-    "hash": "demo",
-    "content": {"monitor_list": [{"virtcmd": QEMU, "action": False, "cmdlist": ["/usr/bin/id"]}]},
-}
+
+
+def policies(keys):
+    """The content of each policy file. keys: the file that stands for somebody's SSH keys."""
+    return {
+        # A deny list, so that a shell is told apart from a command that is not allowed.
+        "qemu_cmd_detect_feature": {
+            "monitor_list": [{"virtcmd": QEMU, "action": False, "cmdlist": ["/usr/bin/id"]}]},
+        "qemu_file_detect_feature": {
+            "action": False,
+            "senstive_dirs": ["/etc", os.path.dirname(keys)],
+            "monitor_list": [{"virtmonitor": QEMU, "filelist": ["/etc/shadow", keys]}]},
+    }
 
 
 class DemoError(Exception):
@@ -68,24 +74,29 @@ class Child:
 class Agent(Child):
     """The agent, with alarms as text on the screen and as JSON in a file."""
 
-    def __init__(self, build, folder):
-        policies = os.path.join(folder, "policies")
-        os.mkdir(policies)
-        with open(os.path.join(policies, "qemu_cmd_detect_feature.json"), "w", encoding="utf-8") as stream:
-            json.dump(POLICY, stream)
+    def __init__(self, build, folder, contents):
+        policy_folder = os.path.join(folder, "policies")
+        os.mkdir(policy_folder)
+        for feature, content in contents.items():
+            policy = {"module_name": "vmescape_module", "enabled": True, "hash": "demo", "content": content}
+            with open(os.path.join(policy_folder, feature + ".json"), "w", encoding="utf-8") as stream:
+                json.dump(policy, stream)
         self.alarm_file = os.path.join(folder, "alarms.jsonl")
         self.log_file = os.path.join(folder, "agent.log")
         with open(self.log_file, "wb") as log:
             super().__init__(
-                [os.path.join(build, "bin/vmescape-agent"), "run", "--policies", policies,
-                 "--output", f"text:stdout,json:file:{self.alarm_file}"], stderr=log)
+                [os.path.join(build, "bin/vmescape-agent"), "run", "--policies", policy_folder,
+                 "--log-level", "information", "--output", f"text:stdout,json:file:{self.alarm_file}"], stderr=log)
 
     def log(self):
         with open(self.log_file, encoding="utf-8", errors="replace") as stream:
             return stream.read()
 
     def wait_ready(self):
-        wait_until(lambda: " is running, " in self.log() or not self.running(), "the agent does not get ready")
+        # The directories are marked by a thread of their own, which says when it is done.
+        ready = (" is running, ", " directories are watched.")
+        wait_until(lambda: all(text in self.log() for text in ready) or not self.running(),
+                   "the agent does not get ready")
         if not self.running():
             raise DemoError("the agent did not start")
 
@@ -93,11 +104,8 @@ class Agent(Child):
         with open(self.alarm_file, encoding="utf-8") as stream:
             return [json.loads(line) for line in stream if line.endswith("\n")]
 
-    def has_alarm(self, mode, command):
-        return any(alarm["forensic_info"]["escape_mode"] == mode
-                   and alarm["resource_info"]["vm_name"] == VM
-                   and alarm["process_info"][0]["process_cmdline"].startswith(command)
-                   for alarm in self.alarms())
+    def has_alarm(self, matches):
+        return any(alarm["resource_info"]["vm_name"] == VM and matches(alarm) for alarm in self.alarms())
 
 
 class VirtualMachine(Child):
@@ -141,26 +149,66 @@ class VirtualMachine(Child):
             seen += piece
 
 
-def show(agent, folder, title, command, mode, expected):
-    """One virtual machine, one command, one alarm."""
-    print(f"\n== {title}: migrate \"exec:{command}\"", flush=True)
+def of_command(mode, command):
+    """Matches the alarm of a command."""
+    return lambda alarm: (alarm["event_classid"] == "vmescape_0001"
+                          and alarm["forensic_info"]["escape_mode"] == mode
+                          and alarm["process_info"][0]["process_cmdline"].startswith(command))
+
+
+def of_file(path, process):
+    """Matches the alarm of a file."""
+    return lambda alarm: (alarm["event_classid"] == "vmescape_0002"
+                          and alarm["file_info"][0]["file_path"] == path
+                          and alarm["process_info"][0]["process_name"] == process)
+
+
+def show(agent, folder, title, line, matches):
+    """One virtual machine, one line typed into its monitor, one alarm."""
+    print(f"\n== {title}: {line}", flush=True)
     with VirtualMachine(folder) as machine:
-        machine.command(f'migrate "exec:{command}"')
-        wait_until(lambda: agent.has_alarm(mode, expected) or not agent.running(),
-                   f"the alarm \"{mode}\" of {VM} did not come")
+        machine.command(line)
+        wait_until(lambda: agent.has_alarm(matches) or not agent.running(), f"the alarm of {VM} did not come")
         if not agent.running():
             raise DemoError("the agent ended by itself")
 
 
-def run(build, folder):
+def write_program(folder, name, interpreter):
+    """A script that no shell runs."""
+    path = os.path.join(folder, name)
+    with open(path, "w", encoding="utf-8") as stream:
+        stream.write(f"#!{interpreter}\n")
+    os.chmod(path, 0o755)
+    return path
+
+
+def steps(folder, keys):
+    """What the virtual machine does, and the alarm that must follow."""
     payload = os.path.join(folder, "payload")
     shutil.copy("/usr/bin/true", payload)
-    with Agent(build, folder) as agent:
+    yield "a shell", 'migrate "exec:sh -c bash"', of_command("shell", "/bin/sh -c")
+    yield "a command of the deny list", 'migrate "exec:id"', of_command("system/fork", "id")
+    yield "a program in /tmp", f'migrate "exec:{payload}"', of_command("forbidden dir", payload)
+    yield ("QEMU opens a sensitive file", "drive_add 0 file=/etc/shadow,format=raw,if=none,id=x,readonly=on",
+           of_file("/etc/shadow", QEMU))
+    if os.access("/dev/net/tun", os.R_OK | os.W_OK):
+        reader = write_program(folder, "reader", f"/usr/bin/cat {keys}")
+        yield ("a program started without a shell reads another",
+               f"netdev_add tap,id=n0,ifname=tapdemo0,downscript=no,script={reader}", of_file(keys, "reader"))
+    else:
+        print("\n(no /dev/net/tun here: the step with a network script is left out)")
+
+
+def run(build, folder):
+    keys = os.path.join(folder, "home", ".ssh", "authorized_keys")
+    os.makedirs(os.path.dirname(keys))
+    with open(keys, "w", encoding="utf-8") as stream:
+        stream.write("ssh-ed25519 not-a-key\n")
+    with Agent(build, folder, policies(keys)) as agent:
         try:
             agent.wait_ready()
-            show(agent, folder, "a shell", "sh -c bash", "shell", "/bin/sh -c")
-            show(agent, folder, "a command of the deny list", "id", "system/fork", "id")
-            show(agent, folder, "a program in /tmp", payload, "forbidden dir", payload)
+            for title, line, matches in steps(folder, keys):
+                show(agent, folder, title, line, matches)
         except DemoError:
             agent.end()
             print(agent.log(), file=sys.stderr, end="")
@@ -168,8 +216,8 @@ def run(build, folder):
         status = agent.end()
         if status != 0:
             raise DemoError(f"the agent ended with status {status}")
-        print(f"\ndemo: good, {len(agent.alarms())} alarms, among them \"shell\", \"system/fork\" and "
-              f"\"forbidden dir\" of {VM}")
+        classes = sorted({alarm["event_classid"] for alarm in agent.alarms()})
+        print(f"\ndemo: good, {len(agent.alarms())} alarms of {VM}: {', '.join(classes)}")
 
 
 def main():

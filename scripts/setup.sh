@@ -30,6 +30,7 @@ libatomic-queue-dev|peer of the inbox in its benchmark
 forkstat|peer of the process collector in its benchmark
 auditd|peer of the process collector in its benchmark
 qemu-system-x86|the virtual machine that the demo and the live tests watch
+qemu-utils|disk images for that machine
 python3|drives the monitor of that machine
 iproute2|network devices for tests
 procps|process tools for scripts

@@ -16,10 +16,11 @@ namespace {
 constexpr std::chrono::seconds kPatience{20};
 
 std::vector<std::string> MakeArguments(const std::string& build, const TemporaryFolder& policies,
-                                       const TemporaryFolder& output, const std::string& policy,
+                                       const TemporaryFolder& output,
+                                       const AgentProcess::PolicyTexts& texts,
                                        const std::vector<std::string>& arguments) {
-    if (!policy.empty()) {
-        policies.Write(AgentProcess::POLICY_FILE, policy);
+    for (const auto& [file, text] : texts) {
+        policies.Write(file, text);
     }
     // Not the host's own configuration; and below the command line, where a test may say otherwise.
     Json::Value config;
@@ -32,11 +33,36 @@ std::vector<std::string> MakeArguments(const std::string& build, const Temporary
     return all;
 }
 
+AgentProcess::PolicyTexts CommandPolicyAlone(const std::string& text) {
+    return text.empty() ? AgentProcess::PolicyTexts()
+                        : AgentProcess::PolicyTexts{{AgentProcess::POLICY_FILE, text}};
+}
+
+Json::Value ToList(const std::vector<std::string>& texts) {
+    Json::Value list = Json::arrayValue;
+    for (const std::string& text : texts) {
+        list.append(text);
+    }
+    return list;
+}
+
+std::string Envelope(const Json::Value& content) {
+    Json::Value policy;
+    policy["module_name"] = "vmescape_module";
+    policy["enabled"] = true;
+    policy["content"] = content;
+    return SDK::JsonUtils::JsonToString(policy);
+}
+
 }  // namespace
 
 AgentProcess::AgentProcess(const std::string& build, const std::string& policy,
                            const std::vector<std::string>& arguments)
-    : m_child(MakeArguments(build, m_policies, m_output, policy, arguments)) {
+    : AgentProcess(build, CommandPolicyAlone(policy), arguments) {}
+
+AgentProcess::AgentProcess(const std::string& build, const PolicyTexts& policies,
+                           const std::vector<std::string>& arguments)
+    : m_child(MakeArguments(build, m_policies, m_output, policies, arguments)) {
     EXPECT_TRUE(WaitForLog(" is running, ")) << Log();
 }
 
@@ -92,15 +118,22 @@ std::string AgentProcess::Policy(bool allowList, const std::vector<std::string>&
     Json::Value rule;
     rule["virtcmd"] = "qemu-system-x86_64";
     rule["action"] = allowList;
-    rule["cmdlist"] = Json::arrayValue;
-    for (const std::string& command : commands) {
-        rule["cmdlist"].append(command);
-    }
-    Json::Value policy;
-    policy["module_name"] = "vmescape_module";
-    policy["enabled"] = true;
-    policy["content"]["monitor_list"].append(rule);
-    return SDK::JsonUtils::JsonToString(policy);
+    rule["cmdlist"] = ToList(commands);
+    Json::Value content;
+    content["monitor_list"].append(rule);
+    return Envelope(content);
+}
+
+std::string AgentProcess::FilePolicy(bool allowList, const std::vector<std::string>& directories,
+                                     const std::vector<std::string>& files) {
+    Json::Value rule;
+    rule["virtmonitor"] = "qemu-system-x86_64";
+    rule["filelist"] = ToList(files);
+    Json::Value content;
+    content["action"] = allowList;
+    content["senstive_dirs"] = ToList(directories);
+    content["monitor_list"].append(rule);
+    return Envelope(content);
 }
 
 }  // namespace TestSupport

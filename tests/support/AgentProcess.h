@@ -6,6 +6,7 @@
 #include <json/value.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -14,10 +15,17 @@ namespace TestSupport {
 /// The agent as a user runs it, with policies of the test's own and its alarms in a file.
 class AgentProcess {
 public:
+    /// Texts of policies by the names of their files.
+    using PolicyTexts = std::map<std::string, std::string>;
+
     /// Starts it and waits until it says that it is running. Fails the test when it does not.
     /// @param build      the build tree
-    /// @param policy     text of the command policy; empty for none
+    /// @param policies   what is in its policy folder
     /// @param arguments  more arguments of "run"
+    AgentProcess(const std::string& build, const PolicyTexts& policies,
+                 const std::vector<std::string>& arguments = {});
+
+    /// The same with a command policy alone. @param policy  its text; empty for none
     AgentProcess(const std::string& build, const std::string& policy,
                  const std::vector<std::string>& arguments = {});
 
@@ -51,7 +59,12 @@ public:
     /// A command policy with one rule for qemu-system-x86_64.
     static std::string Policy(bool allowList, const std::vector<std::string>& commands);
 
+    /// A file policy with one rule for qemu-system-x86_64.
+    static std::string FilePolicy(bool allowList, const std::vector<std::string>& directories,
+                                  const std::vector<std::string>& files);
+
     static constexpr const char* POLICY_FILE = "qemu_cmd_detect_feature.json";
+    static constexpr const char* FILE_POLICY_FILE = "qemu_file_detect_feature.json";
 
 private:
     TemporaryFolder m_policies;
