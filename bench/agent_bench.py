@@ -21,6 +21,8 @@ STORM = 5000
 STORMS = 2
 TICK = os.sysconf("SC_CLK_TCK")
 MONITORED = "qemu-bench"
+COMMAND_POLICY = {"qemu_cmd_detect_feature": {
+    "monitor_list": [{"virtcmd": MONITORED, "action": True, "cmdlist": []}]}}
 
 
 def cpu_seconds(pid):
@@ -50,19 +52,18 @@ def resident_mb(pid):
 class Agent:
     """A running agent whose alarms are read as they come."""
 
-    def __init__(self, build, folder):
+    def __init__(self, build, folder, contents=None, log_level="error"):
         policies = os.path.join(folder, "policies")
         os.makedirs(policies, exist_ok=True)
-        policy = {"module_name": "vmescape_module", "enabled": True, "hash": "bench",
-                  "content": {"monitor_list": [
-                      {"virtcmd": MONITORED, "action": True, "cmdlist": []}]}}
-        with open(os.path.join(policies, "qemu_cmd_detect_feature.json"), "w",
-                  encoding="utf-8") as stream:
-            json.dump(policy, stream)
+        for feature, content in (contents or COMMAND_POLICY).items():
+            policy = {"module_name": "vmescape_module", "enabled": True, "hash": "bench",
+                      "content": content}
+            with open(os.path.join(policies, feature + ".json"), "w", encoding="utf-8") as stream:
+                json.dump(policy, stream)
         self.log = open(os.path.join(folder, "agent.log"), "w+b")
         self.process = subprocess.Popen(
             [os.path.join(build, "bin/vmescape-agent"), "run", "--policies", policies, "--format",
-             "json", "--log-level", "error"],
+             "json", "--log-level", log_level],
             stdout=subprocess.PIPE, stderr=self.log)
         self.alarms = []  # (arrival in ns, line)
         self.reader = threading.Thread(target=self._read, daemon=True)
@@ -77,10 +78,24 @@ class Agent:
         deadline = time.monotonic() + 30
         while not self.alarms:
             if time.monotonic() > deadline or self.process.poll() is not None:
-                self.log.seek(0)
-                sys.exit("the agent did not get ready:\n" + self.log.read().decode())
+                sys.exit("the agent did not get ready:\n" + self.read_log())
             run_storm(storm, 1)
         self.settle()
+
+    def read_log(self):
+        with open(self.log.name, encoding="utf-8", errors="replace") as stream:
+            return stream.read()
+
+    def wait_for_log(self, text):
+        deadline = time.monotonic() + 30
+        while text not in self.read_log():
+            if time.monotonic() > deadline or self.process.poll() is not None:
+                sys.exit("the agent did not get ready:\n" + self.read_log())
+            time.sleep(0.01)
+
+    def stop_and_read_log(self):
+        self.stop()
+        return self.read_log()
 
     def settle(self):
         """Waits until no alarm has come for a while."""

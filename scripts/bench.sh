@@ -17,4 +17,6 @@ echo "bench: command task" >&2
     --benchmark_out="$results/command_task.json" --benchmark_out_format=json >/dev/null
 echo "bench: agent (several minutes)" >&2
 python3 bench/agent_bench.py "$build" --json "$results/agent.json" >/dev/null
+echo "bench: files" >&2
+python3 bench/file_bench.py "$build" --json "$results/file.json" >/dev/null
 python3 bench/table.py "$results" | tee "$results/table.txt"
