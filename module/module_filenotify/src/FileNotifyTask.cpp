@@ -61,6 +61,9 @@ int FileNotifyTask::Run() {
 }
 
 int FileNotifyTask::HandleMsg(const Framework::Message* message) {
+    if (message == nullptr) {
+        return 0;
+    }
     const auto* request = dynamic_cast<const Engine::FileNotifyWatchMessage*>(message);
     if (request == nullptr) {
         SDK::LogWarning(Logger(), "Task(%s) does not know messages of type(%s).", name(),

@@ -1,8 +1,5 @@
-// Marks in both kinds of groups, and what their events look like.
-
 #include "FileMarks.h"
 
-#include "FanotifyGroup.h"
 #include "NotifierHarness.h"
 
 namespace {
@@ -10,90 +7,6 @@ namespace {
 using namespace FileNotifyTest;
 using FileNotify::DirectoryMark;
 using FileNotify::FanotifyEvent;
-using Naming = FileNotify::FanotifyGroup::Naming;
-
-SDK::UniqueDescriptor Open(const std::string& path) {
-    return SDK::UniqueDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-class FanotifyGroup : public NotifierTest {
-protected:
-    /// The directories and names of the events of a reading.
-    static Strings EventsOf(FileNotify::FanotifyGroup& group, const std::string& file) {
-        InChild([&] { ReadFile(file); });
-        Strings events;
-        group.Read([&](const FanotifyEvent& event) {
-            events.push_back((event.m_hasKey ? "key" : std::string(event.m_directory)) + '/' +
-                             std::string(event.m_name));
-        });
-        return events;
-    }
-};
-
-TEST_F(FanotifyGroup, NamesAFileByTheKeyOfItsDirectory) {
-    const std::string file = File("shadow");
-    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
-    ASSERT_EQ(group.Open(), 0);
-    ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
-    EXPECT_EQ(EventsOf(group, file), Strings{"key/shadow"});
-}
-
-TEST_F(FanotifyGroup, NamesAFileByItsPathWhereItComesAsADescriptor) {
-    const std::string file = File("shadow");
-    FileNotify::FanotifyGroup group(Naming::BY_DESCRIPTOR);
-    ASSERT_EQ(group.Open(), 0);
-    ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
-    EXPECT_EQ(EventsOf(group, file), Strings{file});
-}
-
-TEST_F(FanotifyGroup, ClosesTheDescriptorsOfItsEvents) {
-    const std::string file = File("shadow");
-    FileNotify::FanotifyGroup group(Naming::BY_DESCRIPTOR);
-    ASSERT_EQ(group.Open(), 0);
-    ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
-    const SDK::UniqueDescriptor before = Open("/");
-    for (int i = 0; i < 10; ++i) {
-        EventsOf(group, file);
-    }
-    EXPECT_EQ(Open("/").Get(), before.Get() + 1) << "the next free number";
-}
-
-TEST_F(FanotifyGroup, IsSilentAboutWhatIsNoLongerMarked) {
-    const std::string file = File("shadow");
-    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
-    ASSERT_EQ(group.Open(), 0);
-    const SDK::UniqueDescriptor directory = Open(m_folder.Path());
-    ASSERT_EQ(group.Mark(directory.Get()), 0);
-    ASSERT_EQ(group.Unmark(directory.Get()), 0);
-    EXPECT_TRUE(EventsOf(group, file).empty());
-    EXPECT_EQ(group.Unmark(directory.Get()), ENOENT);
-}
-
-TEST_F(FanotifyGroup, MarksTwiceAsOnce) {
-    const std::string file = File("shadow");
-    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
-    ASSERT_EQ(group.Open(), 0);
-    const SDK::UniqueDescriptor directory = Open(m_folder.Path());
-    ASSERT_EQ(group.Mark(directory.Get()), 0);
-    ASSERT_EQ(group.Mark(directory.Get()), 0);
-    EXPECT_EQ(EventsOf(group, file).size(), 1U);
-    ASSERT_EQ(group.Unmark(directory.Get()), 0);
-    EXPECT_TRUE(EventsOf(group, file).empty());
-}
-
-TEST_F(FanotifyGroup, MarksNothingButDirectories) {
-    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
-    ASSERT_EQ(group.Open(), 0);
-    const SDK::UniqueDescriptor file(::open(File("shadow").c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(group.Mark(file.Get()), ENOTDIR);
-}
-
-TEST_F(FanotifyGroup, HasNothingToTellWhenItIsClosed) {
-    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
-    EXPECT_FALSE(group.IsOpen());
-    EXPECT_EQ(group.Descriptor(), -1);
-    EXPECT_EQ(group.Read([](const FanotifyEvent&) {}), 0U);
-}
 
 class FileMarks : public NotifierTest {
 protected:

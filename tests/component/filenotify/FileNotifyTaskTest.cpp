@@ -1,17 +1,11 @@
-// The task and the module around the notifier, in a real engine.
-
 #include "FileNotifyTask.h"
 
-#include "FileNotifyModule.h"
 #include "NotifierHarness.h"
 #include "filenotify/FileNotifyWatchMessage.h"
 #include "framework/Engine.h"
 #include "support/CapturedLog.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Util/AbstractConfiguration.h>
-
-#include <unistd.h>
 
 namespace {
 
@@ -20,7 +14,6 @@ using Engine::FileNotifyWatchMessage;
 using TestSupport::CapturedLog;
 using TestSupport::WaitUntil;
 
-constexpr auto kError = Poco::Message::PRIO_ERROR;
 constexpr auto kInformation = Poco::Message::PRIO_INFORMATION;
 
 /// Asks for watches and takes the events, as a detection would.
@@ -147,24 +140,6 @@ TEST_F(FileNotifyTask, CanBeRegisteredAgain) {
     ASSERT_TRUE(Logged("1 directories are watched."));
     InChild([&] { ReadFile(file); });
     EXPECT_TRUE(WaitUntil([&] { return m_asking->GetInbox()->Depth() == 3; }));
-}
-
-TEST(FileNotifyModule, RegistersItsTaskAndTakesItBack) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "fanotify needs root";
-    }
-    const CapturedLog log;
-    Poco::AutoPtr<Framework::Engine> engine = new Framework::Engine;
-    engine->config().setString("filenotify.backlog", "0");
-    engine->addSubsystem(new FileNotify::FileNotifyModule);
-    engine->StartModules();
-    EXPECT_NE(engine->FindTask("filenotify_task"), nullptr);
-    EXPECT_EQ(log.Count(kError,
-                        "Configuration filenotify.backlog is 0, expected 1 to 4294967295. 65536 is "
-                        "used."),
-              1U);
-    engine->StopModules();
-    EXPECT_EQ(engine->FindTask("filenotify_task"), nullptr);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "FileNotifier.h"
 #include "filenotify/FileNotifyMessage.h"
+#include "sdk/UniqueDescriptor.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
@@ -37,6 +38,11 @@ inline int InChild(const std::function<void()>& act) {
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     return child;
+}
+
+/// An open directory.
+inline SDK::UniqueDescriptor Open(const std::string& path) {
+    return SDK::UniqueDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 /// Opens, reads and closes a file.
