@@ -16,7 +16,7 @@ import time
 
 QEMU = "qemu-system-x86_64"
 VM = "demo-vm"
-PATIENCE = 20.0  # seconds that one step may take
+PATIENCE = 30.0  # seconds that one step may take; ports are looked at every ten
 
 
 
@@ -30,6 +30,8 @@ def policies(keys):
             "action": False,
             "senstive_dirs": ["/etc", os.path.dirname(keys)],
             "monitor_list": [{"virtmonitor": QEMU, "filelist": ["/etc/shadow", keys]}]},
+        # No port is allowed. That of the VNC display needs no permission.
+        "qemu_port_detect_feature": {"monitor_list": [{"virtmonitor": QEMU, "portlist": []}]},
     }
 
 
@@ -111,13 +113,14 @@ class Agent(Child):
 class VirtualMachine(Child):
     """A QEMU without a guest: emulated, headless, stopped before its first instruction."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, options):
         self.monitor = os.path.join(folder, "monitor")
         self.log_file = os.path.join(folder, "qemu.log")
         with open(self.log_file, "wb") as log:
             super().__init__(
                 [QEMU, "-name", f"guest={VM},debug-threads=on", "-accel", "tcg", "-m", "32", "-nodefaults",
-                 "-display", "none", "-serial", "none", "-S", "-monitor", f"unix:{self.monitor},server,nowait"],
+                 "-display", "none", "-serial", "none", "-S", "-monitor", f"unix:{self.monitor},server,nowait",
+                 *options],
                 stdout=log, stderr=log)
 
     def command(self, text):
@@ -163,10 +166,28 @@ def of_file(path, process):
                           and alarm["process_info"][0]["process_name"] == process)
 
 
-def show(agent, folder, title, line, matches):
+def of_port(port):
+    """Matches the alarm of a port."""
+    return lambda alarm: (alarm["event_classid"] == "vmescape_0003"
+                          and alarm["forensic_info"]["abnormal_port"] == str(port))
+
+
+def free_port(first):
+    """A port from first on that nobody listens at."""
+    for port in range(first, 65536):
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                pass
+    raise DemoError("there is no free port")
+
+
+def show(agent, folder, title, line, matches, options=()):
     """One virtual machine, one line typed into its monitor, one alarm."""
     print(f"\n== {title}: {line}", flush=True)
-    with VirtualMachine(folder) as machine:
+    with VirtualMachine(folder, options) as machine:
         machine.command(line)
         wait_until(lambda: agent.has_alarm(matches) or not agent.running(), f"the alarm of {VM} did not come")
         if not agent.running():
@@ -191,6 +212,10 @@ def steps(folder, keys):
     yield "a program in /tmp", f'migrate "exec:{payload}"', of_command("forbidden dir", payload)
     yield ("QEMU opens a sensitive file", "drive_add 0 file=/etc/shadow,format=raw,if=none,id=x,readonly=on",
            of_file("/etc/shadow", QEMU))
+    display = free_port(5900) - 5900
+    port = free_port(4444)
+    yield (f"a control port (the VNC display at port {5900 + display} is excused)",
+           f"gdbserver tcp:127.0.0.1:{port}", of_port(port), ["-vnc", f"127.0.0.1:{display}"])
     if os.access("/dev/net/tun", os.R_OK | os.W_OK):
         reader = write_program(folder, "reader", f"/usr/bin/cat {keys}")
         yield ("a program started without a shell reads another",
@@ -207,8 +232,8 @@ def run(build, folder):
     with Agent(build, folder, policies(keys)) as agent:
         try:
             agent.wait_ready()
-            for title, line, matches in steps(folder, keys):
-                show(agent, folder, title, line, matches)
+            for step in steps(folder, keys):
+                show(agent, folder, *step)
         except DemoError:
             agent.end()
             print(agent.log(), file=sys.stderr, end="")
@@ -216,6 +241,9 @@ def run(build, folder):
         status = agent.end()
         if status != 0:
             raise DemoError(f"the agent ended with status {status}")
+        ports = {alarm["forensic_info"].get("abnormal_port") for alarm in agent.alarms()} - {None}
+        if any(5900 <= int(port) < 6000 for port in ports):
+            raise DemoError("the VNC display raised an alarm")
         classes = sorted({alarm["event_classid"] for alarm in agent.alarms()})
         print(f"\ndemo: good, {len(agent.alarms())} alarms of {VM}: {', '.join(classes)}")
 

@@ -28,7 +28,8 @@ ModuleLoader::~ModuleLoader() {
 
 const std::vector<std::string>& ModuleLoader::ModuleNames() {
     static const std::vector<std::string> names = {"process_collect_module", "filenotify_module",
-                                                   "data_comm_module", "vmescape_module"};
+                                                   "net_collect_module", "data_comm_module",
+                                                   "vmescape_module"};
     return names;
 }
 

@@ -3,10 +3,11 @@
 #include "JsonFile.h"
 #include "sdk/PathUtils.h"
 
-#include <Poco/String.h>
+#include <Poco/NumberParser.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <set>
 #include <string_view>
 
@@ -93,6 +94,14 @@ std::string OddDirectory(const std::string& text) {
     return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it is not watched";
 }
 
+std::string OddPort(const std::string& text) {
+    unsigned int port = 0;
+    // Ports are compared as texts: "080" is never equal to "80".
+    const bool plain = Poco::NumberParser::tryParseUnsigned(text, port) && port >= 1 &&
+                       port <= UINT16_MAX && std::to_string(port) == text;
+    return plain ? "" : "\"" + text + "\" is no plain number from 1 to 65535, it never matches";
+}
+
 /// A list of texts in a policy.
 struct TextList {
     const char* m_key;
@@ -109,7 +118,6 @@ struct Shape {
     bool m_ruleAction;         // an "action" in each rule
     bool m_contentAction;      // one "action" for all rules
     TextList m_contentList;    // beside the rules; without a key there is none
-    bool m_ready;              // the detection exists
 };
 
 const std::array<Shape, 3> kShapes = {{
@@ -119,24 +127,21 @@ const std::array<Shape, 3> kShapes = {{
      {"cmdlist", "commands", OddCommand},
      true,
      false,
-     {nullptr, nullptr, nullptr},
-     true},
+     {nullptr, nullptr, nullptr}},
     {"qemu_file_detect_feature",
      "qemu_file_detect_task",
      "virtmonitor",
      {"filelist", "files", OddPath},
      false,
      true,
-     {"senstive_dirs", "directories", OddDirectory},
-     true},
+     {"senstive_dirs", "directories", OddDirectory}},
     {"qemu_port_detect_feature",
      "qemu_port_detect_task",
      "virtmonitor",
-     {"portlist", "ports", OddCommand},
+     {"portlist", "ports", OddPort},
      false,
      false,
-     {nullptr, nullptr, nullptr},
-     false},
+     {nullptr, nullptr, nullptr}},
 }};
 
 const Shape* FindShape(std::string_view feature) {
@@ -275,11 +280,7 @@ std::vector<Problem> PolicyChecker::Check(const std::string& path, const std::st
         return problems;
     }
     CheckEnvelope(check, policy);
-    if (shape->m_ready) {
-        CheckContent(check, policy, *shape);
-    } else {
-        check.Warn("", "this version has no detection for the feature; the policy is refused");
-    }
+    CheckContent(check, policy, *shape);
     return problems;
 }
 

@@ -30,7 +30,7 @@ struct Row {
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 13> kRows = {{
+constexpr std::array<Row, 14> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -49,6 +49,8 @@ constexpr std::array<Row, 13> kRows = {{
      "events that a slow task may fall behind"},
     {"filenotify.backlog", Kind::NUMBER, "65536", "", 1, 10000000,
      "file accesses that a slow task may fall behind"},
+    {"net_collect.holders", Kind::TEXT, "auto", "auto bpf proc", 0, 0,
+     "how the processes that hold a socket are found"},
 }};
 
 const Row* Find(const std::string& key) {

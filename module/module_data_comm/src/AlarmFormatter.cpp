@@ -50,9 +50,7 @@ Json::Value First(const Json::Value& alarm, const char* key) {
 }
 
 /// What happened: the detection's own word for it where there is one.
-std::string ShowWhat(const Json::Value& alarm) {
-    Json::Value forensic;
-    SDK::JsonUtils::GetSubobjectValue(alarm, "forensic_info", forensic);
+std::string ShowWhat(const Json::Value& alarm, const Json::Value& forensic) {
     const std::string mode = Show(forensic, "escape_mode");
     return mode.empty() ? Show(alarm, "event_name") : mode;
 }
@@ -66,6 +64,11 @@ std::string ShowProcess(const Json::Value& process) {
 std::string ShowFile(const Json::Value& file) {
     const std::string path = Show(file, "file_path");
     return path.empty() ? "" : Show(file, "file_action") + " \"" + path + '"';
+}
+
+std::string ShowPort(const Json::Value& forensic) {
+    const std::string port = Show(forensic, "abnormal_port");
+    return port.empty() ? "" : "port " + port;
 }
 
 std::string ShowParent(const Json::Value& process) {
@@ -93,12 +96,15 @@ std::string AlarmFormatter::Format(const std::string& document) const {
 
 std::string AlarmFormatter::FormatText(const Json::Value& alarm) const {
     Json::Value resource;
+    Json::Value forensic;
     SDK::JsonUtils::GetSubobjectValue(alarm, "resource_info", resource);
+    SDK::JsonUtils::GetSubobjectValue(alarm, "forensic_info", forensic);
     const Json::Value process = First(alarm, "process_info");
     std::string line = Paint(kDim, ShowTime(alarm));
     for (const std::string& part :
-         {Paint(kBold, Show(resource, "vm_name")), Paint(kRed, ShowWhat(alarm)),
-          ShowProcess(process), ShowFile(First(alarm, "file_info")), ShowParent(process)}) {
+         {Paint(kBold, Show(resource, "vm_name")), Paint(kRed, ShowWhat(alarm, forensic)),
+          ShowProcess(process), ShowFile(First(alarm, "file_info")), ShowPort(forensic),
+          ShowParent(process)}) {
         // Not every detection knows everything.
         line += part.empty() ? "" : "  " + part;
     }

@@ -1,28 +1,95 @@
+// Life and run loop.
+
 #include "QemuPortDetectTask.h"
+
+#include "CpuShare.h"
+#include "VmEscapeLog.h"
+#include "framework/Engine.h"
+#include "net_collect/NetProcsFullTask.h"
+#include "sdk/TimeUtils.h"
+
+#include <unistd.h>
+
+#include <atomic>
 
 namespace Engine {
 
 namespace {
 
+constexpr const char* kTaskName = "qemu_port_detect_task";
+constexpr const char* kFeatureName = "qemu_port_detect_feature";
 constexpr unsigned int kInboxCapacity = 1024;
-constexpr int kWaitMs = 1000;
-constexpr int kBatch = 128;
+
+constexpr std::int64_t kCleanPeriodS = 299;  // cleaning is due when more than this has passed
+
+// A cycle is slept in pieces, so that a stop is noticed soon.
+constexpr int kSleepPieces = 100;
+constexpr useconds_t kSleepPieceUs = 100000;
+
+// One for all instances: the control judges the task class, not the object.
+std::atomic<unsigned long> g_lastTick{0};
 
 }  // namespace
 
 QemuPortDetectTask::QemuPortDetectTask()
-    : Framework::Task("qemu_port_detect_task", "qemu_port_detect_feature",
-                      Framework::TaskCondition::RESIDENT_TASK, kInboxCapacity) {}
+    : Framework::Task(kTaskName, kFeatureName, Framework::TaskCondition::RESIDENT_TASK,
+                      kInboxCapacity),
+      m_logger(GetVmEscapeLogger()) {}
 
 QemuPortDetectTask::~QemuPortDetectTask() = default;
 
-int QemuPortDetectTask::Run() {
-    while (state() != TASK_CANCELLING) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kBatch) == -1) {
-            HandleQueuedMsgs(kBatch);
-        }
-    }
+int QemuPortDetectTask::Init() {
+    SDK::LogInformation(m_logger, "QemuPortDetectTask init start");
+    m_netWarnInfo.clear();
+    SDK::LogInformation(m_logger, "QemuPortDetectTask init finish");
     return 0;
+}
+
+int QemuPortDetectTask::UnInit() {
+    SDK::LogInformation(m_logger, "QemuPortDetectTask uninit start");
+    m_netWarnInfo.clear();
+    Framework::Task::UnInit();
+    SDK::LogInformation(m_logger, "QemuPortDetectTask uninit finish");
+    return 0;
+}
+
+int QemuPortDetectTask::Run() {
+    std::int64_t lastCleaning = SDK::TimeUtils::GetCurrentTimestampS();
+    while (state() != TASK_CANCELLING) {
+        KeepCpuShare(g_lastTick, __FILE__, __LINE__, kTaskName);
+        ExamineSockets();
+        CleanWhenDue(lastCleaning);
+        SleepOneCycle();
+    }
+    m_netWarnInfo.clear();
+    return 0;
+}
+
+void QemuPortDetectTask::ExamineSockets() {
+    // Looked up each time: the collector may come and go.
+    Framework::Engine* engine = Framework::Engine::Current();
+    Framework::Task* task = engine == nullptr ? nullptr : engine->FindTask("netproc_full_task");
+    auto* collector = dynamic_cast<NetProcsFullTask*>(task);
+    if (collector == nullptr) {
+        return;
+    }
+    SocketTable table;
+    collector->GetNetCacheMap(table);
+    CheckAbnormalNetPort(table);
+}
+
+void QemuPortDetectTask::CleanWhenDue(std::int64_t& lastCleaning) {
+    const std::int64_t now = SDK::TimeUtils::GetCurrentTimestampS();
+    if (now - lastCleaning > kCleanPeriodS) {
+        CleanWarnedInfo();
+        lastCleaning = now;
+    }
+}
+
+void QemuPortDetectTask::SleepOneCycle() {
+    for (int i = 0; i < kSleepPieces && state() != TASK_CANCELLING; ++i) {
+        ::usleep(kSleepPieceUs);
+    }
 }
 
 }  // namespace Engine
