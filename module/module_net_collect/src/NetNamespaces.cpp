@@ -20,7 +20,7 @@ constexpr std::size_t kWaysIn = 4;
 
 std::string LinkOf(const std::string& process) { return "/proc/" + process + "/ns/net"; }
 
-/// The inode number of a namespace; 0 when the process is gone.
+/// The inode number of a namespace; 0 when it cannot be told (errno).
 std::uint64_t NamespaceOf(const std::string& process) {
     struct stat status {};
     return ::stat(LinkOf(process).c_str(), &status) == 0 ? status.st_ino : 0;
@@ -53,10 +53,14 @@ void Count(int error, NetNamespaces::Outcome& outcome) {
 
 }  // namespace
 
-std::map<std::uint64_t, std::vector<int>> NetNamespaces::List() {
-    std::map<std::uint64_t, std::vector<int>> namespaces;
+NetNamespaces::Namespaces NetNamespaces::List(Outcome& outcome) {
+    Namespaces namespaces;
     for (const int pid : ProcFolder::ListPids()) {
         const std::uint64_t inode = NamespaceOf(std::to_string(pid));
+        if (inode == 0 && errno != ENOENT && errno != ESRCH) {
+            ++outcome.m_hidden;
+            outcome.m_hiddenError = errno;
+        }
         if (inode != 0 && namespaces[inode].size() < kWaysIn) {
             namespaces[inode].push_back(pid);
         }
@@ -67,7 +71,7 @@ std::map<std::uint64_t, std::vector<int>> NetNamespaces::List() {
 NetNamespaces::Outcome NetNamespaces::ReadSockets(std::vector<Socket>& sockets) {
     sockets.clear();
     Outcome outcome;
-    std::map<std::uint64_t, std::vector<int>> namespaces = List();
+    Namespaces namespaces = List(outcome);
     namespaces.erase(NamespaceOf("thread-self"));
     const int error = m_reader.Read(sockets);
     // Its own namespace cannot be gone: whatever the error is, it is a failure.
@@ -79,8 +83,8 @@ NetNamespaces::Outcome NetNamespaces::ReadSockets(std::vector<Socket>& sockets) 
     return outcome;
 }
 
-void NetNamespaces::ReadForeign(const std::map<std::uint64_t, std::vector<int>>& namespaces,
-                                std::vector<Socket>& sockets, Outcome& outcome) {
+void NetNamespaces::ReadForeign(const Namespaces& namespaces, std::vector<Socket>& sockets,
+                                Outcome& outcome) {
     for (const auto& [inode, pids] : namespaces) {
         int error = Enter(inode, pids);
         if (error == 0) {

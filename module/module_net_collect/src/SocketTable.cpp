@@ -57,13 +57,21 @@ bool SocketTable::ReadSockets(std::vector<Socket>& sockets) {
     m_counters.m_failedNamespaces += outcome.m_failed;
     m_counters.m_goneNamespaces += outcome.m_gone;
     m_counters.m_repeats = m_namespaces.Repeats();
+    const auto number = [](std::size_t value) { return static_cast<unsigned long>(value); };
+    if (outcome.m_hidden > 0 && m_counters.m_hiddenProcesses == 0) {
+        SDK::LogWarning(Logger(),
+                        "The network namespaces of %lu processes cannot be told: %s. Sockets of "
+                        "namespaces in which only such processes live are missing; this is said "
+                        "once.",
+                        number(outcome.m_hidden), Poco::Error::getMessage(outcome.m_hiddenError));
+    }
+    m_counters.m_hiddenProcesses += outcome.m_hidden;
     if (outcome.m_failed > 0 && !m_failing) {
         SDK::LogError(Logger(),
                       "The socket table is not whole: the sockets of %lu network namespaces cannot "
                       "be read: %s. %lu were read. This is said again only after a whole table.",
-                      static_cast<unsigned long>(outcome.m_failed),
-                      Poco::Error::getMessage(outcome.m_error),
-                      static_cast<unsigned long>(outcome.m_read));
+                      number(outcome.m_failed), Poco::Error::getMessage(outcome.m_error),
+                      number(outcome.m_read));
     }
     return outcome.m_failed == 0;
 }

@@ -31,6 +31,7 @@ public:
         std::uint64_t m_failedTables = 0;      ///< not read, or without the sockets of a namespace
         std::uint64_t m_failedNamespaces = 0;  ///< whose sockets could not be read
         std::uint64_t m_goneNamespaces = 0;    ///< that ended while they were about to be read
+        std::uint64_t m_hiddenProcesses = 0;   ///< whose namespace could not be told
         std::uint64_t m_repeats = 0;           ///< lists that had to be asked for again
         std::uint64_t m_fallbacks = 0;         ///< times that the slower source of holders stood in
         std::uint64_t m_heldByNobody = 0;      ///< sockets without a process
