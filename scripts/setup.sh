@@ -33,6 +33,7 @@ qemu-system-x86|the virtual machine that the demo and the live tests watch
 qemu-utils|disk images for that machine
 python3|drives the monitor of that machine
 iproute2|network devices for tests
+util-linux|unshare, a network of its own for tests
 procps|process tools for scripts
 '
 

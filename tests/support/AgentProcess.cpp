@@ -136,4 +136,13 @@ std::string AgentProcess::FilePolicy(bool allowList, const std::vector<std::stri
     return Envelope(content);
 }
 
+std::string AgentProcess::PortPolicy(const std::vector<std::string>& ports) {
+    Json::Value rule;
+    rule["virtmonitor"] = "qemu-system-x86_64";
+    rule["portlist"] = ToList(ports);
+    Json::Value content;
+    content["monitor_list"].append(rule);
+    return Envelope(content);
+}
+
 }  // namespace TestSupport

@@ -63,8 +63,12 @@ public:
     static std::string FilePolicy(bool allowList, const std::vector<std::string>& directories,
                                   const std::vector<std::string>& files);
 
+    /// A port policy with one rule for qemu-system-x86_64.
+    static std::string PortPolicy(const std::vector<std::string>& ports);
+
     static constexpr const char* POLICY_FILE = "qemu_cmd_detect_feature.json";
     static constexpr const char* FILE_POLICY_FILE = "qemu_file_detect_feature.json";
+    static constexpr const char* PORT_POLICY_FILE = "qemu_port_detect_feature.json";
 
 private:
     TemporaryFolder m_policies;
