@@ -64,6 +64,15 @@ inline void WriteFile(const std::string& path) {
     ::close(file);
 }
 
+/// How many descriptors this process has open.
+inline int OpenDescriptors() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        count += entry.path().empty() ? 0 : 1;
+    }
+    return count;
+}
+
 /// A notifier on the real kernel, a folder to be watched, and one subscriber. The test's thread
 /// plays the task's.
 class NotifierTest : public testing::Test {

@@ -278,14 +278,6 @@ TEST_F(WatchTree, GivesEverythingBack) {
     EXPECT_EQ(m_notifier.Tree().StrayMarks(), 0U);
 }
 
-int OpenDescriptors() {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        count += entry.path().empty() ? 0 : 1;
-    }
-    return count;
-}
-
 TEST_F(WatchTree, LeaksNothingInTenThousandRounds) {
     Make("top/a/b");
     const int before = OpenDescriptors();

@@ -47,7 +47,11 @@ protected:
 TEST_F(PolicyChecker, FindsNothingWrongWithAGoodPolicy) { EXPECT_EQ(Check(), Lines()); }
 
 TEST_F(PolicyChecker, FindsNothingWrongWithTheReadyPolicies) {
-    EXPECT_TRUE(Agent::PolicyChecker::CheckFile(SOURCE_FOLDER "/policies/" + kFile).empty());
+    for (const char* feature : {"cmd", "file", "port"}) {
+        const std::string file = "qemu_" + std::string(feature) + "_detect_feature.json";
+        EXPECT_TRUE(Agent::PolicyChecker::CheckFile(SOURCE_FOLDER "/policies/" + file).empty())
+            << file;
+    }
 }
 
 TEST_F(PolicyChecker, KnowsTheFeatureByTheFileName) {
@@ -61,12 +65,6 @@ TEST_F(PolicyChecker, RefusesAFileThatIsNamedAfterNoFeature) {
     EXPECT_EQ(CheckText("{}", "other.json"),
               Lines{"expected the file name of a feature (qemu_cmd_detect_feature.json, "
                     "qemu_file_detect_feature.json or qemu_port_detect_feature.json)"});
-}
-
-TEST_F(PolicyChecker, SaysThatOtherFeaturesAreNotDetectedYet) {
-    EXPECT_EQ(CheckText(SDK::JsonUtils::JsonToString(m_policy), "qemu_file_detect_feature.json"),
-              Lines{"warning: this version has no detection for the feature; the policy is "
-                    "refused"});
 }
 
 TEST_F(PolicyChecker, RefusesWhatIsNotJsonWithItsPlace) {
@@ -193,6 +191,72 @@ TEST_F(PolicyChecker, ReadsTheFileThatItChecks) {
     EXPECT_EQ(missing[0].m_text, "cannot be read: No such file or directory");
     folder.Write(kFile, SDK::JsonUtils::JsonToString(m_policy));
     EXPECT_TRUE(Agent::PolicyChecker::CheckFile(folder / kFile).empty());
+}
+
+/// Policies of the file and of the port detection.
+class PolicyCheckerOfOthers : public PolicyChecker {
+protected:
+    static Lines CheckFilePolicy(const std::string& content) {
+        return CheckText(R"({"module_name":"vmescape_module","content":)" + content + "}",
+                         "qemu_file_detect_feature.json");
+    }
+    static Lines CheckPortPolicy(const std::string& content) {
+        return CheckText(R"({"module_name":"vmescape_module","content":)" + content + "}",
+                         "qemu_port_detect_feature.json");
+    }
+};
+
+TEST_F(PolicyCheckerOfOthers, FindsNothingWrongWithGoodOnes) {
+    EXPECT_EQ(CheckFilePolicy(R"({"action":false,"senstive_dirs":["/etc"],"monitor_list":[)"
+                              R"({"virtmonitor":"qemu-kvm","filelist":["/etc/shadow"]}]})"),
+              Lines());
+    EXPECT_EQ(
+        CheckPortPolicy(R"({"monitor_list":[{"virtmonitor":"qemu-kvm","portlist":["5700"]}]})"),
+        Lines());
+}
+
+TEST_F(PolicyCheckerOfOthers, NeedsDirectoriesAndRules) {
+    EXPECT_EQ(CheckFilePolicy("{}"),
+              (Lines{"/content/senstive_dirs: expected a list of strings, found nothing",
+                     "/content/monitor_list: expected a list of at least one rule, found "
+                     "nothing"}));
+    EXPECT_EQ(CheckPortPolicy("{}"),
+              Lines{"/content/monitor_list: expected a list of at least one rule, found nothing"});
+}
+
+TEST_F(PolicyCheckerOfOthers, WarnsOfPathsThatAreNotAbsolute) {
+    EXPECT_EQ(CheckFilePolicy(R"({"senstive_dirs":["etc"],"monitor_list":[)"
+                              R"({"virtmonitor":"qemu-kvm","filelist":["shadow"]}]})"),
+              (Lines{"/content/senstive_dirs/0: warning: \"etc\" is no absolute path, it is not "
+                     "watched",
+                     "/content/monitor_list/0/filelist/0: warning: \"shadow\" is no absolute path, "
+                     "it never matches"}));
+}
+
+TEST_F(PolicyCheckerOfOthers, WarnsOfPortsThatNeverMatch) {
+    for (const char* port : {"", "0", "022", "22 ", "ssh", "65536", "-1", "22-25"}) {
+        EXPECT_EQ(CheckPortPolicy(R"({"monitor_list":[{"virtmonitor":"qemu-kvm","portlist":[")" +
+                                  std::string(port) + R"("]}]})"),
+                  Lines{"/content/monitor_list/0/portlist/0: warning: \"" + std::string(port) +
+                        "\" is no plain number from 1 to 65535, it never matches"});
+    }
+}
+
+TEST_F(PolicyCheckerOfOthers, RefusesEntriesOfOtherTypes) {
+    EXPECT_EQ(CheckPortPolicy(R"({"monitor_list":[{"virtmonitor":"qemu-kvm","portlist":[5700]}]})"),
+              Lines{"/content/monitor_list/0/portlist/0: expected a non-empty string, found a "
+                    "number"});
+    EXPECT_EQ(CheckFilePolicy(R"({"action":1,"senstive_dirs":[],"monitor_list":[)"
+                              R"({"virtmonitor":"qemu-kvm","filelist":[]}]})"),
+              Lines{"/content/action: expected a boolean (true: allow list, false: deny list), "
+                    "found a number"});
+}
+
+TEST_F(PolicyCheckerOfOthers, WarnsOfKeysThatBelongToAnotherFeature) {
+    EXPECT_EQ(CheckPortPolicy(R"({"action":true,"monitor_list":[)"
+                              R"({"virtmonitor":"qemu-kvm","portlist":[],"action":true}]})"),
+              (Lines{"/content/action: warning: unknown key",
+                     "/content/monitor_list/0/action: warning: unknown key"}));
 }
 
 }  // namespace

@@ -1,0 +1,234 @@
+#include "OpenFileTask.h"
+#include "filenotify/FileNotifyMessage.h"
+#include "framework/AbstractMessageReceiver.h"
+#include "support/CapturedLog.h"
+#include "support/FakeClock.h"
+#include "support/TemporaryFolder.h"
+#include "support/VirtualSlot.h"
+#include "support/WaitUntil.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Engine::FileNotifyMessage;
+using TestSupport::CapturedLog;
+using TestSupport::FakeClock;
+using TestSupport::Process;
+using TestSupport::WaitUntil;
+using Strings = std::vector<std::string>;
+
+constexpr auto kError = Poco::Message::PRIO_ERROR;
+constexpr auto kInformation = Poco::Message::PRIO_INFORMATION;
+constexpr auto kDebug = Poco::Message::PRIO_DEBUG;
+
+class FileTask : public testing::Test {
+protected:
+    FileTask() {
+        m_agent.Engine().RegisterTask(m_notifier, true);
+        m_task->Use(FilePolicy({"/a", "/b"}));
+        m_log.Clear();
+    }
+    ~FileTask() override {
+        Stop();
+        m_agent.Engine().UnRegisterTask("filenotify_task");
+    }
+
+    void Run() { ASSERT_EQ(m_agent.Engine().RegisterTask(m_task, false), 0); }
+    void Stop() { m_agent.Engine().UnRegisterTask("qemu_file_detect_task"); }
+    std::size_t Refreshes() {
+        return m_log.Count(kDebug, "MonitorProcessList add process(pid:1,name:qemu-kvm)");
+    }
+
+    TestSupport::ScriptedAgent m_agent;
+    Poco::AutoPtr<ScriptedNotifier> m_notifier = new ScriptedNotifier;
+    CapturedLog m_log;
+    OpenFileTaskPtr m_task = new OpenFileTask;
+};
+
+TEST_F(FileTask, KnowsItsNameFeatureTypeAndCapacity) {
+    EXPECT_EQ(m_task->name(), "qemu_file_detect_task");
+    EXPECT_EQ(m_task->GetFeatureName(), "qemu_file_detect_feature");
+    EXPECT_EQ(static_cast<int>(m_task->GetTaskType()), 4);
+    EXPECT_EQ(m_task->GetInbox()->Capacity(), 1024U);
+}
+
+TEST_F(FileTask, AsksForTheWatchesOfItsPolicyAtOnce) {
+    m_task->m_watchedDirs = {"/old"};
+    m_task->m_monitorPidMap[1] = "x";
+    m_task->m_monitorCmdlineMap["x"] = "y";
+    m_task->UpdateAlarmCache("a", 1, "b", "c");
+    EXPECT_EQ(m_task->Init(), 0);
+    EXPECT_EQ(m_notifier->Take(), (Strings{"+/a", "+/b"}));
+    EXPECT_EQ(m_task->m_watchedDirs, (std::set<std::string>{"/a", "/b"}));
+    EXPECT_TRUE(m_task->m_monitorPidMap.empty());
+    EXPECT_TRUE(m_task->m_monitorCmdlineMap.empty());
+    EXPECT_TRUE(m_task->m_fileWarnInfo.empty());
+    EXPECT_EQ(m_log.Texts(kInformation),
+              (Strings{"QemuFileDetectTask init start",
+                       "QemuFileDetectTask add file(path:/a) monitoring to filenotify_task ",
+                       "QemuFileDetectTask add file(path:/b) monitoring to filenotify_task ",
+                       "QemuFileDetectTask init finish"}));
+}
+
+TEST_F(FileTask, TakesItsWatchesBackInOrderAndForgetsEverything) {
+    m_task->Init();
+    m_notifier->Take();
+    m_task->m_monitorPidMap[1] = "x";
+    m_task->m_monitorCmdlineMap["x"] = "y";
+    m_task->UpdateAlarmCache("a", 1, "b", "c");
+    m_log.Clear();
+    EXPECT_EQ(m_task->UnInit(), 0);
+    EXPECT_EQ(m_notifier->Take(), (Strings{"-/a", "-/b"}));
+    EXPECT_TRUE(m_task->m_watchedDirs.empty());
+    EXPECT_TRUE(m_task->m_monitorPidMap.empty());
+    EXPECT_TRUE(m_task->m_monitorCmdlineMap.empty());
+    EXPECT_TRUE(m_task->m_fileWarnInfo.empty());
+    EXPECT_EQ(m_log.Texts(kInformation),
+              (Strings{"QemuFileDetectTask uninit start",
+                       "QemuFileDetectTask remove file(path:/a) monitoring to filenotify_task ",
+                       "QemuFileDetectTask remove file(path:/b) monitoring to filenotify_task ",
+                       "QemuFileDetectTask uninit finish"}));
+}
+
+TEST_F(FileTask, ARequestHasItsMaskAndTwoFlagsAndNothingElse) {
+    EXPECT_TRUE(m_task->SendFileNotifyWatchMessage("/x", "add"));
+    EXPECT_TRUE(m_task->SendFileNotifyWatchMessage("/x", "delete"));
+    EXPECT_TRUE(m_task->SendFileNotifyWatchMessage("/x", "Add"));
+    const auto requests = m_notifier->Requests();
+    ASSERT_EQ(requests.size(), 3U);
+    for (const ScriptedNotifier::Request& request : requests) {
+        const _FileNotifyOpt& options = request.m_options;
+        EXPECT_EQ(request.m_path, "/x");
+        EXPECT_EQ(request.m_masks, std::vector<unsigned int>{1});
+        EXPECT_EQ(request.m_inbox, m_task->GetInbox());
+        EXPECT_TRUE(options.m_recursive);
+        EXPECT_FALSE(options.m_unused2 || options.m_unused3 || options.m_unused4 ||
+                     options.m_unused5 || options.m_unused8);
+        EXPECT_TRUE(options.m_unusedList1.empty() && options.m_unusedList2.empty());
+        EXPECT_EQ(options.m_unusedNumber1 + options.m_unusedNumber2, 0U);
+    }
+    EXPECT_TRUE(requests[0].m_options.m_add && !requests[0].m_options.m_remove);
+    EXPECT_TRUE(!requests[1].m_options.m_add && requests[1].m_options.m_remove);
+    EXPECT_TRUE(!requests[2].m_options.m_add && requests[2].m_options.m_remove)
+        << "any word but \"add\" removes";
+}
+
+TEST_F(FileTask, ARequestThatIsNotTakenIsToldAndLoggedAllTheSame) {
+    m_agent.Engine().UnRegisterTask("filenotify_task");
+    EXPECT_FALSE(m_task->SendFileNotifyWatchMessage("/x", "add"));
+    EXPECT_EQ(m_log.Count(kInformation,
+                          "QemuFileDetectTask add file(path:/x) monitoring to filenotify_task "),
+              1U);
+    EXPECT_TRUE(m_task->RegisterFileMonitorMessage()) << "the set changed";
+    EXPECT_EQ(m_task->m_watchedDirs.size(), 2U);
+    EXPECT_FALSE(m_task->RegisterFileMonitorMessage()) << "not tried again";
+}
+
+TEST_F(FileTask, ChangesAreAskedForInTheOrderOfTheirPaths) {
+    m_task->RegisterFileMonitorMessage();
+    m_notifier->Take();
+    m_task->Use(FilePolicy({"/c", "/b"}));
+    EXPECT_TRUE(m_task->RegisterFileMonitorMessage());
+    EXPECT_EQ(m_notifier->Take(), (Strings{"-/a", "+/c"}));
+    EXPECT_FALSE(m_task->RegisterFileMonitorMessage());
+    EXPECT_EQ(m_notifier->Take(), Strings());
+}
+
+TEST_F(FileTask, WithoutDirectoriesNothingIsWatchedNorTakenBack) {
+    m_task->Use(FilePolicy({}));
+    m_task->Init();
+    m_task->UnInit();
+    EXPECT_EQ(m_notifier->Take(), Strings());
+}
+
+TEST_F(FileTask, WithoutAPolicyTheWatchesStay) {
+    const OpenFileTaskPtr task = new OpenFileTask;
+    OpenFileTaskPtr(task)->m_watchedDirs = {"/a"};
+    Engine::QemuFileDetectTask::DirChanges changes;
+    EXPECT_FALSE(OpenFileTaskPtr(task)->UpdateMonitorDirChanges(changes));
+    EXPECT_FALSE(OpenFileTaskPtr(task)->RegisterFileMonitorMessage());
+    EXPECT_EQ(task->m_watchedDirs, std::set<std::string>{"/a"});
+    EXPECT_EQ(m_log.Count(kError,
+                          "m_featurePolicy is null pointer in "
+                          "QemuFileDetectTask::UpdateMonitorDirChange"),
+              2U);
+}
+
+TEST_F(FileTask, UnderAPolicyOfAnotherKindTheWatchesStayWithoutALine) {
+    m_task->m_watchedDirs = {"/a"};
+    m_task->AttachFeaturePolicy(std::make_shared<Framework::FeaturePolicy>("other"));
+    EXPECT_FALSE(m_task->RegisterFileMonitorMessage());
+    EXPECT_EQ(m_task->m_watchedDirs, std::set<std::string>{"/a"});
+    EXPECT_TRUE(m_log.Lines().empty());
+}
+
+TEST_F(FileTask, RefreshesItsProcessesUntilThatSucceedsAndThenOnlyOnChanges) {
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Contains("init finish"); }));
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
+    ASSERT_TRUE(WaitUntil([&] { return Refreshes() == 1; }));
+    m_task->Use(FilePolicy({"/c"}));
+    EXPECT_TRUE(WaitUntil([&] { return Refreshes() == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return m_notifier->Requests().size() == 5; }));
+}
+
+TEST_F(FileTask, JudgesItsMessages) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string file = folder.Write("secret", "x");
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm -name vm-01"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return Refreshes() == 1; }));
+    for (int i = 0; i < 300; ++i) {
+        std::shared_ptr<Framework::Message> message =
+            std::make_shared<FileNotifyMessage>(1, FileNotifyMessage::OPEN, file);
+        m_task->EnqueueMsg(message);
+    }
+    EXPECT_TRUE(WaitUntil([&] {
+        return m_log.Count(kDebug, "Process(1) access file:(path:" + file + ",mask:32)") == 300;
+    }));
+    EXPECT_EQ(m_agent.Reporter().Count(), 1U);
+    EXPECT_FALSE(m_log.Contains("MsgVector size is 129"));
+}
+
+TEST_F(FileTask, CleansAndRefreshesAfter300Seconds) {
+    FakeClock clock;
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return Refreshes() == 1; }));
+    clock.Advance(299);
+    // A pass begins with a look at the policy: two more uses, and one pass is over.
+    const auto uses = m_task->GetPolicyUseCount();
+    ASSERT_TRUE(WaitUntil([&] { return m_task->GetPolicyUseCount() >= uses + 2; }));
+    EXPECT_EQ(Refreshes(), 1U);
+    clock.Advance(1);
+    EXPECT_TRUE(WaitUntil([&] { return Refreshes() == 2; }));
+}
+
+TEST_F(FileTask, ForgetsItsProcessesAndAlarmsAtTheEndOfARun) {
+    m_task->m_monitorPidMap[1] = "x";
+    m_task->m_monitorCmdlineMap["x"] = "y";
+    m_task->UpdateAlarmCache("a", 1, "b", "c");
+    m_task->cancel();
+    EXPECT_EQ(m_task->Run(), 0);
+    EXPECT_TRUE(m_task->m_monitorPidMap.empty());
+    EXPECT_TRUE(m_task->m_monitorCmdlineMap.empty());
+    EXPECT_TRUE(m_task->m_fileWarnInfo.empty());
+}
+
+TEST(FileTaskSlots, AreThoseOfItsBaseAndTwoOfItsOwn) {
+    using TestSupport::VirtualSlot;
+    using Task = Engine::QemuFileDetectTask;
+    const std::size_t last = VirtualSlot(&Framework::Task::HandleMsg);
+    EXPECT_EQ(VirtualSlot(&Task::FileNotifyMessageAction), last + 1);
+    EXPECT_EQ(VirtualSlot(&Task::SendAlarm), last + 2);
+    EXPECT_EQ(VirtualSlot(&Task::Init), VirtualSlot(&Framework::Task::Init));
+}
+
+TEST(FileTaskAsReceiver, IsCalledThroughItsSecondBase) {
+    const OpenFileTaskPtr task = new OpenFileTask;
+    Engine::AbstractMessageReceiver* receiver = OpenFileTaskPtr(task).get();
+    EXPECT_EQ(receiver->FileNotifyMessageAction(nullptr), -1);
+}
+
+}  // namespace
