@@ -39,7 +39,7 @@ def task_rows(folder):
 
 def main():
     folder = sys.argv[1]
-    rows = [*load(folder, "agent.json"), *load(folder, "file.json"), *inbox_rows(folder), *task_rows(folder)]
+    rows = [*load(folder, "agent.json"), *load(folder, "file.json"), *load(folder, "net.json"), *inbox_rows(folder), *task_rows(folder)]
     print("| what | ours | peer | to reach | |")
     print("|---|---|---|---|---|")
     for row in rows:

@@ -19,4 +19,6 @@ echo "bench: agent (several minutes)" >&2
 python3 bench/agent_bench.py "$build" --json "$results/agent.json" >/dev/null
 echo "bench: files" >&2
 python3 bench/file_bench.py "$build" --json "$results/file.json" >/dev/null
+echo "bench: sockets (two minutes)" >&2
+python3 bench/net_bench.py "$build" --json "$results/net.json" >/dev/null
 python3 bench/table.py "$results" | tee "$results/table.txt"

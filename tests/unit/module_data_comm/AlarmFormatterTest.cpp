@@ -41,6 +41,33 @@ TEST_F(AlarmText, TellsTimeVmWhatProcessAndParentOnOneLine) {
               "from qemu-system-x86_64(100)");
 }
 
+TEST_F(AlarmText, TellsWhatWasDoneToWhichFile) {
+    Json::Value alarm = SampleAlarm();
+    alarm["event_name"] = "Virtualization process access sensitive file";
+    alarm["forensic_info"].removeMember("escape_mode");
+    alarm["process_info"] = Json::arrayValue;
+    alarm["process_info"][0]["process_name"] = "cat";
+    alarm["process_info"][0]["process_pid"] = 101;
+    alarm["file_info"][0]["file_path"] = "/etc/sha\ndow";
+    alarm["file_info"][0]["file_action"] = "open";
+    EXPECT_EQ(Format(alarm),
+              "2025-11-20 22:57:13  vm-01  Virtualization process access sensitive file  cat(101)  "
+              "open \"/etc/sha\\ndow\"");
+}
+
+TEST_F(AlarmText, TellsWhichPort) {
+    Json::Value alarm = SampleAlarm();
+    alarm["event_name"] = "Virtualization process access abnormal network port";
+    alarm["forensic_info"].removeMember("escape_mode");
+    alarm["forensic_info"]["abnormal_port"] = "4444";
+    alarm["process_info"] = Json::arrayValue;
+    alarm["process_info"][0]["process_name"] = "qemu-kvm";
+    alarm["process_info"][0]["process_pid"] = 101;
+    EXPECT_EQ(Format(alarm),
+              "2025-11-20 22:57:13  vm-01  Virtualization process access abnormal network port  "
+              "qemu-kvm(101)  port 4444");
+}
+
 TEST_F(AlarmText, ColoursTimeVmAndWhatWhenAskedTo) {
     const AlarmFormatter colored(AlarmFormatter::Style::TEXT, true);
     EXPECT_EQ(colored.Format(SampleDocument()),
