@@ -97,8 +97,13 @@ void ProcessCollector::Unsubscribe(unsigned int type,
 }
 
 bool ProcessCollector::Lookup(int pid, SDK::ProcessUtils::procRecord& record) {
+    // Whoever names a process has been told of it by something that the process did after its
+    // start. That start is in the source by now, so nothing has to be waited for.
     DrainLocked();
-    return m_table.Lookup(pid, record);
+    const bool known = m_table.Lookup(pid, record);
+    m_lookups.fetch_add(1, std::memory_order_relaxed);
+    m_unknownLookups.fetch_add(known ? 0 : 1, std::memory_order_relaxed);
+    return known;
 }
 
 void ProcessCollector::Snapshot(std::map<int, std::shared_ptr<Info>>& procs) {
@@ -265,6 +270,8 @@ void ProcessCollector::LogBooks() {
                         number(books.m_filteredUnwanted), number(books.m_filteredRepeated),
                         number(books.m_lostInKernel), number(books.m_lostBehind),
                         number(books.m_lostGone), number(books.m_waiting));
+    SDK::LogInformation(Logger(), "Look-ups of processes: %lu, %lu of processes not in the table.",
+                        number(Lookups()), number(UnknownLookups()));
     for (const LossCount& loss : m_source->Losses()) {
         if (loss.m_count != 0) {
             SDK::LogWarning(Logger(), "Source(%s) %s %lu times: %s", m_source->Name(),

@@ -66,6 +66,13 @@ public:
     /// Times the process list was read again after a loss.
     std::uint64_t Rescans() const { return m_rescans.load(std::memory_order_relaxed); }
 
+    /// Look-ups so far, and those of processes that the table did not know: never told of, or ended
+    /// too long ago. Those are left to /proc.
+    std::uint64_t Lookups() const { return m_lookups.load(std::memory_order_relaxed); }
+    std::uint64_t UnknownLookups() const {
+        return m_unknownLookups.load(std::memory_order_relaxed);
+    }
+
 private:
     std::size_t Drain() SDK_REQUIRES(m_mutex);
     std::size_t DrainLocked() SDK_EXCLUDES(m_mutex);
@@ -92,6 +99,8 @@ private:
     std::int64_t m_nextRescan = 0;
     std::int64_t m_nextPurge = 0;
     std::atomic<std::uint64_t> m_rescans{0};
+    std::atomic<std::uint64_t> m_lookups{0};
+    std::atomic<std::uint64_t> m_unknownLookups{0};
 };
 
 }  // namespace ProcessCollect

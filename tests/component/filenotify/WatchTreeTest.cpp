@@ -321,6 +321,22 @@ TEST_F(WatchTree, IsRightAgainAfterACheckWhateverWasMissed) {
     EXPECT_EQ(tree.FindByPath(m_folder / "top/gone"), nullptr);
 }
 
+TEST_F(WatchTree, SaysWhichFileSystemCannotBeMarkedAndGoesOn) {
+    Make("top/sub");
+    FileNotify::FileMarks refusing;  // not opened: every mark is refused
+    FileNotify::ChangeFeed changes;
+    ASSERT_EQ(changes.Open(), 0);
+    FileNotify::WatchTree tree(refusing, changes);
+    tree.Add(m_folder / "top", true,
+             std::make_shared<Framework::Outbox>(m_inbox, 10, "file events"));
+    while (tree.Scan(100)) {
+    }
+    EXPECT_EQ(tree.MarkedCount(), 0U);
+    EXPECT_TRUE(m_log.Contains("Directory(" + m_folder / "top" +
+                               ") cannot be watched, on a file system of type 0x"));
+    EXPECT_EQ(tree.RootCount(), 1U);
+}
+
 TEST_F(WatchTree, MarksInStepsAndSaysWhenItIsDone) {
     for (int i = 0; i < 600; ++i) {
         Make("top/" + std::to_string(i));

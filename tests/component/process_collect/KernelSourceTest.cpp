@@ -79,6 +79,25 @@ TEST_P(KernelSource, ExecIsToldWithArgumentsPathParentAndName) {
     EXPECT_EQ(m_harness->Of(ProcsMessage::EXIT, pid).size(), 1U);
 }
 
+TEST_P(KernelSource, AChildIsKnownToALookUpWithoutAWait) {
+    // Nobody pumps here: whoever asks right after the start gets the answer all the same.
+    for (int i = 0; i < 50; ++i) {
+        const int pid = Spawn({"/bin/true"});
+        SDK::ProcessUtils::procRecord record;
+        EXPECT_TRUE(m_harness->Collector().Lookup(pid, record));
+        EXPECT_EQ(record.m_status.m_ppid, ::getpid());
+        Reap(pid);
+    }
+    EXPECT_EQ(m_harness->Collector().UnknownLookups(), 0U);
+    EXPECT_EQ(m_harness->Collector().Lookups(), 50U);
+}
+
+TEST_P(KernelSource, ALookUpOfWhatIsNotKnownIsCounted) {
+    SDK::ProcessUtils::procRecord record;
+    EXPECT_FALSE(m_harness->Collector().Lookup(1 << 23, record));
+    EXPECT_EQ(m_harness->Collector().UnknownLookups(), 1U);
+}
+
 TEST_P(KernelSource, ForkedChildInheritsNameAndArguments) {
     std::map<int, std::shared_ptr<ProcsMessage::procInfo>> procs;
     m_harness->Collector().Snapshot(procs);
