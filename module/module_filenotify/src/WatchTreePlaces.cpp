@@ -199,8 +199,8 @@ void WatchTree::ListDirectories(int directory, const std::string& path) {
         return;
     }
     list.Release();  // closedir closes it
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe on a stream that no other thread reads
-    // (readdir(3))
+    // Safe on a stream that no other thread reads (readdir(3)).
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     while (const dirent* entry = ::readdir(entries.get())) {
         if (IsDirectory(directory, *entry) && !IsDots(entry->d_name)) {
             m_toScan.push_back(WatchPath::Join(path, entry->d_name));

@@ -29,8 +29,8 @@ int ForEachNumber(const std::string& path, const std::function<void(int, int)>& 
         return errno;
     }
     const int descriptor = ::dirfd(folder.get());
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe on a stream that no other thread reads
-    // (readdir(3))
+    // Safe on a stream that no other thread reads (readdir(3)).
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     while (const dirent* entry = ::readdir(folder.get())) {
         const std::string_view name(entry->d_name);
         int number = 0;

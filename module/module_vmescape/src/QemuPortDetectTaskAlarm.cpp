@@ -46,6 +46,7 @@ std::string QemuPortDetectTask::BuildAlarm(const std::string& processName, int p
     alarm["event_name"] = "Virtualization process access abnormal network port";
     alarm["event_classid"] = "vmescape_0003";
     // As a C string: of a command line with NULs between its arguments only the first one counts.
+    // NOLINTNEXTLINE(readability-redundant-string-cstr)
     alarm["resource_info"]["vm_name"] = VmEscapeUtils::GetVmNameFromCmdline(commandLine.c_str());
 
     Json::Value process;
