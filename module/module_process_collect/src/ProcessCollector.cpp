@@ -59,8 +59,9 @@ bool ProcessCollector::Start() {
 
 void ProcessCollector::Stop() {
     const SDK::LockGuard lock(m_mutex);
-    if (std::exchange(m_started, false)) {
+    if (m_started) {
         Drain();
+        m_started = false;
         LogBooks();
         m_source->Stop();
     }
@@ -70,10 +71,10 @@ int ProcessCollector::Descriptor() const { return m_source->Descriptor(); }
 
 int ProcessCollector::Pass() {
     const std::int64_t now = Now();
-    RescanAfterLoss(now);
+    const std::size_t drained = RescanAfterLoss(now);
     Purge(now);
     const SDK::LockGuard lock(m_mutex);
-    int sleepMs = m_source->PrepareSleep(Drain());
+    int sleepMs = m_source->PrepareSleep(drained + Drain());
     // An event may have slipped in before the source knew that the reader goes to sleep.
     const std::size_t late = Drain();
     if (late != 0) {
@@ -222,15 +223,16 @@ void ProcessCollector::LookAgain(const std::vector<int>& suspects) {
     }
 }
 
-void ProcessCollector::RescanAfterLoss(std::int64_t now) {
+std::size_t ProcessCollector::RescanAfterLoss(std::int64_t now) {
     std::uint64_t lost = 0;
+    std::size_t drained = 0;
     {
         const SDK::LockGuard lock(m_mutex);
-        Drain();
+        drained = Drain();
         lost = m_lost;
     }
     if (lost == m_lostAtScan || now < m_nextRescan) {
-        return;
+        return drained;
     }
     if (m_lastLoss == 0 || now - m_lastLoss >= kBurstSeconds) {
         SDK::LogWarning(Logger(),
@@ -244,6 +246,7 @@ void ProcessCollector::RescanAfterLoss(std::int64_t now) {
     if (Scan(true)) {
         m_rescans.fetch_add(1, std::memory_order_relaxed);
     }
+    return drained;
 }
 
 void ProcessCollector::Purge(std::int64_t now) {

@@ -83,7 +83,7 @@ private:
         SDK_EXCLUDES(m_mutex);
     void LookAgain(const std::vector<int>& suspects) SDK_EXCLUDES(m_mutex);
     void Tell(ProcessTable::Found found, const Info& info) SDK_EXCLUDES(m_mutex);
-    void RescanAfterLoss(std::int64_t now) SDK_EXCLUDES(m_mutex);
+    std::size_t RescanAfterLoss(std::int64_t now) SDK_EXCLUDES(m_mutex);
     void Purge(std::int64_t now) SDK_EXCLUDES(m_mutex);
 
     const std::unique_ptr<ProcessSource> m_source;
