@@ -1,9 +1,12 @@
 #include "framework/Module.h"
 
+#include "FrameworkLog.h"
 #include "framework/Engine.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
+#include <Poco/Util/AbstractConfiguration.h>
+#include <Poco/Util/Application.h>
 
 #include <utility>
 
@@ -58,6 +61,19 @@ void Module::RegisterPolicyCallback(const std::string& key, AbstractPolicyCallba
         m_policyKeys.push_back(key);
         engine->RegisterPolicyCallback(key, owned.release());
     }
+}
+
+std::uint64_t Module::ReadNumber(const std::string& key, std::uint64_t standard,
+                                 std::uint64_t most) {
+    const std::uint64_t number =
+        Poco::Util::Application::instance().config().getUInt64(key, standard);
+    if (number >= 1 && number <= most) {
+        return number;
+    }
+    SDK::LogError(Logger(), "Configuration %s is %lu, expected 1 to %lu. %lu is used.", key,
+                  static_cast<unsigned long>(number), static_cast<unsigned long>(most),
+                  static_cast<unsigned long>(standard));
+    return standard;
 }
 
 void Module::initialize(Poco::Util::Application& /*application*/) {

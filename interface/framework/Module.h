@@ -5,6 +5,7 @@
 
 #include <Poco/Util/Subsystem.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,12 @@ public:
     void RegisterPolicyCallback(const std::string& key, AbstractPolicyCallback* callback);
 
 protected:
+    /// Reads a number from the agent's configuration. One that is out of range is logged.
+    /// @param standard  used when the key is not set or the number is out of range
+    /// @param most      the largest allowed; the smallest is 1
+    static std::uint64_t ReadNumber(const std::string& key, std::uint64_t standard,
+                                    std::uint64_t most);
+
     void initialize(Poco::Util::Application& application) override;
     void uninitialize() override;
 

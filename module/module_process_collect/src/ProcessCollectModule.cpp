@@ -1,7 +1,6 @@
 #include "ProcessCollectModule.h"
 
 #include "FullTask.h"
-#include "ProcessCollectLog.h"
 #include "ProcessCollector.h"
 #include "RealTask.h"
 #include "SourceChoice.h"
@@ -22,18 +21,6 @@ constexpr std::uint64_t kDefaultRingBytes = std::uint64_t{4} << 20;
 
 // The kernel takes at most this much in one ring (RINGBUF_MAX_DATA_SZ is beyond it).
 constexpr std::uint64_t kMaxRingBytes = std::uint64_t{1} << 30;
-
-std::uint64_t ReadBounded(const char* key, std::uint64_t standard, std::uint64_t max) {
-    const std::uint64_t value =
-        Poco::Util::Application::instance().config().getUInt64(key, standard);
-    if (value >= 1 && value <= max) {
-        return value;
-    }
-    SDK::LogError(Logger(), "Configuration %s is %lu, expected 1 to %lu. %lu is used.",
-                  std::string(key), static_cast<unsigned long>(value),
-                  static_cast<unsigned long>(max), static_cast<unsigned long>(standard));
-    return standard;
-}
 
 }  // namespace
 
@@ -71,9 +58,9 @@ int ProcessCollectModule::UnInit() {
 
 bool ProcessCollectModule::StartCollector() {
     const std::uint64_t ringBytes =
-        ReadBounded("process_collect.ring_bytes", kDefaultRingBytes, kMaxRingBytes);
+        ReadNumber("process_collect.ring_bytes", kDefaultRingBytes, kMaxRingBytes);
     ProcessCollector::Limits limits;
-    limits.m_backlog = ReadBounded("process_collect.backlog", limits.m_backlog, UINT32_MAX);
+    limits.m_backlog = ReadNumber("process_collect.backlog", limits.m_backlog, UINT32_MAX);
     const std::string choice =
         Poco::Util::Application::instance().config().getString("process_collect.source", "auto");
     std::unique_ptr<ProcessSource> source = StartSource(choice, ringBytes);

@@ -1,8 +1,10 @@
 #include "framework/Module.h"
 
 #include "TestTasks.h"
+#include "support/CapturedLog.h"
 
 #include <Poco/Exception.h>
+#include <Poco/Util/AbstractConfiguration.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -81,6 +83,27 @@ TEST(ModuleWithoutEngine, RefusesEverythingAndKeepsNothing) {
     EXPECT_EQ(module->FindTask("counting_task"), nullptr);
     module->RegisterPolicyCallback("10001", new NullCallback);  // freed: LeakSanitizer watches
     EXPECT_EQ(module->UnInit(), 0);
+}
+
+TEST_F(ModuleTest, ReadsANumberOfTheConfigurationWithinItsBounds) {
+    struct Open : Framework::Module {
+        using Module::ReadNumber;
+    };
+    const TestSupport::CapturedLog log;
+    EXPECT_EQ(Open::ReadNumber("some.number", 7, 100), 7U) << "not set";
+    for (const char* good : {"1", "100"}) {
+        m_engine->config().setString("some.number", good);
+        EXPECT_EQ(std::to_string(Open::ReadNumber("some.number", 7, 100)), good);
+    }
+    EXPECT_TRUE(log.Lines().empty());
+    for (const char* bad : {"0", "101"}) {
+        m_engine->config().setString("some.number", bad);
+        EXPECT_EQ(Open::ReadNumber("some.number", 7, 100), 7U);
+        EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR, "Configuration some.number is " +
+                                                           std::string(bad) +
+                                                           ", expected 1 to 100. 7 is used."),
+                  1U);
+    }
 }
 
 }  // namespace
