@@ -85,8 +85,11 @@ bool FileMarks::Unmark(const DirectoryMark& mark, const std::string& path) {
     if (!directory || !IsDirectory(directory.Get(), mark)) {
         const SDK::UniqueDescriptor mount = OpenAbove(path);
         directory = OpenByKey(mount.Get(), mark.m_key);
+        if (!directory) {
+            return errno == ESTALE;  // deleted (open_by_handle_at(2))
+        }
     }
-    return directory && GroupOf(mark).Unmark(directory.Get()) == 0;
+    return GroupOf(mark).Unmark(directory.Get()) == 0;
 }
 
 std::size_t FileMarks::Read(const FanotifyEventReader::Sink& sink) {

@@ -41,7 +41,7 @@ public:
 
     /// Takes a mark back, wherever the directory is by now.
     /// @param path  where it was. A directory near by leads to its file system
-    /// @return false when the directory is gone, and the mark with it, or cannot be reached
+    /// @return false when the directory cannot be reached; one that is deleted took its mark along
     bool Unmark(const DirectoryMark& mark, const std::string& path);
 
     /// Hands over what has happened, up to a bound. @return the number of events

@@ -52,6 +52,7 @@ void FileNotifier::Stop() {
     }
     m_marks.Close();
     m_changes.Close();
+    m_tree.Clear();
 }
 
 void FileNotifier::Watch(const std::string& path, bool recursive,

@@ -64,6 +64,16 @@ void WatchTree::RemoveAll(const SubscriberPtr& subscriber) {
     }
 }
 
+void WatchTree::Clear() {
+    m_byWatch.clear();
+    m_byKey.clear();
+    m_places.clear();
+    m_roots.clear();
+    m_toScan.clear();
+    m_markedCount = 0;
+    m_checkWanted = false;
+}
+
 WatchTree::Roots::iterator WatchTree::FindRoot(const std::string& asked,
                                                const SubscriberPtr& subscriber) {
     return std::find_if(m_roots.begin(), m_roots.end(), [&](const Root& root) {
@@ -169,10 +179,8 @@ void WatchTree::RelocateStale() {
 
 void WatchTree::Guard(Root& root, const std::string& above) {
     for (std::string path = above;; path = WatchPath::Above(path)) {
-        Place& place = m_places[path];
-        place.m_directory.m_path = path;
-        ++place.m_guards;
-        WatchGuard(place);
+        ++PlaceOf(path).m_guards;
+        WatchGuard(path);
         root.m_guards.push_back(path);
         if (path == "/") {
             return;
@@ -180,11 +188,11 @@ void WatchTree::Guard(Root& root, const std::string& above) {
     }
 }
 
-void WatchTree::WatchGuard(Place& place) {
+void WatchTree::WatchGuard(const std::string& path) {
     const SDK::UniqueDescriptor directory(
-        ::open(place.m_directory.m_path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (directory) {
-        WatchChanges(directory.Get(), place);
+        WatchChanges(directory.Get(), path);
     }
 }
 

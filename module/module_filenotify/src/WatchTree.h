@@ -53,6 +53,9 @@ public:
     /// Takes all requests of a subscriber back.
     void RemoveAll(const SubscriberPtr& subscriber);
 
+    /// Forgets everything. For when marks and feed have been closed, which gave all of it back.
+    void Clear();
+
     /// Goes on marking what is new. @param directories  how many to look at
     /// @return true when there are more
     bool Scan(int directories);
@@ -109,12 +112,15 @@ private:
 
     void Guard(Root& root, const std::string& above);
     void Unguard(const std::string& path);
-    void WatchGuard(Place& place);
+    void WatchGuard(const std::string& path);
 
     std::vector<SubscriberPtr> Covering(const std::string& path) const;
     void ScanDirectory(const std::string& path);
     bool IsLeftOut(int directory, const std::string& path) const;
-    bool WatchChanges(int directory, Place& place);
+    Place& PlaceOf(const std::string& path);
+    bool WatchChanges(int directory, const std::string& path);
+    bool ReleaseWatch(int watch, int directory, const std::string& path);
+    void SetWatch(Place& place, int watch);
     bool MarkPlace(int directory, Place& place);
     void ListDirectories(int directory, const std::string& path);
 

@@ -94,10 +94,12 @@ void WatchTree::ScanDirectory(const std::string& path) {
     if (IsLeftOut(directory.Get(), path)) {
         return;
     }
-    Place& place = m_places[path];
-    place.m_directory.m_path = path;
     // Changes first, then the mark, then the list: nothing that is made meanwhile slips through.
-    if (!WatchChanges(directory.Get(), place) || !MarkPlace(directory.Get(), place)) {
+    if (!WatchChanges(directory.Get(), path)) {
+        return;
+    }
+    Place& place = PlaceOf(path);
+    if (!MarkPlace(directory.Get(), place)) {
         EraseUnused(path);
         return;
     }
@@ -125,33 +127,53 @@ bool WatchTree::IsLeftOut(int directory, const std::string& path) const {
     return !wanted;
 }
 
-/// @return false when the directory is a place already, under another path
-bool WatchTree::WatchChanges(int directory, Place& place) {
+WatchTree::Place& WatchTree::PlaceOf(const std::string& path) {
+    Place& place = m_places[path];
+    place.m_directory.m_path = path;
+    return place;
+}
+
+/// Watches for changes in the directory that stands at a path.
+/// @return false when it is a place already, under another path
+bool WatchTree::WatchChanges(int directory, const std::string& path) {
     const int watch = m_changes.Add(directory);
-    if (watch < 0) {
-        if (watch == -ENOSPC) {
-            LogLimit();
-        } else {
-            SDK::LogError(Logger(), "Changes in directory(%s) cannot be watched: %s",
-                          place.m_directory.m_path, Poco::Error::getMessage(-watch));
-        }
-        return true;
+    if (watch == -ENOSPC) {
+        LogLimit();
+    } else if (watch < 0) {
+        SDK::LogError(Logger(), "Changes in directory(%s) cannot be watched: %s", path,
+                      Poco::Error::getMessage(-watch));
     }
-    const auto [known, added] = m_byWatch.try_emplace(watch, &place);
-    if (!added && known->second != &place) {
-        const std::string other = known->second->m_directory.m_path;
-        if (LeadsTo(other, directory)) {
-            SDK::LogInformation(Logger(),
-                                "Directory(%s) is directory(%s), which is watched already.",
-                                place.m_directory.m_path, other);
+    if (watch >= 0) {
+        if (!ReleaseWatch(watch, directory, path)) {
             return false;
         }
-        // It has moved here, which is only about to be told.
-        known->second->m_watch = -1;
-        known->second = &place;
-        DropTree(other);
-        MarkStale(other);
+        SetWatch(PlaceOf(path), watch);
     }
+    return true;
+}
+
+/// Takes a watch away from the place that has it, when its directory has moved to another path.
+/// @return false when it has not: it can be reached by both paths
+bool WatchTree::ReleaseWatch(int watch, int directory, const std::string& path) {
+    const auto known = m_byWatch.find(watch);
+    if (known == m_byWatch.end() || known->second->m_directory.m_path == path) {
+        return true;
+    }
+    const std::string other = known->second->m_directory.m_path;
+    if (LeadsTo(other, directory)) {
+        SDK::LogInformation(Logger(), "Directory(%s) is directory(%s), which is watched already.",
+                            path, other);
+        return false;
+    }
+    // The move is only about to be told.
+    known->second->m_watch = -1;
+    m_byWatch.erase(known);
+    DropTree(other);
+    MarkStale(other);
+    return true;
+}
+
+void WatchTree::SetWatch(Place& place, int watch) {
     if (place.m_watch >= 0 && place.m_watch != watch) {
         // Another directory stands at this path now, before the end of the old one was told.
         m_byWatch.erase(place.m_watch);
@@ -161,7 +183,7 @@ bool WatchTree::WatchChanges(int directory, Place& place) {
         }
     }
     place.m_watch = watch;
-    return true;
+    m_byWatch[watch] = &place;
 }
 
 bool WatchTree::MarkPlace(int directory, Place& place) {

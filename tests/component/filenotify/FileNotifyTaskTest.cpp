@@ -132,14 +132,22 @@ TEST_F(FileNotifyTask, SaysThatItDoesNotKnowAMessage) {
     EXPECT_TRUE(Logged("Task(filenotify_task) does not know messages of type(other)."));
 }
 
-TEST_F(FileNotifyTask, CanBeRegisteredAgain) {
-    m_engine->UnRegisterTask("filenotify_task");
-    ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
+TEST_F(FileNotifyTask, CanBeRegisteredAgainAndStartsWithNothing) {
     const std::string file = File("shadow");
-    m_asking->Add(m_folder.Path());
-    ASSERT_TRUE(Logged("1 directories are watched."));
-    InChild([&] { ReadFile(file); });
-    EXPECT_TRUE(WaitUntil([&] { return m_asking->GetInbox()->Depth() == 3; }));
+    for (int i = 0; i < 3; ++i) {
+        m_log.Clear();
+        m_asking->Add(m_folder.Path());
+        ASSERT_TRUE(Logged("1 directories are watched."));
+        InChild([&] { ReadFile(file); });
+        std::vector<std::shared_ptr<FileNotifyMessage>> events;
+        EXPECT_TRUE(WaitUntil([&] {
+            Receive(m_asking->GetInbox(), events);
+            return events.size() == 3;
+        }));
+        m_engine->UnRegisterTask("filenotify_task");
+        EXPECT_EQ(m_task->Notifier().Tree().RootCount(), 0U);
+        ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
+    }
 }
 
 }  // namespace

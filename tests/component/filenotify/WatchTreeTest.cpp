@@ -96,6 +96,72 @@ TEST_F(WatchTree, KnowsADirectoryByItsNewNameAfterARename) {
     EXPECT_TRUE(Sees(m_folder / "top/new/sub/key"));
 }
 
+TEST_F(WatchTree, KeepsUpWithDirectoriesThatChangePlacesUnread) {
+    // All of it before the notifier looks again: a directory comes to lie below its own old path,
+    // where another one was watched.
+    Make("top/a/b/c");
+    Watch(m_folder / "top");
+    Rename("top/a", "top/x");
+    Make("top/a");
+    Rename("top/x", "top/a/b");
+    Make("top/z");
+    Rename("top/a/b/b", "top/z/b");
+    Settle();
+    EXPECT_EQ(Marked(), 6U);  // top, a, a/b, z, z/b, z/b/c
+    EXPECT_TRUE(Sees(File("top/a/b/key")));
+    EXPECT_TRUE(Sees(File("top/z/b/c/key")));
+    EXPECT_TRUE(Sees(File("top/a/key")));
+    EXPECT_EQ(m_notifier.Tree().StrayMarks(), 0U);
+}
+
+TEST_F(WatchTree, EndsUpRightAfterAnyShuffling) {
+    Make("top/d0");
+    Watch(m_folder / "top");
+    unsigned int random = 1;
+    const auto next = [&](std::size_t below) {
+        random = random * 1103515245U + 12345U;
+        return (random >> 16) % below;
+    };
+    for (int round = 0; round < 300; ++round) {
+        std::vector<std::filesystem::path> dirs;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_folder / "top")) {
+            dirs.push_back(entry.path());
+        }
+        const std::filesystem::path top = m_folder / "top";
+        const auto any = [&] { return dirs.empty() ? top : dirs[next(dirs.size())]; };
+        std::error_code ignored;
+        const std::string name = "d" + std::to_string(next(4));
+        switch (next(4)) {
+            case 0:
+            case 1:
+                std::filesystem::create_directory(any() / name, ignored);
+                break;
+            case 2:
+                std::filesystem::rename(any(), any() / name, ignored);
+                break;
+            default:
+                if (dirs.size() > 20) {
+                    std::filesystem::remove_all(any(), ignored);
+                }
+        }
+        std::filesystem::create_directory(top, ignored);
+        if (next(5) == 0) {
+            Settle();
+        }
+    }
+    Settle();
+    std::size_t directories = 1;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_folder / "top")) {
+        ++directories;
+        EXPECT_NE(m_notifier.Tree().FindByPath(entry.path().string()), nullptr) << entry.path();
+    }
+    EXPECT_EQ(Marked(), directories);
+    Unwatch(m_folder / "top");
+    EXPECT_EQ(Marked(), 0U);
+    EXPECT_EQ(m_notifier.Tree().WatchCount(), 0U);
+    EXPECT_EQ(m_notifier.Tree().StrayMarks(), 0U);
+}
+
 TEST_F(WatchTree, ForgetsADirectoryThatIsDeleted) {
     Make("top/sub/deeper");
     Watch(m_folder / "top");
