@@ -104,8 +104,9 @@ TEST_F(AgentProgram, EndsWithOneWhenAModuleDoesNotStart) {
 TEST_F(AgentProgram, RunsWithoutModulesThatAreOptional) {
     Agent agent(BUILD_FOLDER, "",
                 {"--modules", m_folder.Path(), "-o",
-                 "optional_modules=process_collect_module,data_comm_module,vmescape_module"});
-    EXPECT_EQ(agent.CountLog("is optional, the agent goes on without it"), 3);
+                 "optional_modules=process_collect_module,filenotify_module,net_collect_module,"
+                 "data_comm_module,vmescape_module"});
+    EXPECT_EQ(agent.CountLog("is optional, the agent goes on without it"), 5);
     EXPECT_EQ(agent.Stop(SIGTERM), 0);
 }
 
