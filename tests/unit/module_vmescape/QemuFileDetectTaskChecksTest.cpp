@@ -57,6 +57,28 @@ TEST_F(FileChecks, JudgeABatchInItsOrder) {
               2U);
 }
 
+/// Removes the file that it alarms.
+class RemovingFileTask : public OpenFileTask {
+public:
+    void SendAlarm(const std::string& monitorProcess, const std::string& processName, int pid,
+                   const std::string& filePath, const std::string& fileAction) override {
+        OpenFileTask::SendAlarm(monitorProcess, processName, pid, filePath, fileAction);
+        std::filesystem::remove(filePath);
+    }
+};
+
+TEST_F(FileChecks, AskOnceForTheFileOfEventsThatFollowEachOtherInABatch) {
+    m_task = new RemovingFileTask;
+    m_task->Use(FilePolicy({}, {m_allowed}));
+    Check({Event(100, 32, m_secret), Event(100, 16, m_secret)});
+    EXPECT_EQ(Alarms(), 2U);
+    EXPECT_EQ(Lines("filePath:(" + m_secret + ") is not a file"), 0U);
+    Check({Event(100, 1, m_secret)});
+    EXPECT_EQ(Alarms(), 2U) << "the next batch asks again";
+    EXPECT_EQ(Lines("filePath:(" + m_secret + ") is not a file"), 1U);
+    EXPECT_FALSE(Access(100, m_secret, 2)) << "and so does a direct call";
+}
+
 TEST_F(FileChecks, LogAndSkipMessagesThatAreNone) {
     Check({nullptr, std::make_shared<Message>("procs_message"), Event(100, 32, m_secret)});
     EXPECT_EQ(m_log.Texts(kError),
