@@ -12,7 +12,8 @@ typedef __u64 SocketHolderU64;
 typedef __u32 SocketHolderU32;
 #endif
 
-/* A process that has a socket among its open files. */
+/* A process that has a socket among its open files. One whose inode is 0 says that a process has
+ * more files open than one program can go through. */
 struct SocketHolder {
     SocketHolderU64 inode; /* of the socket */
     SocketHolderU32 pid;   /* of the process, not of a thread */

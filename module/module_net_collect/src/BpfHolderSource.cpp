@@ -68,27 +68,45 @@ bool BpfHolderSource::Load() {
 }
 
 bool BpfHolderSource::Read(const SocketSet& sockets, Holders& holders) {
-    holders.clear();
-    const SDK::UniqueDescriptor run(
-        ::bpf_iter_create(bpf_link__fd(m_skeleton->links.report_sockets)));
-    std::array<SocketHolder, kRecords> records;
-    ssize_t got = run ? 1 : -1;
-    while (got > 0 || (got < 0 && errno == EINTR && run)) {
-        got = ::read(run.Get(), records.data(), sizeof(records));
-        for (std::size_t i = 0; got > 0 && i < static_cast<std::size_t>(got) / sizeof(SocketHolder);
-             ++i) {
-            if (sockets.count(records[i].inode) != 0) {
-                holders[records[i].inode].push_back(static_cast<int>(records[i].pid));
-            }
-        }
+    int error = Run(m_skeleton->links.report_tables, sockets, holders);
+    if (error == E2BIG) {
+        error = Run(m_skeleton->links.report_files, sockets, holders);
     }
-    if (got < 0) {
+    if (error != 0) {
         SDK::LogError(Logger(), "The holders of sockets cannot be read with BPF: %s",
-                      Poco::Error::getMessage(errno));
+                      Poco::Error::getMessage(error));
         return false;
     }
     SortHolders(holders);
     return true;
+}
+
+int BpfHolderSource::Run(bpf_link* program, const SocketSet& sockets, Holders& holders) {
+    holders.clear();
+    const SDK::UniqueDescriptor run(::bpf_iter_create(bpf_link__fd(program)));
+    if (!run) {
+        return errno;
+    }
+    std::array<SocketHolder, kRecords> records;
+    for (;;) {
+        const ssize_t got = ::read(run.Get(), records.data(), sizeof(records));
+        if (got == 0) {
+            return 0;
+        }
+        if (got < 0 && errno != EINTR) {
+            return errno;
+        }
+        const std::size_t count = got < 0 ? 0 : static_cast<std::size_t>(got) / sizeof(records[0]);
+        for (std::size_t i = 0; i < count; ++i) {
+            const SocketHolder& holder = records[i];
+            if (holder.inode == 0) {
+                return E2BIG;
+            }
+            if (sockets.count(holder.inode) != 0) {
+                holders[holder.inode].push_back(static_cast<int>(holder.pid));
+            }
+        }
+    }
 }
 
 }  // namespace NetCollect

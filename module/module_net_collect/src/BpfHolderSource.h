@@ -6,6 +6,7 @@
 #include <memory>
 
 struct SocketHolders;
+struct bpf_link;
 
 namespace NetCollect {
 
@@ -25,6 +26,9 @@ private:
     };
 
     bool Load();
+
+    /// One pass. @return 0; E2BIG when a process has too many for the program; or another error
+    static int Run(bpf_link* program, const SocketSet& sockets, Holders& holders);
 
     std::unique_ptr<SocketHolders, SkeletonCloser> m_skeleton;
 };

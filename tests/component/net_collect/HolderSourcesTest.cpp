@@ -6,6 +6,11 @@
 #include "ProcHolderSource.h"
 #include "Sockets.h"
 #include "support/CapturedLog.h"
+#include "support/TemporaryFolder.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
@@ -26,6 +31,10 @@ protected:
         if (!MayLook()) {
             GTEST_SKIP() << "needs root";
         }
+        rlimit descriptors{};
+        ::getrlimit(RLIMIT_NOFILE, &descriptors);
+        descriptors.rlim_cur = descriptors.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &descriptors);
         m_source = StartHolderSource(GetParam());
         ASSERT_NE(m_source, nullptr);
     }
@@ -34,6 +43,16 @@ protected:
         Holders holders;
         EXPECT_TRUE(m_source->Read({socket.Inode()}, holders));
         return holders[socket.Inode()];
+    }
+
+    std::size_t CountFound(const std::vector<OpenSocket>& sockets) {
+        NetCollect::SocketSet wanted;
+        for (const OpenSocket& socket : sockets) {
+            wanted.insert(socket.Inode());
+        }
+        Holders holders;
+        EXPECT_TRUE(m_source->Read(wanted, holders));
+        return holders.size();
     }
 
     std::unique_ptr<NetCollect::HolderSource> m_source;
@@ -93,15 +112,37 @@ TEST_P(HolderSources, NameTheProcessOfAThread) {
     other.join();
 }
 
-TEST_P(HolderSources, FindMoreThanOneBufferFull) {
-    std::vector<OpenSocket> sockets(1500);
-    NetCollect::SocketSet wanted;
-    for (const OpenSocket& socket : sockets) {
-        wanted.insert(socket.Inode());
-    }
-    Holders holders;
-    ASSERT_TRUE(m_source->Read(wanted, holders));
-    EXPECT_EQ(holders.size(), sockets.size());
+TEST_P(HolderSources, FindMoreThanTheReadersBufferFull) {
+    EXPECT_EQ(CountFound(std::vector<OpenSocket>(1500)), 1500U);
+}
+
+TEST_P(HolderSources, FindMoreOfOneProcessThanTheKernelsBufferHolds) {
+    // 32 KiB (BPF_ITER's PAGE_SIZE << 3, kernel/bpf/bpf_iter.c) are 2,048 holders.
+    EXPECT_EQ(CountFound(std::vector<OpenSocket>(2500)), 2500U);
+}
+
+TEST_P(HolderSources, LookAtASocketsFileOnceWhateverItsNumber) {
+    const OpenSocket socket;
+    const int highest = ::fcntl(socket.Get(), F_DUPFD_CLOEXEC, 900);
+    ASSERT_GE(highest, 900);
+    EXPECT_EQ(HoldersOf(socket), Pids{::getpid()});
+    ::close(highest);
+}
+
+TEST_P(HolderSources, AreNotMisledByThePathOfASocket) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string path = folder / "socket";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int local = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(::bind(local, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const int opened = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+    ASSERT_GE(opened, 0);
+    const OpenSocket socket;
+    EXPECT_EQ(HoldersOf(socket), Pids{::getpid()});
+    ::close(opened);
+    ::close(local);
 }
 
 TEST_P(HolderSources, SurviveProcessesThatComeAndGo) {
