@@ -50,6 +50,7 @@ private:
     std::unique_ptr<ring_buffer, RingCloser> m_ring;
     const Sink* m_sink = nullptr;  // while Drain runs
     std::size_t m_drained = 0;
+    int m_restMs;  // the reader's last rest, in which the next events come together
     std::uint64_t m_malformed = 0;
 };
 

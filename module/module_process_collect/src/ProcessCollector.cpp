@@ -71,14 +71,14 @@ int ProcessCollector::Descriptor() const { return m_source->Descriptor(); }
 
 int ProcessCollector::Pass() {
     const std::int64_t now = Now();
-    const std::size_t drained = RescanAfterLoss(now);
+    std::size_t drained = RescanAfterLoss(now);
     Purge(now);
     const SDK::LockGuard lock(m_mutex);
-    int sleepMs = m_source->PrepareSleep(drained + Drain());
+    drained += Drain();
+    int sleepMs = m_source->PrepareSleep(drained);
     // An event may have slipped in before the source knew that the reader goes to sleep.
-    const std::size_t late = Drain();
-    if (late != 0) {
-        sleepMs = m_source->PrepareSleep(late);
+    if (drained == 0 && Drain() != 0) {
+        sleepMs = m_source->PrepareSleep(1);
     }
     return m_dispatcher.HasBacklog() ? std::min(sleepMs, kRetryMs) : sleepMs;
 }

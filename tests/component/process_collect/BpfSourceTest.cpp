@@ -82,6 +82,20 @@ TEST_F(BpfSource, TwoStormsSideBySideAreSeenInFullWithTheirArguments) {
     EXPECT_EQ(books.m_lostInKernel + books.m_lostBehind, 0U);
 }
 
+TEST_F(BpfSource, ReaderRestsLongerWhenTheEventsOfItsLastRestWereMany) {
+    const auto source = ProcessCollect::StartSource("bpf", 1 << 20);
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(source->PrepareSleep(1), 2);
+    EXPECT_EQ(source->PrepareSleep(10), 2) << "five in a millisecond";
+    EXPECT_EQ(source->PrepareSleep(11), 16);
+    EXPECT_EQ(source->PrepareSleep(81), 16) << "more than five in each of the sixteen";
+    EXPECT_EQ(source->PrepareSleep(80), 2);
+    EXPECT_EQ(source->PrepareSleep(11), 16);
+    EXPECT_EQ(source->PrepareSleep(0), 200) << "woken by the next command";
+    EXPECT_EQ(source->PrepareSleep(10), 2) << "a rest counts from the wake-up";
+    source->Stop();
+}
+
 TEST_F(BpfSource, ForkWithCloneParentIsToldOfTheCaller) {
     StartCollector();
     const int middle = RawClone(SIGCHLD);
