@@ -10,7 +10,8 @@ results=$build/bench/results
 mkdir -p "$results"
 
 echo "bench: inbox" >&2
-"$build/bench/InboxBench" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+"$build/bench/InboxBench" --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \
+    --benchmark_report_aggregates_only=true \
     --benchmark_out="$results/inbox.json" --benchmark_out_format=json >/dev/null
 echo "bench: command task" >&2
 "$build/bench/CommandTaskBench" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
