@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every test: unit and component tests under the sanitizers, then all tests of the release build,
-# whose summary closes the output.
+# Every test: unit and component tests under the sanitizers, the fuzz targets for a few seconds each,
+# then all tests of the release build, whose summary closes the output.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,5 +15,7 @@ for preset in asan tsan; do
     echo "test: $preset"
     ctest --preset "$preset"
 done
+echo "test: fuzz"
+scripts/fuzz.sh 5
 echo "test: release"
 ctest --preset release

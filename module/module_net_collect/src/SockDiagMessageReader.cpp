@@ -23,9 +23,14 @@ bool Load(const char* data, std::size_t size, T& value) {
     return true;
 }
 
+// MAX_ERRNO, include/linux/err.h. A refusal with another number is none of the kernel's.
+constexpr int kLargestError = 4095;
+
+bool IsError(int status) { return status < 0 && status >= -kLargestError; }
+
 Result ReadError(const char* data, std::size_t size, int& error) {
     nlmsgerr refusal{};
-    if (!Load(data, size, refusal)) {
+    if (!Load(data, size, refusal) || !IsError(refusal.error)) {
         return Result::AGAIN;
     }
     error = -refusal.error;
@@ -35,11 +40,14 @@ Result ReadError(const char* data, std::size_t size, int& error) {
 /// The end of a dump carries an error number, 0 for none.
 Result ReadDone(const char* data, std::size_t size, int& error) {
     int status = 0;
-    if (Load(data, size, status) && status < 0) {
-        error = -status;
-        return Result::FAILED;
+    if (!Load(data, size, status) || status >= 0) {
+        return Result::DONE;
     }
-    return Result::DONE;
+    if (!IsError(status)) {
+        return Result::AGAIN;
+    }
+    error = -status;
+    return Result::FAILED;
 }
 
 Result ReadSocket(const char* data, std::size_t size, int protocol, std::vector<Socket>& sockets) {

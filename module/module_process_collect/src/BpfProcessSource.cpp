@@ -28,10 +28,10 @@ namespace {
 // less doubles the wake-ups of a storm, one more is felt in the alarms' delay.
 constexpr int kRestMs = 2;
 
-// With more events than this in a millisecond, some 1,700 commands a second, the host is so busy that
-// each wake-up of the reader takes a processor from the work that it watches. Measured with two storms
-// on two processors: they lose 7 % to a reader that rests 2 ms, 4 % at 8 ms, 2 % at 16 ms. An alarm
-// in such a storm comes later by as much.
+// With more events than this in a millisecond, some 1,700 commands a second, the host is so busy
+// that each wake-up of the reader takes a processor from the work that it watches. Measured with
+// two storms on two processors: they lose 7 % to a reader that rests 2 ms, 4 % at 8 ms, 2 % at 16
+// ms. An alarm in such a storm comes later by as much.
 constexpr std::size_t kBusyEventsPerMs = 5;
 constexpr int kBusyRestMs = 16;
 

@@ -146,7 +146,7 @@ protected:
 private:
     struct AskedFile {
         std::string m_path;
-        bool m_isFile = false;
+        bool m_isFile;
     };
 
     static void KeepShare(const char* file = __builtin_FILE(), int line = __builtin_LINE());

@@ -21,7 +21,7 @@ constexpr std::array<const char*, 3> kIgnored = {"/etc/system-fips", "/usr/share
 void QemuFileDetectTask::CheckSensitiveFile(
     std::vector<std::shared_ptr<Framework::Message>>& messages) {
     SDK::LogDebug(m_logger, "MsgVector size is %lu in CheckSensitiveFile", messages.size());
-    m_lastAsked.emplace();
+    m_lastAsked = AskedFile{"", false};
     for (const std::shared_ptr<Framework::Message>& message : messages) {
         if (message == nullptr) {
             SDK::LogError(m_logger,

@@ -7,6 +7,7 @@
 #include <linux/sock_diag.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -102,6 +103,20 @@ TEST_F(SockDiagMessages, ThatAreRefusalsTellTheError) {
 TEST_F(SockDiagMessages, ThatEndWithAnErrorTellIt) {
     EXPECT_EQ(Read(Done(-ENOENT)), Result::FAILED);
     EXPECT_EQ(m_error, ENOENT);
+}
+
+TEST_F(SockDiagMessages, WithAnErrorThatTheKernelDoesNotHaveAreAskedForAgain) {
+    for (const int status : {0, 1, -4096, INT_MIN}) {
+        nlmsgerr refusal{};
+        refusal.error = status;
+        EXPECT_EQ(
+            Read(Message(NLMSG_ERROR, {reinterpret_cast<const char*>(&refusal), sizeof(refusal)})),
+            Result::AGAIN)
+            << status;
+    }
+    EXPECT_EQ(Read(Done(-4096)), Result::AGAIN);
+    EXPECT_EQ(Read(Done(INT_MIN)), Result::AGAIN);
+    EXPECT_EQ(Read(Done(-4095)), Result::FAILED);
 }
 
 TEST_F(SockDiagMessages, ThatAreCutShortAreAskedForAgain) {
