@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <map>
+#include <string>
 
 namespace {
 
@@ -135,6 +138,14 @@ TEST_P(VncDisplays, ExcuseTheirOwnPortOnly) {
         << option << ' ' << port;
 }
 
+/// "_vnc__1_5901": a test is called by the same name in every run.
+std::string NameOf(const testing::TestParamInfo<Display>& display) {
+    std::string name = display.param.m_option + ('_' + std::to_string(display.param.m_port));
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
+    return name;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Of, VncDisplays,
     testing::Values(Display{"-vnc :1", 5901, true}, Display{"-vnc :1", 5900, false},
@@ -145,7 +156,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Display{"-vnc :x", 5900, true}, Display{"-vnc :7x", 5907, true},
                     Display{"-vnc none", 5900, false}, Display{"-vnc 1", 5901, false},
                     Display{"-vnc unix:/run/vnc", 5900, true}, Display{"-vnc [::1]:6", 5906, false},
-                    Display{"-S", 5900, false}));
+                    Display{"-S", 5900, false}),
+    NameOf);
 
 TEST_F(PortChecks, AskNobodyWithoutAPolicy) {
     OpenPortTaskPtr task = new OpenPortTask;
