@@ -10,8 +10,8 @@
 
 namespace FileNotify {
 
-/// Tells what is made, moved and deleted in directories, by inotify(7): unlike fanotify it can do
-/// so on every file system.
+/// Tells what is made, moved and deleted in directories, by inotify(7). For those that fanotify
+/// does not tell of: the ancestors of what is watched, and file systems without handles.
 ///
 /// Threads: one at a time.
 class ChangeFeed {

@@ -6,13 +6,14 @@ namespace FileNotify {
 
 /// Where the events went.
 ///
-///     m_events == m_own + m_outside + m_routed + m_overflows
+///     m_events == m_own + m_outside + m_routed + m_changes + m_overflows
 ///     m_messages == m_delivered + m_lostBehind + m_lostGone + m_waiting
 struct Counters {
     std::uint64_t m_events = 0;     ///< read from the kernel
     std::uint64_t m_own = 0;        ///< of this program itself, dropped
     std::uint64_t m_outside = 0;    ///< in a directory that nobody asks for (any more), dropped
     std::uint64_t m_routed = 0;     ///< passed on to subscribers
+    std::uint64_t m_changes = 0;    ///< of directories, or only of a file's making: no accesses
     std::uint64_t m_overflows = 0;  ///< times the kernel's queue was full; how much it lost then,
                                     ///< it does not tell
 
@@ -24,7 +25,7 @@ struct Counters {
 
     /// True when every event and every message is accounted for.
     bool Balanced() const {
-        return m_events == m_own + m_outside + m_routed + m_overflows &&
+        return m_events == m_own + m_outside + m_routed + m_changes + m_overflows &&
                m_messages == m_delivered + m_lostBehind + m_lostGone + m_waiting;
     }
 };

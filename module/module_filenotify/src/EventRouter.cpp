@@ -52,14 +52,18 @@ void EventRouter::Route(const FanotifyEvent& event) {
                       static_cast<unsigned long>(m_counters.m_overflows));
         return;
     }
+    const unsigned int mask = static_cast<unsigned int>(event.m_mask) & kAllKinds;
+    if (mask == 0 || (event.m_mask & FAN_ONDIR) != 0) {
+        ++m_counters.m_changes;
+        return;
+    }
     if (event.m_pid == m_ownPid) {
         ++m_counters.m_own;
         return;
     }
     const WatchTree::Directory* directory =
         event.m_hasKey ? m_tree.FindByKey(event.m_directory) : m_tree.FindByPath(event.m_directory);
-    const unsigned int mask = static_cast<unsigned int>(event.m_mask) & kAllKinds;
-    if (directory == nullptr || mask == 0) {
+    if (directory == nullptr) {
         ++m_counters.m_outside;
         return;
     }

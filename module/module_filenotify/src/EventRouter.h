@@ -35,7 +35,8 @@ public:
     /// The subscriber with this inbox, made on first use.
     SubscriberPtr Subscriber(const std::shared_ptr<Framework::Inbox>& inbox);
 
-    /// Takes one event in. An overflow is counted and logged.
+    /// Takes one event in. An overflow is counted and logged. What is no access of a file is
+    /// counted and no more: the tree looks at it.
     void Route(const FanotifyEvent& event);
 
     /// Moves what waits into the inboxes.

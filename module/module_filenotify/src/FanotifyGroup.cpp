@@ -19,8 +19,14 @@ constexpr std::size_t kBufferBytes = std::size_t{64} << 10;
 // One call reads at most this often, so that a storm cannot keep the caller from its other work.
 constexpr int kReadsPerCall = 16;
 
-constexpr std::uint64_t kEvents =
+constexpr std::uint64_t kAccesses =
     FAN_OPEN | FAN_ACCESS | FAN_MODIFY | FAN_CLOSE_WRITE | FAN_CLOSE_NOWRITE | FAN_EVENT_ON_CHILD;
+
+// What befalls directories has no descriptor that it could come with. One mark for both costs those
+// who open files less than a second one of inotify's beside it. The price: accesses of directories
+// come too, and files that are made are told twice.
+constexpr std::uint64_t kChanges =
+    FAN_CREATE | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_DELETE_SELF | FAN_ONDIR;
 
 }  // namespace
 
@@ -38,15 +44,19 @@ int FanotifyGroup::Open() {
     return m_group ? 0 : errno;
 }
 
+std::uint64_t FanotifyGroup::Events() const {
+    return m_naming == Naming::BY_DIRECTORY ? kAccesses | kChanges : kAccesses;
+}
+
 int FanotifyGroup::Mark(int directory) {
-    return ::fanotify_mark(m_group.Get(), FAN_MARK_ADD | FAN_MARK_ONLYDIR, kEvents, directory,
+    return ::fanotify_mark(m_group.Get(), FAN_MARK_ADD | FAN_MARK_ONLYDIR, Events(), directory,
                            nullptr) == 0
                ? 0
                : errno;
 }
 
 int FanotifyGroup::Unmark(int directory) {
-    return ::fanotify_mark(m_group.Get(), FAN_MARK_REMOVE, kEvents, directory, nullptr) == 0
+    return ::fanotify_mark(m_group.Get(), FAN_MARK_REMOVE, Events(), directory, nullptr) == 0
                ? 0
                : errno;
 }

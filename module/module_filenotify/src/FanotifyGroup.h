@@ -4,6 +4,7 @@
 #include "sdk/UniqueDescriptor.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 namespace FileNotify {
@@ -16,8 +17,11 @@ class FanotifyGroup {
 public:
     /// How its events name a file.
     enum class Naming {
-        BY_DIRECTORY,   ///< by the directory's key and a name: cheap, and right under every mount
-        BY_DESCRIPTOR,  ///< by an open descriptor: for file systems that have no handles
+        /// By the directory's key and a name: cheap, and right under every mount. What befalls the
+        /// directories themselves is told too.
+        BY_DIRECTORY,
+        /// By an open descriptor: for file systems that have no handles. Accesses of files only.
+        BY_DESCRIPTOR,
     };
 
     explicit FanotifyGroup(Naming naming);
@@ -33,8 +37,8 @@ public:
     /// Readable when there are events; -1 when closed.
     int Descriptor() const { return m_group.Get(); }
 
-    /// Marks a directory for accesses of the files in it, or takes the mark back. Marking twice is
-    /// once. @return 0 or the error number
+    /// Marks a directory for accesses of the files in it, and for its own changes where they can be
+    /// told; or takes the mark back. Marking twice is once. @return 0 or the error number
     int Mark(int directory);
     int Unmark(int directory);
 
@@ -43,6 +47,7 @@ public:
     std::size_t Read(const FanotifyEventReader::Sink& sink);
 
 private:
+    std::uint64_t Events() const;
     std::size_t ReadOnce(const FanotifyEventReader::Sink& sink, bool& more);
     void ResolveAndClose(FanotifyEvent& event, const FanotifyEventReader::Sink& sink);
 

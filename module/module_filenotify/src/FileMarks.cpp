@@ -28,7 +28,11 @@ SDK::UniqueDescriptor OpenAbove(std::string path) {
     return directory;
 }
 
+/// A deleted directory's inode number may be another one's by now, its key never is.
 bool IsDirectory(int descriptor, const DirectoryMark& mark) {
+    if (!mark.m_key.empty()) {
+        return ReadDirectoryKey(descriptor) == mark.m_key;
+    }
     struct stat status {};
     return ::fstat(descriptor, &status) == 0 && status.st_dev == mark.m_device &&
            status.st_ino == mark.m_inode;

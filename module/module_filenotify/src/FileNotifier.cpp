@@ -20,7 +20,7 @@ constexpr int kRetryMs = 1;
 constexpr int kIdleMs = 1000;
 
 // After a loss the tree is read again, but a loss that goes on must not be answered by nothing
-// else.
+// else. The same holds for a host that mounts without end.
 constexpr std::int64_t kCheckEveryS = 5;
 
 std::int64_t Now() {
@@ -41,6 +41,7 @@ bool FileNotifier::Start() {
                       Poco::Error::getMessage(error));
         return false;
     }
+    m_mounts.Open();
     m_started = m_marks.Open();
     return m_started;
 }
@@ -52,6 +53,7 @@ void FileNotifier::Stop() {
     }
     m_marks.Close();
     m_changes.Close();
+    m_mounts.Close();
     m_tree.Clear();
 }
 
@@ -78,9 +80,10 @@ std::vector<int> FileNotifier::Descriptors() const {
 }
 
 int FileNotifier::Pass() {
-    m_tree.TakeChanges();
     TakeEvents();
+    m_tree.TakeChanges();
     CheckAfterOverflow();
+    CheckAfterMounts();
     for (const EventRouter::SubscriberPtr& subscriber : m_router.DropAbandoned()) {
         m_tree.RemoveAll(subscriber);
     }
@@ -91,8 +94,10 @@ int FileNotifier::Pass() {
 }
 
 std::size_t FileNotifier::TakeEvents() {
-    const std::size_t events =
-        m_marks.Read([this](const FanotifyEvent& event) { m_router.Route(event); });
+    const std::size_t events = m_marks.Read([this](const FanotifyEvent& event) {
+        m_tree.TakeEvent(event);
+        m_router.Route(event);
+    });
     m_router.Flush();
     return events;
 }
@@ -107,14 +112,25 @@ void FileNotifier::CheckAfterOverflow() {
     }
 }
 
+void FileNotifier::CheckAfterMounts() {
+    m_mountsChanged = m_mounts.Changed() || m_mountsChanged;
+    const std::int64_t now = Now();
+    if (m_mountsChanged && now >= m_nextMountCheck) {
+        m_mountsChanged = false;
+        m_nextMountCheck = now + kCheckEveryS;
+        m_tree.CheckPlaces();
+    }
+}
+
 void FileNotifier::LogBooks() const {
     const Counters counters = m_router.GetCounters();
     const auto number = [](std::uint64_t value) { return static_cast<unsigned long>(value); };
     SDK::LogInformation(Logger(),
-                        "File events: %lu from the kernel, %lu of the agent, %lu outside, %lu "
-                        "times lost by the kernel.",
+                        "File events: %lu from the kernel, %lu of the agent, %lu outside, %lu of "
+                        "directories, %lu times lost by the kernel.",
                         number(counters.m_events), number(counters.m_own),
-                        number(counters.m_outside), number(counters.m_overflows));
+                        number(counters.m_outside), number(counters.m_changes),
+                        number(counters.m_overflows));
     SDK::LogInformation(Logger(),
                         "File messages: %lu made, %lu delivered, %lu lost because the task was "
                         "behind, %lu because it was gone, %lu waiting.",

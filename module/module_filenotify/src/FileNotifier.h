@@ -4,6 +4,7 @@
 #include "Counters.h"
 #include "EventRouter.h"
 #include "FileMarks.h"
+#include "MountFeed.h"
 #include "WatchTree.h"
 #include "framework/Inbox.h"
 
@@ -48,15 +49,19 @@ public:
 private:
     std::size_t TakeEvents();
     void CheckAfterOverflow();
+    void CheckAfterMounts();
     void LogBooks() const;
 
     FileMarks m_marks;
     ChangeFeed m_changes;
+    MountFeed m_mounts;
     WatchTree m_tree;
     EventRouter m_router;
     bool m_started = false;
     std::uint64_t m_overflowsChecked = 0;
+    bool m_mountsChanged = false;
     std::int64_t m_nextCheck = 0;  // seconds of the steady clock
+    std::int64_t m_nextMountCheck = 0;
 };
 
 }  // namespace FileNotify

@@ -26,6 +26,9 @@ namespace FileNotify {
 /// asked for; links below it are not followed. Its ancestors are watched too, for the case that one
 /// of them, or the root itself, is put in place later or replaced.
 ///
+/// What happens in a marked directory its mark tells. Where it cannot, and for ancestors, the feed
+/// does.
+///
 /// Invariants: a place is kept while a root leads through it (m_guards) or covers it (m_marked).
 /// Each marked place has a subscriber. m_byWatch and m_byKey lead to places of m_places only.
 ///
@@ -60,11 +63,18 @@ public:
     /// @return true when there are more
     bool Scan(int directories);
 
-    /// Follows what was made, moved and deleted since the last call.
+    /// Follows what a mark tells of directories that were made, moved or deleted. Events of other
+    /// kinds are ignored.
+    void TakeEvent(const FanotifyEvent& event);
+
+    /// Follows what the feed told of them since the last call, and looks for roots that moved.
     void TakeChanges();
 
-    /// Compares every place with the file system and looks at all directories again. For the case
-    /// that the kernel lost changes or events.
+    /// Compares every place with the file system. For the case that something was mounted over it.
+    void CheckPlaces();
+
+    /// The same, and looks at all directories again. For the case that the kernel lost changes or
+    /// events.
     void Check();
 
     /// The marked directory of this key or path, or null.
@@ -74,7 +84,7 @@ public:
     std::size_t RootCount() const { return m_roots.size(); }
     std::size_t MarkedCount() const { return m_markedCount; }
 
-    /// Watches held in the kernel's change feed. For tests: what is given back must be gone.
+    /// Watches held in the feed. For tests: what is given back must be gone.
     std::size_t WatchCount() const { return m_byWatch.size(); }
 
     /// Marks that could not be taken back because their directory could not be reached any more.
@@ -116,12 +126,15 @@ private:
 
     std::vector<SubscriberPtr> Covering(const std::string& path) const;
     void ScanDirectory(const std::string& path);
+    bool MarkDirectory(int directory, const std::string& path, DirectoryMark& mark);
+    bool Displace(const std::string& other, int directory, const std::string& path);
+    void SetMark(Place& place, DirectoryMark mark);
+    void LogUnmarkable(int directory, const std::string& path, int error) const;
     bool IsLeftOut(int directory, const std::string& path) const;
     Place& PlaceOf(const std::string& path);
     bool WatchChanges(int directory, const std::string& path);
     bool ReleaseWatch(int watch, int directory, const std::string& path);
     void SetWatch(Place& place, int watch);
-    bool MarkPlace(int directory, Place& place);
     void ListDirectories(int directory, const std::string& path);
 
     void TakeChange(const ChangeFeed::Change& change);

@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -94,17 +95,49 @@ void WatchTree::ScanDirectory(const std::string& path) {
     if (IsLeftOut(directory.Get(), path)) {
         return;
     }
-    // Changes first, then the mark, then the list: nothing that is made meanwhile slips through.
-    if (!WatchChanges(directory.Get(), path)) {
+    // The list last: nothing that is made meanwhile slips through.
+    DirectoryMark mark;
+    if (!MarkDirectory(directory.Get(), path, mark)) {
         return;
     }
     Place& place = PlaceOf(path);
-    if (!MarkPlace(directory.Get(), place)) {
-        EraseUnused(path);
-        return;
-    }
+    SetMark(place, std::move(mark));
     place.m_directory.m_subscribers = std::move(subscribers);
     ListDirectories(directory.Get(), path);
+}
+
+/// Marks the directory that stands at a path, and sees to it that its changes are told.
+/// @return false when it cannot be marked, or is a place already under another path
+bool WatchTree::MarkDirectory(int directory, const std::string& path, DirectoryMark& mark) {
+    int error = m_marks.Mark(directory, mark);
+    if (error == 0 && mark.m_byKey) {
+        const auto known = m_byKey.find(mark.m_key);
+        if (known == m_byKey.end() || known->second->m_directory.m_path == path) {
+            return true;
+        }
+        if (!Displace(known->second->m_directory.m_path, directory, path)) {
+            return false;
+        }
+        error = m_marks.Mark(directory, mark);  // the place it had took the mark along
+    } else if (error == 0) {
+        if (!WatchChanges(directory, path)) {
+            return false;
+        }
+        error = m_marks.Mark(directory, mark);
+    }
+    if (error != 0) {
+        LogUnmarkable(directory, path, error);
+        EraseUnused(path);
+    }
+    return error == 0;
+}
+
+void WatchTree::LogUnmarkable(int directory, const std::string& path, int error) const {
+    struct statfs fileSystem {};
+    ::fstatfs(directory, &fileSystem);
+    SDK::LogError(Logger(), "Directory(%s) cannot be watched, on a file system of type 0x%lx: %s",
+                  path, static_cast<unsigned long>(fileSystem.f_type),
+                  Poco::Error::getMessage(error));
 }
 
 bool WatchTree::IsLeftOut(int directory, const std::string& path) const {
@@ -160,16 +193,28 @@ bool WatchTree::ReleaseWatch(int watch, int directory, const std::string& path) 
         return true;
     }
     const std::string other = known->second->m_directory.m_path;
-    if (LeadsTo(other, directory)) {
+    if (!Displace(other, directory, path)) {
+        return false;
+    }
+    if (const auto still = m_byWatch.find(watch); still != m_byWatch.end()) {
+        still->second->m_watch = -1;
+        m_byWatch.erase(still);
+    }
+    return true;
+}
+
+/// Gives the place up that a directory has under another path, when it has moved from there.
+/// @return false when it has not: it can be reached by both paths
+bool WatchTree::Displace(const std::string& other, int directory, const std::string& path) {
+    const std::string old = other;  // goes with its place
+    if (LeadsTo(old, directory)) {
         SDK::LogInformation(Logger(), "Directory(%s) is directory(%s), which is watched already.",
-                            path, other);
+                            path, old);
         return false;
     }
     // The move is only about to be told.
-    known->second->m_watch = -1;
-    m_byWatch.erase(known);
-    DropTree(other);
-    MarkStale(other);
+    DropTree(old);
+    MarkStale(old);
     return true;
 }
 
@@ -186,18 +231,7 @@ void WatchTree::SetWatch(Place& place, int watch) {
     m_byWatch[watch] = &place;
 }
 
-bool WatchTree::MarkPlace(int directory, Place& place) {
-    DirectoryMark mark;
-    const int error = m_marks.Mark(directory, mark);
-    if (error != 0) {
-        struct statfs fileSystem {};
-        ::fstatfs(directory, &fileSystem);
-        SDK::LogError(Logger(),
-                      "Directory(%s) cannot be watched, on a file system of type 0x%lx: %s",
-                      place.m_directory.m_path, static_cast<unsigned long>(fileSystem.f_type),
-                      Poco::Error::getMessage(error));
-        return false;
-    }
+void WatchTree::SetMark(Place& place, DirectoryMark mark) {
     if (place.m_marked && place.m_mark.m_key != mark.m_key) {
         Unmark(place);
     }
@@ -209,7 +243,6 @@ bool WatchTree::MarkPlace(int directory, Place& place) {
     if (place.m_mark.m_byKey) {
         m_byKey[place.m_mark.m_key] = &place;
     }
-    return true;
 }
 
 void WatchTree::ListDirectories(int directory, const std::string& path) {
@@ -228,6 +261,29 @@ void WatchTree::ListDirectories(int directory, const std::string& path) {
             m_toScan.push_back(WatchPath::Join(path, entry->d_name));
         }
     }
+}
+
+void WatchTree::TakeEvent(const FanotifyEvent& event) {
+    constexpr std::uint64_t changes = FAN_CREATE | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_DELETE_SELF;
+    if ((event.m_mask & FAN_ONDIR) == 0 || (event.m_mask & changes) == 0) {
+        return;
+    }
+    const auto found = m_byKey.find(event.m_directory);
+    if (found == m_byKey.end()) {
+        return;
+    }
+    Place& place = *found->second;
+    if ((event.m_mask & FAN_DELETE_SELF) != 0) {
+        Forget(place);
+        return;
+    }
+    // Changes of one name that nobody has read yet come as one, their order unknown: what stands
+    // there now decides.
+    const std::string path = WatchPath::Join(place.m_directory.m_path, event.m_name);
+    if ((event.m_mask & FAN_MOVED_FROM) != 0) {
+        DropTree(path);
+    }
+    m_toScan.push_back(path);
 }
 
 void WatchTree::TakeChanges() {
@@ -251,6 +307,7 @@ void WatchTree::TakeChange(const ChangeFeed::Change& change) {
     }
     Place& place = *found->second;
     if ((change.m_mask & IN_IGNORED) != 0) {
+        m_byWatch.erase(std::exchange(place.m_watch, -1));
         Forget(place);
         return;
     }
@@ -271,7 +328,6 @@ void WatchTree::TakeChange(const ChangeFeed::Change& change) {
 /// The directory is gone, and with it all that the kernel held for it.
 void WatchTree::Forget(Place& place) {
     const std::string path = place.m_directory.m_path;
-    m_byWatch.erase(std::exchange(place.m_watch, -1));
     if (place.m_marked) {
         Unmark(place);
     }
@@ -287,7 +343,8 @@ void WatchTree::Unmark(Place& place) {
     if (known != m_byKey.end() && known->second == &place) {
         m_byKey.erase(known);
     }
-    if (!m_marks.Unmark(place.m_mark, place.m_directory.m_path) && place.m_watch >= 0) {
+    if (!m_marks.Unmark(place.m_mark, place.m_directory.m_path) &&
+        (place.m_mark.m_byKey || place.m_watch >= 0)) {
         ++m_strayMarks;
     }
 }
@@ -326,7 +383,7 @@ void WatchTree::EraseUnused(const std::string& path) {
     m_places.erase(place);
 }
 
-void WatchTree::Check() {
+void WatchTree::CheckPlaces() {
     std::vector<std::string> gone;
     for (const auto& [path, place] : m_places) {
         struct stat status {};
@@ -340,7 +397,13 @@ void WatchTree::Check() {
     for (const std::string& path : gone) {
         DropTree(path);
         MarkStale(path);
+        m_toScan.push_back(path);
     }
+    RelocateStale();
+}
+
+void WatchTree::Check() {
+    CheckPlaces();
     for (Root& root : m_roots) {
         root.m_stale = root.m_stale || WatchPath::RealDirectory(root.m_asked) != root.m_real;
         if (!root.m_stale) {

@@ -2,6 +2,10 @@
 
 #include "NotifierHarness.h"
 
+#include <sys/fanotify.h>
+
+#include <map>
+
 namespace {
 
 using namespace FileNotifyTest;
@@ -15,6 +19,9 @@ protected:
         InChild([&] { ReadFile(file); });
         Strings events;
         group.Read([&](const FanotifyEvent& event) {
+            if ((event.m_mask & FAN_ONDIR) != 0) {
+                return;  // of the test's own looks into the folder
+            }
             events.push_back((event.m_hasKey ? "key" : std::string(event.m_directory)) + '/' +
                              std::string(event.m_name));
         });
@@ -28,6 +35,26 @@ TEST_F(FanotifyGroup, NamesAFileByTheKeyOfItsDirectory) {
     ASSERT_EQ(group.Open(), 0);
     ASSERT_EQ(group.Mark(Open(m_folder.Path()).Get()), 0);
     EXPECT_EQ(EventsOf(group, file), Strings{"key/shadow"});
+}
+
+TEST_F(FanotifyGroup, TellsWhatBefallsDirectoriesWhereItNamesThemByKey) {
+    Make("top/old");
+    FileNotify::FanotifyGroup group(Naming::BY_DIRECTORY);
+    ASSERT_EQ(group.Open(), 0);
+    ASSERT_EQ(group.Mark(Open(m_folder / "top").Get()), 0);
+    Make("top/new");
+    std::filesystem::rename(m_folder / "top/old", m_folder / "gone");
+    std::filesystem::rename(m_folder / "gone", m_folder / "top/back");
+    std::filesystem::remove_all(m_folder / "top");
+    std::map<std::string, std::uint64_t> told;
+    group.Read([&](const FanotifyEvent& event) {
+        EXPECT_NE(event.m_mask & FAN_ONDIR, 0U);
+        told[std::string(event.m_name)] |= event.m_mask;
+    });
+    EXPECT_NE(told["new"] & FAN_CREATE, 0U);
+    EXPECT_NE(told["old"] & FAN_MOVED_FROM, 0U);
+    EXPECT_NE(told["back"] & FAN_MOVED_TO, 0U);
+    EXPECT_NE(told["."] & FAN_DELETE_SELF, 0U);
 }
 
 TEST_F(FanotifyGroup, NamesAFileByItsPathWhereItComesAsADescriptor) {

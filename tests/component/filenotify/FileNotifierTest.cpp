@@ -56,6 +56,8 @@ TEST_F(FileNotifier, SaysNothingOfDirectories) {
     InChild([&] { ::close(::open((m_folder / "sub").c_str(), O_RDONLY | O_DIRECTORY)); });
     Settle();
     EXPECT_TRUE(m_events.empty());
+    EXPECT_GT(m_notifier.GetCounters().m_changes, 0U);
+    EXPECT_TRUE(m_notifier.GetCounters().Balanced());
 }
 
 TEST_F(FileNotifier, SeesAnAccessThroughASymbolicLinkUnderTheFilesOwnPath) {

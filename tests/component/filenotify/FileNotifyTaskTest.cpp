@@ -88,7 +88,8 @@ TEST_F(FileNotifyTask, StopsOnRequest) {
     m_engine->UnRegisterTask("filenotify_task");
     EXPECT_EQ(m_asking->GetInbox()->Depth(), 0U);
     EXPECT_EQ(m_log.Count(kInformation,
-                          "File events: 0 from the kernel, 0 of the agent, 0 outside, 0 times lost "
+                          "File events: 0 from the kernel, 0 of the agent, 0 outside, 0 of "
+                          "directories, 0 times lost "
                           "by the kernel."),
               1U);
 }

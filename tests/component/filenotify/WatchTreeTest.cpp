@@ -336,12 +336,50 @@ TEST_F(WatchTree, GivesEverythingBack) {
     Make("top/a/b");
     Watch(m_folder / "top");
     Watch(m_folder / "missing/one");
-    EXPECT_GT(m_notifier.Tree().WatchCount(), 3U);
+    EXPECT_GE(m_notifier.Tree().WatchCount(), 3U);
     Unwatch(m_folder / "top");
     Unwatch(m_folder / "missing/one");
     EXPECT_EQ(Marked(), 0U);
     EXPECT_EQ(m_notifier.Tree().WatchCount(), 0U);
     EXPECT_EQ(m_notifier.Tree().StrayMarks(), 0U);
+}
+
+TEST_F(WatchTree, NeedsNoSecondWatchOfWhatItsMarksTell) {
+    Make("top/a/b");
+    Watch(m_folder / "top");
+    const std::size_t ancestors = m_notifier.Tree().WatchCount();
+    Make("top/c/d");
+    Settle();
+    EXPECT_EQ(Marked(), 5U);
+    EXPECT_EQ(m_notifier.Tree().WatchCount(), ancestors);
+}
+
+TEST_F(WatchTree, FollowsDirectoriesByTheFeedWhereMarksCannotTell) {
+    Make("top/stays");
+    Make("top/goes");
+    FileNotify::FileMarks marks(false);
+    FileNotify::ChangeFeed changes;
+    ASSERT_TRUE(marks.Open());
+    ASSERT_EQ(changes.Open(), 0);
+    FileNotify::WatchTree tree(marks, changes);
+    tree.Add(m_folder / "top", true,
+             std::make_shared<Framework::Outbox>(m_inbox, 10, "file events"));
+    const auto settle = [&] {
+        tree.TakeChanges();
+        while (tree.Scan(100)) {
+        }
+    };
+    settle();
+    ASSERT_EQ(tree.MarkedCount(), 3U);
+    Make("top/new");
+    Rename("top/stays", "top/moved");
+    Delete("top/goes");
+    settle();
+    EXPECT_EQ(tree.MarkedCount(), 3U);
+    EXPECT_NE(tree.FindByPath(m_folder / "top/new"), nullptr);
+    EXPECT_NE(tree.FindByPath(m_folder / "top/moved"), nullptr);
+    EXPECT_EQ(tree.FindByPath(m_folder / "top/stays"), nullptr);
+    EXPECT_EQ(tree.FindByPath(m_folder / "top/goes"), nullptr);
 }
 
 TEST_F(WatchTree, LeaksNothingInTenThousandRounds) {
@@ -464,6 +502,24 @@ TEST_F(WatchTree, WatchesAFileSystemOfItsOwnBelow) {
     EXPECT_EQ(Marked(), 2U);
     EXPECT_TRUE(Sees(File("top/memory/key")));
     ::umount2((m_folder / "top/memory").c_str(), MNT_DETACH);
+}
+
+TEST_F(WatchTree, FollowsWhatIsMountedOverAWatchedDirectoryAndUnmountedAgain) {
+    Make("top/memory");
+    const std::string file = File("top/memory/key");
+    Watch(m_folder / "top");
+    if (::mount("none", (m_folder / "top/memory").c_str(), "tmpfs", 0, nullptr) != 0) {
+        GTEST_SKIP() << "no mounts here";
+    }
+    Settle();
+    EXPECT_EQ(Marked(), 2U);
+    EXPECT_TRUE(Sees(File("top/memory/covering")));
+    ASSERT_EQ(::umount((m_folder / "top/memory").c_str()), 0);
+    EXPECT_TRUE(TestSupport::WaitUntil([&] {
+        Settle();
+        return Sees(file);
+    }));
+    EXPECT_EQ(Marked(), 2U);
 }
 
 }  // namespace
