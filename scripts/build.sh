@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # build.sh PRESET [TARGET...]: configures (once) and builds one preset.
 set -euo pipefail
+umask 022  # files that others may write are refused by the agent
 cd "$(dirname "$0")/.."
 
 preset=$1

@@ -250,6 +250,7 @@ def run(build, folder):
 
 def main():
     build = sys.argv[1] if len(sys.argv) > 1 else "build/release"
+    os.umask(0o022)  # the agent takes no policy that others may write
     # So that the cleaning up below also runs when somebody ends the demo early.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("demo: stopped"))
     if shutil.which(QEMU) is None:

@@ -21,6 +21,7 @@ libbpf-dev|loads BPF programs
 bpftool|turns BPF objects into headers
 libcli11-dev|command line of the agent
 libcap-ng-dev|capabilities of the agent
+libsystemd-dev|tells the service manager that the agent is ready and alive
 libgtest-dev|tests
 libgmock-dev|tests
 libbenchmark-dev|benchmarks
@@ -34,6 +35,7 @@ qemu-utils|disk images for that machine
 python3|drives the monitor of that machine
 iproute2|network devices for tests
 util-linux|unshare, a network of its own for tests
+systemd|checks the unit file of the service
 procps|process tools for scripts
 '
 

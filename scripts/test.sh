@@ -2,6 +2,7 @@
 # Every test: unit and component tests under the sanitizers, the fuzz targets for a few seconds each,
 # then all tests of the release build, whose summary closes the output.
 set -euo pipefail
+umask 022  # files that others may write are refused by the agent
 cd "$(dirname "$0")/.."
 
 export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <iostream>
 #include <utility>
 
@@ -33,6 +34,11 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 // Under which the product's policies are delivered.
 constexpr const char* kPolicyKey = "10001";
+
+constexpr const char* kWatching = "Watching this host's virtual machines";
+
+// How often tasks are looked at when no service manager says how often.
+constexpr std::chrono::seconds kTaskLookPeriod(15);
 
 /// Takes the signals that end the agent, or make it read its policies again, off all threads.
 /// @return a descriptor that tells of them, or -1
@@ -67,6 +73,11 @@ int Agent::Run() {
     StartLog(m_settings.Get("log_level"));
     if (const int code = CheckPrivileges(); code != EXIT_GOOD) {
         return code;
+    }
+    if (const std::string wrong = Privileges::KeepNeeded(m_settings.Get("process_collect.source"));
+        !wrong.empty()) {
+        SDK::LogError(Logger(), "%s", wrong);
+        return EXIT_FAILED;
     }
     m_signals = BlockSignals();
     if (m_signals < 0) {
@@ -168,6 +179,7 @@ bool Agent::StartPolicies() {
     }
     LogNotice("vmescape-agent %s is running, %d policies read from %s",
               std::string(VMESCAPE_VERSION), policies, folder);
+    m_manager.Ready(kWatching);
     return true;
 }
 
@@ -190,10 +202,21 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
 }
 
 bool Agent::Loop() {
+    using Clock = std::chrono::steady_clock;
+    using std::chrono::milliseconds;
+    const milliseconds period =
+        m_manager.AlivePeriod().count() > 0 ? m_manager.AlivePeriod() : kTaskLookPeriod;
     std::array<pollfd, 2> waited = {
         {{m_signals, POLLIN, 0}, {m_policies->Descriptor(), POLLIN, 0}}};
-    for (;;) {
-        if (::poll(waited.data(), waited.size(), -1) < 0 && errno != EINTR) {
+    for (Clock::time_point nextLook = Clock::now();;) {
+        if (Clock::now() >= nextLook) {
+            LookAtTasks();
+            nextLook = Clock::now() + period;
+        }
+        const milliseconds wait =
+            std::max(milliseconds(0), std::chrono::ceil<milliseconds>(nextLook - Clock::now()));
+        if (::poll(waited.data(), waited.size(), static_cast<int>(wait.count())) < 0 &&
+            errno != EINTR) {
             SDK::LogError(Logger(), "Waiting failed: %s", Poco::Error::getMessage(errno));
             return false;
         }
@@ -206,10 +229,29 @@ bool Agent::Loop() {
         }
         if (info.ssi_signo != SIGHUP) {
             LogNotice("Signal %u ends the agent", info.ssi_signo);
+            m_manager.Stopping();
             return true;
         }
         m_policies->ReadAll();
     }
+}
+
+void Agent::LookAtTasks() {
+    const std::vector<std::string> stuck = m_taskWatch.Look(m_engine->GetTaskStatus());
+    if (stuck.empty()) {
+        m_manager.Alive();
+    }
+    if (stuck == m_stuck) {
+        return;
+    }
+    for (const std::string& task : stuck) {
+        SDK::LogError(Logger(), "%s", task);
+    }
+    if (stuck.empty()) {
+        LogNotice("All tasks work again");
+    }
+    m_manager.Status(stuck.empty() ? kWatching : stuck.front());
+    m_stuck = stuck;
 }
 
 void Agent::LogTotals() const {

@@ -1,12 +1,15 @@
 #pragma once
 
 #include "Options.h"
+#include "ServiceManager.h"
 #include "Settings.h"
+#include "TaskWatch.h"
 
 #include <Poco/AutoPtr.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Framework {
 class Engine;
@@ -37,6 +40,7 @@ private:
     bool StartPolicies();
     void DeliverPolicy(const std::string& path, const std::string& text);
     bool Loop();
+    void LookAtTasks();
     void LogTotals() const;
 
     const Options m_options;
@@ -44,6 +48,9 @@ private:
     std::unique_ptr<ModuleLoader> m_loader;  // outlives the engine, whose modules are its code
     Poco::AutoPtr<Framework::Engine> m_engine;
     std::unique_ptr<PolicyFolder> m_policies;
+    const ServiceManager m_manager;
+    TaskWatch m_taskWatch;
+    std::vector<std::string> m_stuck;  // what the last look found
     int m_signals = -1;
 };
 

@@ -1,6 +1,7 @@
 #include "ModuleLoader.h"
 
 #include "AgentLog.h"
+#include "FileTrust.h"
 #include "OptionalModule.h"
 #include "framework/Engine.h"
 #include "framework/Module.h"
@@ -44,6 +45,10 @@ bool ModuleLoader::Load(Framework::Engine& engine, const std::string& folder,
                         const std::string& name, bool optional) {
     const std::string path =
         Poco::Path::forDirectory(folder).setFileName("lib" + name + ".so").toString();
+    if (const std::string wrong = FileTrust::WhyNot(path); !wrong.empty()) {
+        SDK::LogError(Logger(), "Module(%s) is refused: %s", name, wrong);
+        return false;
+    }
     Poco::SharedLibrary& library = m_libraries.emplace_back();
     try {
         library.load(path);

@@ -1,5 +1,6 @@
 #include "PolicyChecker.h"
 
+#include "FileTrust.h"
 #include "JsonFile.h"
 #include "sdk/PathUtils.h"
 
@@ -287,7 +288,15 @@ std::vector<Problem> PolicyChecker::Check(const std::string& path, const std::st
 std::vector<Problem> PolicyChecker::CheckFile(const std::string& path) {
     std::vector<Problem> problems;
     std::string text;
-    return ReadWholeFile(path, text, problems) ? Check(path, text) : problems;
+    if (!ReadWholeFile(path, text, problems)) {
+        return problems;
+    }
+    problems = Check(path, text);
+    // A draft may lie anywhere, so that the agent would not take it from there is no error yet.
+    if (const std::string wrong = FileTrust::WhyNot(path); !wrong.empty()) {
+        problems.push_back({path, "", "would be refused where it is: " + wrong, true});
+    }
+    return problems;
 }
 
 }  // namespace Agent

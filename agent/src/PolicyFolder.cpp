@@ -1,6 +1,7 @@
 #include "PolicyFolder.h"
 
 #include "AgentLog.h"
+#include "FileTrust.h"
 #include "JsonFile.h"
 
 #include <Poco/DirectoryIterator.h>
@@ -22,8 +23,10 @@ namespace Agent {
 namespace {
 
 // A file counts when it was written and closed or moved here; links come without being written.
-constexpr std::uint32_t kFolderEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE |
-                                        IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// One that was refused because others may write it counts again when its mode has changed.
+constexpr std::uint32_t kFolderEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_ATTRIB |
+                                        IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF |
+                                        IN_ONLYDIR;
 constexpr std::uint32_t kParentEvents = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_ONLYDIR;
 
 // Room for several events with the longest name (inotify(7)).
@@ -118,6 +121,9 @@ void PolicyFolder::Note(const inotify_event& event, Changes& changes) const {
         changes.m_folderGone = true;
     }
     const std::string name = event.len > 0 ? event.name : "";
+    if (name.empty() && (event.mask & IN_ATTRIB) != 0) {
+        changes.m_all = true;  // the folder's own mode
+    }
     const bool removed = (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0;
     const bool link = !removed && !name.empty() && IsSymbolicLink(m_folder + '/' + name);
     if (!IsPolicyFile(name)) {
@@ -179,6 +185,10 @@ bool PolicyFolder::ReadFile(const std::string& name) {
     const std::string path = m_folder + '/' + name;
     std::vector<Problem> problems;
     std::string text;
+    if (const std::string wrong = FileTrust::WhyNot(path); !wrong.empty()) {
+        SDK::LogError(Logger(), "Policy(%s) is refused, what was in force stays: %s", path, wrong);
+        return false;
+    }
     if (!ReadWholeFile(path, text, problems)) {
         for (const Problem& problem : problems) {
             SDK::LogError(Logger(), "%s", ToText(problem));

@@ -12,6 +12,13 @@ public:
     /// @param source  the configured source of process events: "auto", "bpf" or "connector"
     /// @param files   file accesses have to be followed too
     static std::vector<std::string> Missing(const std::string& source, bool files);
+
+    /// Gives up, for good, every capability that watching does not need, and the chance to win one
+    /// by starting a program. Capabilities belong to threads: to be called before the first other
+    /// thread starts.
+    /// @param source  as above
+    /// @return what is wrong, or "": all was given up
+    static std::string KeepNeeded(const std::string& source);
 };
 
 }  // namespace Agent

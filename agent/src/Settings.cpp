@@ -1,5 +1,6 @@
 #include "Settings.h"
 
+#include "FileTrust.h"
 #include "JsonFile.h"
 #include "sdk/StrUtils.h"
 
@@ -150,6 +151,10 @@ std::vector<Problem> Settings::Load(const std::string& path) {
     std::vector<Problem> problems;
     std::string text;
     Json::Value root;
+    if (const std::string wrong = FileTrust::WhyNot(path); !wrong.empty()) {
+        problems.push_back({path, "", "is refused: " + wrong});
+        return problems;
+    }
     if (ReadWholeFile(path, text, problems) && ParseObject(path, text, root, problems)) {
         LoadObject(path, root, "", "", problems);
     }

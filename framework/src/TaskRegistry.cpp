@@ -95,7 +95,8 @@ std::vector<Engine::TaskStatus> TaskRegistry::Status() const {
     std::vector<Engine::TaskStatus> tasks;
     for (const auto& [name, entry] : m_entries) {
         const Inbox& inbox = *entry.m_task->GetInbox();
-        tasks.push_back({name, entry.m_task->GetFeatureName(), entry.m_passive, inbox.Depth(),
+        tasks.push_back({name, entry.m_task->GetFeatureName(), entry.m_passive,
+                         entry.m_task->state() == Task::TASK_FINISHED, inbox.Depth(),
                          inbox.Capacity(), inbox.Accepted(), inbox.Lost(),
                          entry.m_task->GetPolicyUseCount(), entry.m_task->GetPolicyLastUse()});
     }

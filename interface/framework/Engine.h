@@ -38,6 +38,7 @@ public:
         std::string m_name;
         std::string m_feature;
         bool m_passive = false;
+        bool m_ended = false;  ///< its thread has ended, though nobody stopped it
         unsigned int m_inboxDepth = 0;
         unsigned int m_inboxCapacity = 0;
         std::uint64_t m_messagesAccepted = 0;

@@ -3,6 +3,8 @@
 
 #include <signal.h>
 
+#include <filesystem>
+
 namespace {
 
 using TestSupport::ChildProcess;
@@ -75,6 +77,39 @@ TEST_F(AgentProgram, EndsWithFourAndSaysWhichPrivilegeIsMissing) {
     for (const char* name : {"CAP_BPF", "CAP_PERFMON", "CAP_NET_ADMIN", "CAP_SYS_PTRACE"}) {
         EXPECT_NE(result.m_errors.find(name), std::string::npos) << name;
     }
+}
+
+TEST_F(AgentProgram, KeepsNoPrivilegeThatItDoesNotNeedInAnyThread) {
+    Agent agent(BUILD_FOLDER, DenyList(), {"-o", "process_collect.source=bpf"});
+    const std::string threads = "/proc/" + std::to_string(agent.Child().Pid()) + "/task";
+    std::size_t looked = 0;
+    for (const auto& thread : std::filesystem::directory_iterator(threads)) {
+        const std::string status = TestSupport::ReadText(thread.path() / "status");
+        // CAP_DAC_READ_SEARCH, CAP_SYS_PTRACE, CAP_SYS_ADMIN, CAP_PERFMON, CAP_BPF
+        EXPECT_NE(status.find("CapPrm:\t000000c000280004\nCapEff:\t000000c000280004\n"
+                              "CapBnd:\t0000000000000000\n"),
+                  std::string::npos)
+            << status;
+        EXPECT_NE(status.find("NoNewPrivs:\t1\n"), std::string::npos) << status;
+        ++looked;
+    }
+    EXPECT_GT(looked, 5U);
+}
+
+TEST_F(AgentProgram, RefusesModulesAndConfigurationsThatOthersMayWrite) {
+    const std::string config = m_folder.Write("agent.json", "{}");
+    std::filesystem::permissions(config, std::filesystem::perms(0666));
+    const ChildProcess::Result result = Run({"run", "--config", config});
+    EXPECT_EQ(result.m_status, 6);
+    EXPECT_NE(result.m_errors.find("may be written by others (mode 0666)"), std::string::npos);
+
+    const std::string folder = m_folder / "modules";
+    std::filesystem::copy(BUILD_FOLDER "/module", folder);
+    std::filesystem::permissions(folder + "/libvmescape_module.so", std::filesystem::perms(0757));
+    const ChildProcess::Result modules = RunWith({"--modules", folder});
+    EXPECT_EQ(modules.m_status, 1);
+    EXPECT_NE(modules.m_errors.find("Module(vmescape_module) is refused: "), std::string::npos)
+        << modules.m_errors;
 }
 
 TEST_F(AgentProgram, EndsWithSixWhenTheConfigurationIsWrong) {

@@ -60,6 +60,16 @@ TEST_F(ModuleLoader, RefusesALibraryWithoutFactory) {
     EXPECT_TRUE(m_log.Contains("CreateModule"));
 }
 
+TEST_F(ModuleLoader, RefusesALibraryThatOthersMayWrite) {
+    const std::string file = m_folder / "libdata_comm_module.so";
+    std::filesystem::copy_file(BUILD_FOLDER "/module/libdata_comm_module.so", file);
+    EXPECT_TRUE(Load(m_folder.Path(), "data_comm_module"));
+    std::filesystem::permissions(file, std::filesystem::perms(0777));
+    EXPECT_FALSE(Load(m_folder.Path(), "data_comm_module"));
+    EXPECT_TRUE(m_log.Contains("Module(data_comm_module) is refused: " + file +
+                               " may be written by others (mode 0777), expected 0755 at the most"));
+}
+
 TEST_F(ModuleLoader, LooksBesideTheProgramFirst) {
     EXPECT_EQ(Agent::ModuleLoader::DefaultFolder(), BUILD_FOLDER "/module");
 }

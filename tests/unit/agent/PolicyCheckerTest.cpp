@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 using Lines = std::vector<std::string>;
@@ -257,6 +259,20 @@ TEST_F(PolicyCheckerOfOthers, WarnsOfKeysThatBelongToAnotherFeature) {
                               R"({"virtmonitor":"qemu-kvm","portlist":[],"action":true}]})"),
               (Lines{"/content/action: warning: unknown key",
                      "/content/monitor_list/0/action: warning: unknown key"}));
+}
+
+TEST(PolicyCheckerOfFiles, WarnsOfAFileThatTheAgentWouldNotTakeFromThere) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string file =
+        folder.Write("qemu_cmd_detect_feature.json",
+                     R"({"module_name":"vmescape_module","content":{"monitor_list":[)"
+                     R"({"virtcmd":"qemu-kvm","action":true,"cmdlist":["/usr/bin/id"]}]}})");
+    EXPECT_TRUE(Agent::PolicyChecker::CheckFile(file).empty());
+    ::chmod(file.c_str(), 0666);
+    const std::vector<Agent::Problem> problems = Agent::PolicyChecker::CheckFile(file);
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_TRUE(problems[0].m_warning);
+    EXPECT_EQ(problems[0].m_text.rfind("would be refused where it is: ", 0), 0U);
 }
 
 }  // namespace

@@ -206,4 +206,27 @@ TEST_F(PolicyFolder, IsQuietAboutItsNeighboursWhileItIsThere) {
     EXPECT_FALSE(Announces());
 }
 
+TEST_F(PolicyFolder, RefusesAFileThatOthersMayWriteUntilItsModeIsMended) {
+    Start(m_files.Path());
+    fs::permissions(m_files.Write("a.json", "1"), fs::perms(0666));
+    EXPECT_EQ(m_folder->ReadAll(), 0);
+    EXPECT_TRUE(
+        m_log.Contains("Policy(" + m_files / "a.json" + ") is refused, what was in force stays: "));
+    EXPECT_TRUE(m_log.Contains("may be written by others (mode 0666)"));
+    Handle();
+    m_reads.clear();
+    fs::permissions(m_files / "a.json", fs::perms(0644));
+    EXPECT_EQ(Handle(), Reads{"a.json=1"});
+}
+
+TEST_F(PolicyFolder, ThatOthersMayWriteIsRefusedUntilItsModeIsMended) {
+    fs::create_directory(m_files / "p");
+    m_files.Write("p/a.json", "1");
+    fs::permissions(m_files / "p", fs::perms(0777));
+    Start(m_files / "p");
+    EXPECT_EQ(m_folder->ReadAll(), 0);
+    fs::permissions(m_files / "p", fs::perms(0755));
+    EXPECT_EQ(Handle(), Reads{"a.json=1"});
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cap-ng.h>
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,12 @@
 #include <initializer_list>
 
 namespace {
+
+int ExitStatus(pid_t child) {
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 /// How many privileges are missing to a child with these capabilities and no others.
 int CountMissing(std::initializer_list<unsigned int> capabilities, const std::string& source,
@@ -28,9 +35,7 @@ int CountMissing(std::initializer_list<unsigned int> capabilities, const std::st
         }
         ::_exit(static_cast<int>(Agent::Privileges::Missing(source, files).size()));
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return ExitStatus(child);
 }
 
 class Privileges : public testing::Test {
@@ -76,6 +81,46 @@ TEST_F(Privileges, ForFilesAreTheAdministratorAndTheReaderOfAll) {
     EXPECT_EQ(CountMissing({CAP_SYS_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH}, "bpf", true), 0);
     EXPECT_EQ(CountMissing({CAP_SYS_ADMIN, CAP_SYS_PTRACE}, "bpf", true), 1);
     EXPECT_EQ(CountMissing({CAP_BPF, CAP_PERFMON, CAP_SYS_PTRACE}, "bpf", true), 2);
+}
+
+TEST_F(Privileges, ThatWatchingDoesNotNeedAreGivenUpForGood) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (!Agent::Privileges::KeepNeeded("bpf").empty()) {
+            ::_exit(1);
+        }
+        capng_get_caps_process();
+        const bool kept = capng_have_capability(CAPNG_EFFECTIVE, CAP_SYS_ADMIN) == 1 &&
+                          capng_have_capability(CAPNG_EFFECTIVE, CAP_BPF) == 1;
+        const bool gone = capng_have_capability(CAPNG_PERMITTED, CAP_NET_ADMIN) == 0 &&
+                          capng_have_capability(CAPNG_PERMITTED, CAP_SYS_MODULE) == 0 &&
+                          capng_have_capability(CAPNG_PERMITTED, CAP_DAC_OVERRIDE) == 0;
+        const bool unbound = capng_have_capability(CAPNG_BOUNDING_SET, CAP_SYS_ADMIN) == 1;
+        const bool renounced = ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+        ::_exit(kept && gone && !unbound && renounced ? 0 : 2);
+    }
+    EXPECT_EQ(ExitStatus(child), 0);
+}
+
+TEST_F(Privileges, OfTheConnectorAreKeptWhereItMayBeNeeded) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool done = Agent::Privileges::KeepNeeded("auto").empty();
+        ::_exit(done && Agent::Privileges::Missing("connector", true).empty() ? 0 : 1);
+    }
+    EXPECT_EQ(ExitStatus(child), 0);
+}
+
+TEST_F(Privileges, ThatAreMissingAreNotWantedBack) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        capng_clear(CAPNG_SELECT_BOTH);
+        capng_apply(CAPNG_SELECT_CAPS);
+        const bool done = Agent::Privileges::KeepNeeded("auto").empty();
+        capng_get_caps_process();
+        ::_exit(done && capng_have_capabilities(CAPNG_SELECT_CAPS) == CAPNG_NONE ? 0 : 1);
+    }
+    EXPECT_EQ(ExitStatus(child), 0);
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <Poco/Util/MapConfiguration.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 using Agent::Problem;
@@ -125,6 +127,17 @@ TEST_F(Settings, OfAMissingFileAreAProblem) {
     const std::vector<Problem> problems = m_settings.Load(m_folder / "missing");
     ASSERT_EQ(problems.size(), 1U);
     EXPECT_EQ(problems[0].m_text, "cannot be read: No such file or directory");
+}
+
+TEST_F(Settings, OfAFileThatOthersMayWriteAreRefused) {
+    const std::string file = m_folder.Write("agent.json", "{}");
+    ::chmod(file.c_str(), 0666);
+    const std::vector<Problem> problems = m_settings.Load(file);
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_EQ(problems[0].m_text, "is refused: " + file +
+                                      " may be written by others (mode 0666), expected 0755 at "
+                                      "the most");
+    EXPECT_FALSE(problems[0].m_warning);
 }
 
 }  // namespace

@@ -125,6 +125,7 @@ TEST_F(TaskRegistryTest, StatusShowsEachTaskByName) {
     EXPECT_EQ(status[0].m_name, "another_task");
     EXPECT_EQ(status[0].m_feature, "feature");
     EXPECT_FALSE(status[0].m_passive);
+    EXPECT_FALSE(status[0].m_ended);
     EXPECT_EQ(status[1].m_name, "counting_task");
     EXPECT_TRUE(status[1].m_passive);
     EXPECT_EQ(status[1].m_inboxDepth, 1U);

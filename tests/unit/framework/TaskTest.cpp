@@ -94,6 +94,7 @@ TEST_F(TaskTest, AnExceptionEndsTheTaskAndIsLogged) {
         return log.Count(Poco::Message::PRIO_ERROR,
                          "Task(counting_task) ended by an exception: on purpose") == 1;
     }));
+    EXPECT_TRUE(WaitUntil([&] { return m_engine->GetTaskStatus().front().m_ended; }));
     EXPECT_EQ(m_engine->UnRegisterTask("counting_task"), 0);
 }
 
