@@ -1,6 +1,6 @@
 # A thin front: the work is done by CMake presets and the scripts.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test bench fuzz check format clean
+.PHONY: help setup build demo test package bench fuzz check format clean
 
 help: ## show this list
 	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## /  make \1\t/'
@@ -16,6 +16,9 @@ demo: build ## run the agent against a real QEMU and show its alarms
 
 test: setup ## build and run every test, the sanitizers' too
 	@scripts/test.sh
+
+package: build ## make a Debian package of it in build/release
+	@scripts/package.sh build/release
 
 bench: build ## measure, beside the peers, and print the table
 	@scripts/bench.sh build/release

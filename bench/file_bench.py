@@ -17,7 +17,7 @@ import time
 
 from agent_bench import MONITORED, Agent, med, percentile, row, schedstat_seconds, show
 
-RUNS = 7
+RUNS = 15
 DIRECTORIES = 10000
 OPENS = 100000
 TOUCHES = 500

@@ -36,6 +36,7 @@ python3|drives the monitor of that machine
 iproute2|network devices for tests
 util-linux|unshare, a network of its own for tests
 systemd|checks the unit file of the service
+lintian|checks the Debian package
 procps|process tools for scripts
 '
 
