@@ -6,6 +6,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <system_error>
 #include <utility>
@@ -15,6 +17,14 @@ namespace Framework {
 namespace {
 
 constexpr int kThreadStartFailed = -3;
+
+using std::chrono::milliseconds;
+
+// A task that an exception ended, for want of memory as a rule, is started again after a pause that
+// doubles each time. A stop is noticed after a step.
+constexpr milliseconds kFirstPause(100);
+constexpr milliseconds kLongestPause(60000);
+constexpr milliseconds kPauseStep(20);
 
 // The kernel keeps 15 bytes of a thread's name and refuses longer ones (pthread_setname_np(3)).
 constexpr std::size_t kThreadNameLength = 15;
@@ -32,17 +42,35 @@ Task::Task(const std::string& name, const std::string& feature, TaskCondition::T
 Task::~Task() = default;
 
 void Task::runTask() {
-    if (m_stopRequested.load(std::memory_order_acquire)) {
-        return;
+    milliseconds pause = kFirstPause;
+    while (!m_stopRequested.load(std::memory_order_acquire) && !RunOnce()) {
+        SDK::LogWarning(Logger(), "Task(%s) is started again", name());
+        Pause(pause);
+        pause = std::min(2 * pause, kLongestPause);
     }
+}
+
+/// @return false when an exception ended it
+bool Task::RunOnce() {
     try {
         Run();
+        return true;
     } catch (const Poco::Exception& exception) {
         SDK::LogError(Logger(), "Task(%s) ended by an exception: %s", name(),
                       exception.displayText());
     } catch (const std::exception& exception) {
         SDK::LogError(Logger(), "Task(%s) ended by an exception: %s", name(),
                       std::string(exception.what()));
+    }
+    return false;
+}
+
+/// Waits, but no longer than until a stop.
+void Task::Pause(milliseconds pause) const {
+    const auto end = std::chrono::steady_clock::now() + pause;
+    while (!m_stopRequested.load(std::memory_order_acquire) &&
+           std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(kPauseStep);
     }
 }
 

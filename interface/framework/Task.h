@@ -10,6 +10,7 @@
 #include <Poco/Task.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -39,7 +40,8 @@ public:
     ~Task() override;
 
     /// The thread's body: calls Run unless the task was stopped before it got here. What Run throws
-    /// is logged and ends the task.
+    /// is logged, and Run is called again after a pause: an alarm that found no memory must not end
+    /// the detection.
     void runTask() override;
 
     /// Prepares a run. @return 0; anything else refuses the registration
@@ -92,6 +94,9 @@ public:
 
 private:
     friend class TaskRegistry;
+
+    bool RunOnce();
+    void Pause(std::chrono::milliseconds pause) const;
 
     /// Calls Init and, unless the task is passive, starts the thread.
     /// @return 0, or what went wrong (logged)

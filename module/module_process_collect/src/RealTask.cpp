@@ -20,19 +20,23 @@ RealTask::RealTask(std::shared_ptr<ProcessCollector> collector)
     : Framework::Task(NAME, "", Framework::TaskCondition::RESIDENT_TASK, kInboxCapacity),
       m_collector(std::move(collector)) {}
 
-int RealTask::Run() {
+int RealTask::Init() {
     // Pass looks at the source whatever ended the wait.
-    const int descriptor = m_collector->Descriptor();
-    if (GetEventWaiter().AddEvent(descriptor, [] {}) != 0) {
-        return -1;
-    }
+    return GetEventWaiter().AddEvent(m_collector->Descriptor(), [] {});
+}
+
+int RealTask::UnInit() {
+    GetEventWaiter().RemoveEvent(m_collector->Descriptor());
+    return Framework::Task::UnInit();
+}
+
+int RealTask::Run() {
     while (!isCancelled()) {
         const int sleepMs = m_collector->Pass();
         if (GetEventWaiter().WaitAndHandleEvent(sleepMs, 1) == -1) {
             HandleQueuedMsgs(kMessagesPerPass);
         }
     }
-    GetEventWaiter().RemoveEvent(descriptor);
     return 0;
 }
 

@@ -20,6 +20,9 @@ public:
 
     explicit RealTask(std::shared_ptr<ProcessCollector> collector);
 
+    /// @return 0; -1 when the source's events cannot be waited for
+    int Init() override;
+    int UnInit() override;
     int Run() override;
     int InterceptMsg(std::shared_ptr<Framework::Message>& message) override;
     int HandleMsg(const Framework::Message* message) override;

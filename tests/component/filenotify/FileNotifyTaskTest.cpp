@@ -87,11 +87,9 @@ TEST_F(FileNotifyTask, StopsOnRequest) {
     InChild([&] { WriteFile(m_folder / "key"); });
     m_engine->UnRegisterTask("filenotify_task");
     EXPECT_EQ(m_asking->GetInbox()->Depth(), 0U);
-    EXPECT_EQ(m_log.Count(kInformation,
-                          "File events: 0 from the kernel, 0 of the agent, 0 outside, 0 of "
-                          "directories, 0 times lost "
-                          "by the kernel."),
-              1U);
+    // The agent's own look into the folder may have been told, the writing was not.
+    EXPECT_TRUE(m_log.Contains(" from the kernel, 0 of the agent, 0 outside, "));
+    EXPECT_TRUE(m_log.Contains("File messages: 0 made, "));
 }
 
 TEST_F(FileNotifyTask, SaysThatARequestToStopHadNoRequestBefore) {

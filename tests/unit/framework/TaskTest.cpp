@@ -86,16 +86,50 @@ TEST_F(TaskTest, AnInitThatFailsRefusesTheRegistration) {
               1U);
 }
 
-TEST_F(TaskTest, AnExceptionEndsTheTaskAndIsLogged) {
-    const TestSupport::CapturedLog log;
-    m_task->m_atRun = [] { throw std::runtime_error("on purpose"); };
-    ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
-    EXPECT_TRUE(WaitUntil([&] {
-        return log.Count(Poco::Message::PRIO_ERROR,
-                         "Task(counting_task) ended by an exception: on purpose") == 1;
-    }));
+/// Has nothing more to do at once.
+class BriefTask : public Framework::Task {
+public:
+    BriefTask() : Framework::Task("brief", "", Framework::TaskCondition::RESIDENT_TASK, 1) {}
+    ~BriefTask() override = default;
+};
+
+TEST_F(TaskTest, ThatEndedByItselfIsShownAsEnded) {
+    Poco::AutoPtr<BriefTask> brief = new BriefTask;
+    ASSERT_EQ(m_engine->RegisterTask(brief.get(), false), 0);
     EXPECT_TRUE(WaitUntil([&] { return m_engine->GetTaskStatus().front().m_ended; }));
+    EXPECT_EQ(m_engine->UnRegisterTask("brief"), 0);
+}
+
+TEST_F(TaskTest, ThatAnExceptionEndedIsStartedAgain) {
+    const TestSupport::CapturedLog log;
+    std::atomic<int> runs{0};
+    m_task->m_atRun = [&] {
+        if (++runs < 3) {
+            throw std::runtime_error("on purpose");
+        }
+    };
+    ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
+    EXPECT_TRUE(WaitUntil([&] { return runs == 3; }));
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_ERROR,
+                        "Task(counting_task) ended by an exception: on purpose"),
+              2U);
+    EXPECT_EQ(log.Count(Poco::Message::PRIO_WARNING, "Task(counting_task) is started again"), 2U);
+    EXPECT_FALSE(m_engine->GetTaskStatus().front().m_ended);
     EXPECT_EQ(m_engine->UnRegisterTask("counting_task"), 0);
+}
+
+TEST_F(TaskTest, ThatFailsAgainAndAgainIsStoppedAllTheSame) {
+    std::atomic<int> runs{0};
+    m_task->m_atRun = [&] {
+        ++runs;
+        throw Poco::RuntimeException("on purpose");
+    };
+    ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
+    EXPECT_TRUE(WaitUntil([&] { return runs >= 2; }));
+    EXPECT_EQ(m_engine->UnRegisterTask("counting_task"), 0);
+    const int before = runs;
+    EXPECT_EQ(m_engine->FindTask("counting_task"), nullptr);
+    EXPECT_EQ(runs, before);
 }
 
 TEST_F(TaskTest, ReleasesTheMessagesStillWaitingWhenItStops) {
