@@ -3,7 +3,7 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check selftest --help --version' -- "$word")
         return
     fi
     case $before in
@@ -16,6 +16,8 @@ _vmescape_agent() {
         *)
             if [ "$verb" = check ]; then
                 mapfile -t COMPREPLY < <(compgen -f -X '!*.json' -- "$word")
+            elif [ "$verb" = selftest ]; then
+                mapfile -t COMPREPLY < <(compgen -W '--json --modules --help' -- "$word")
             else
                 mapfile -t COMPREPLY < <(compgen -W '--config --policies --modules --format --output --log-level -o --help' -- "$word")
             fi ;;

@@ -59,6 +59,22 @@ void AddCheck(CLI::App& app, Options& options) {
     check->callback([&options] { options.m_verb = Options::Verb::CHECK; });
 }
 
+void AddSelftest(CLI::App& app, Options& options) {
+    CLI::App* selftest = app.add_subcommand(
+        "selftest", "Show that detection works on this host, without touching any machine");
+    selftest->add_flag("--json", options.m_json, "Print the result as JSON");
+    AddSetting(*selftest, options, "--modules", "modules", "Folder of the modules");
+    selftest->footer(
+        "An agent of its own watches a process of its own that does one forbidden "
+        "thing of each class. Ports are looked at every ten seconds.\n"
+        "Exit status: 0 all alarms came, 1 one did not, 2 usage, 4 a privilege is "
+        "missing.");
+    selftest->callback([&options] { options.m_verb = Options::Verb::SELFTEST; });
+    // What it starts as the machine; its further arguments are those of a machine.
+    CLI::App* actor = app.add_subcommand("selftest-actor", "")->group("")->prefix_command();
+    actor->callback([&options] { options.m_verb = Options::Verb::SELFTEST_ACTOR; });
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, const char* const* argv, Options& options, int& exitCode) {
@@ -67,6 +83,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     app.require_subcommand(1);
     AddRun(app, options);
     AddCheck(app, options);
+    AddSelftest(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

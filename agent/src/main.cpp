@@ -1,6 +1,8 @@
 #include "Agent.h"
 #include "Options.h"
 #include "PolicyChecker.h"
+#include "Selftest.h"
+#include "SelftestActor.h"
 
 #include <exception>
 #include <iostream>
@@ -23,6 +25,20 @@ int CheckFiles(const std::vector<std::string>& files) {
     return good ? Agent::EXIT_GOOD : Agent::EXIT_BAD_INPUT;
 }
 
+int Obey(const Agent::Options& options) {
+    switch (options.m_verb) {
+        case Agent::Options::Verb::RUN:
+            return Agent::Agent(options).Run();
+        case Agent::Options::Verb::CHECK:
+            return CheckFiles(options.m_files);
+        case Agent::Options::Verb::SELFTEST:
+            return Agent::Selftest(options).Run();
+        case Agent::Options::Verb::SELFTEST_ACTOR:
+            return Agent::SelftestActor::Run(std::cin, std::cout);
+    }
+    return Agent::EXIT_USAGE;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -32,10 +48,7 @@ int main(int argc, char** argv) {
         if (!Agent::ParseOptions(argc, argv, options, exitCode)) {
             return exitCode;
         }
-        if (options.m_verb == Agent::Options::Verb::CHECK) {
-            return CheckFiles(options.m_files);
-        }
-        return Agent::Agent(options).Run();
+        return Obey(options);
     } catch (const std::exception& exception) {
         std::cerr << "vmescape-agent: " << exception.what() << '\n';
         return Agent::EXIT_FAILED;

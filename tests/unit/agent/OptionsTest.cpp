@@ -92,4 +92,21 @@ TEST_F(CommandLine, HelpOfRunNamesEveryKeyAndEveryExitStatus) {
     }
 }
 
+TEST_F(CommandLine, SelftestTakesModulesAndJson) {
+    ASSERT_TRUE(Parse({"selftest", "--json", "--modules", "m"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::SELFTEST);
+    EXPECT_TRUE(m_options.m_json);
+    EXPECT_EQ(m_options.m_settings, (Pairs{{"modules", "m"}}));
+    EXPECT_FALSE(Parse({"selftest", "--policies", "p"}));
+    EXPECT_EQ(m_exitCode, 2);
+}
+
+TEST_F(CommandLine, TheActorOfTheSelftestIsHiddenAndTakesAMachinesArguments) {
+    ASSERT_TRUE(Parse({"selftest-actor", "-name", "guest=vm"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::SELFTEST_ACTOR);
+    EXPECT_FALSE(Parse({"--help"}));
+    EXPECT_NE(m_output.find("selftest "), std::string::npos);
+    EXPECT_EQ(m_output.find("selftest-actor"), std::string::npos);
+}
+
 }  // namespace

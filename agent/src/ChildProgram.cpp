@@ -1,0 +1,147 @@
+#include "ChildProgram.h"
+
+#include <Poco/Exception.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience(5);
+constexpr milliseconds kEndPoll(5);
+constexpr int kNotStarted = 127;
+
+struct Pipe {
+    SDK::UniqueDescriptor m_read;
+    SDK::UniqueDescriptor m_write;
+
+    Pipe() {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+            throw Poco::SystemException("pipe2", errno);
+        }
+        m_read.Reset(ends[0]);
+        m_write.Reset(ends[1]);
+    }
+};
+
+milliseconds Left(ChildProgram::Deadline deadline) {
+    return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - Clock::now()));
+}
+
+}  // namespace
+
+ChildProgram::ChildProgram(const std::string& program, const std::vector<std::string>& arguments) {
+    std::vector<char*> pointers;
+    for (const std::string& argument : arguments) {
+        pointers.push_back(const_cast<char*>(argument.c_str()));
+    }
+    pointers.push_back(nullptr);
+    Pipe input;
+    Pipe output;
+    Pipe errors;
+    const pid_t parent = ::getpid();
+    m_pid = ::fork();
+    if (m_pid < 0) {
+        throw Poco::SystemException("fork", errno);
+    }
+    if (m_pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
+        ::dup2(input.m_read.Get(), STDIN_FILENO);
+        ::dup2(output.m_write.Get(), STDOUT_FILENO);
+        ::dup2(errors.m_write.Get(), STDERR_FILENO);
+        // A parent that ended before the call above would never be missed.
+        if (::getppid() == parent) {
+            ::execv(program.c_str(), pointers.data());
+        }
+        ::_exit(kNotStarted);
+    }
+    m_standardInput = std::move(input.m_write);
+    m_inputs[0].m_pipe = std::move(output.m_read);
+    m_inputs[1].m_pipe = std::move(errors.m_read);
+}
+
+ChildProgram::~ChildProgram() {
+    if (m_status) {
+        return;
+    }
+    ::kill(m_pid, SIGTERM);
+    m_standardInput.Reset();
+    if (!Wait(Clock::now() + kPatience)) {
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+}
+
+bool ChildProgram::Write(const std::string& line) const {
+    const std::string text = line + '\n';
+    return ::write(m_standardInput.Get(), text.data(), text.length()) ==
+           static_cast<ssize_t>(text.length());
+}
+
+std::optional<std::string> ChildProgram::ReadLine(Stream stream, Deadline deadline) {
+    Input& input = m_inputs[static_cast<std::size_t>(stream)];
+    for (;;) {
+        const std::size_t end = input.m_text.find('\n');
+        if (end != std::string::npos) {
+            std::string line = input.m_text.substr(0, end);
+            input.m_text.erase(0, end + 1);
+            return line;
+        }
+        if (!input.m_pipe || !Collect(deadline)) {
+            return std::nullopt;
+        }
+    }
+}
+
+std::optional<int> ChildProgram::Wait(Deadline deadline) {
+    while (!m_status) {
+        int status = 0;
+        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        } else if (Clock::now() >= deadline) {
+            return std::nullopt;
+        } else {
+            // Its pipes close when it ends; until then what it writes must not hold it up.
+            Collect(std::min(deadline, Clock::now() + kEndPoll));
+        }
+    }
+    return m_status;
+}
+
+/// Takes in what the program writes next. @return false when nothing came before the deadline
+bool ChildProgram::Collect(Deadline deadline) {
+    std::array<pollfd, 2> pipes = {
+        {{m_inputs[0].m_pipe.Get(), POLLIN, 0}, {m_inputs[1].m_pipe.Get(), POLLIN, 0}}};
+    const int timeout = static_cast<int>(Left(deadline).count());
+    if (::poll(pipes.data(), pipes.size(), timeout) <= 0) {
+        return false;
+    }
+    for (std::size_t i = 0; i < pipes.size(); ++i) {
+        if (pipes[i].revents == 0) {
+            continue;
+        }
+        std::array<char, 4096> text{};
+        const ssize_t got = ::read(pipes[i].fd, text.data(), text.size());
+        if (got > 0) {
+            m_inputs[i].m_text.append(text.data(), static_cast<std::size_t>(got));
+        } else {
+            m_inputs[i].m_pipe.Reset();
+        }
+    }
+    return true;
+}
+
+}  // namespace Agent

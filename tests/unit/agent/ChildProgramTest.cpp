@@ -1,0 +1,68 @@
+#include "ChildProgram.h"
+
+#include "support/WaitUntil.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+namespace {
+
+using Agent::ChildProgram;
+using Stream = ChildProgram::Stream;
+using Clock = std::chrono::steady_clock;
+
+ChildProgram::Deadline Soon() { return Clock::now() + std::chrono::seconds(20); }
+
+/// A shell that runs a script.
+class Shell : public ChildProgram {
+public:
+    explicit Shell(const std::string& script) : ChildProgram("/bin/sh", {"sh", "-c", script}) {}
+};
+
+TEST(ChildProgram, IsTalkedToByLines) {
+    Shell shell("while read line; do echo \"got $line\"; done");
+    EXPECT_TRUE(shell.Write("one"));
+    EXPECT_EQ(shell.ReadLine(Stream::OUTPUT, Soon()), "got one");
+    EXPECT_TRUE(shell.Write("two"));
+    EXPECT_EQ(shell.ReadLine(Stream::OUTPUT, Soon()), "got two");
+}
+
+TEST(ChildProgram, KeepsWhatComesOnTheOtherStream) {
+    Shell shell("echo first >&2; echo second >&2; echo third");
+    EXPECT_EQ(shell.ReadLine(Stream::OUTPUT, Soon()), "third");
+    EXPECT_EQ(shell.ReadLine(Stream::ERRORS, Soon()), "first");
+    EXPECT_EQ(shell.ReadLine(Stream::ERRORS, Soon()), "second");
+}
+
+TEST(ChildProgram, HasNoLineAtTheDeadlineNorAtTheEnd) {
+    Shell silent("read line; exit 3");
+    EXPECT_FALSE(silent.ReadLine(Stream::OUTPUT, Clock::now() + std::chrono::milliseconds(20)));
+    EXPECT_FALSE(silent.Wait(Clock::now()));
+    silent.Write("go");
+    EXPECT_FALSE(silent.ReadLine(Stream::OUTPUT, Soon()));
+    EXPECT_EQ(silent.Wait(Soon()), 3);
+}
+
+TEST(ChildProgram, IsWaitedForHoweverMuchItWrites) {
+    Shell chatty("i=0; while [ $i -lt 20000 ]; do echo 0123456789; i=$((i+1)); done");
+    EXPECT_EQ(chatty.Wait(Soon()), 0);
+}
+
+TEST(ChildProgram, ThatDoesNotExistEndsAtOnce) {
+    ChildProgram missing("/no/such/program", {"program"});
+    EXPECT_EQ(missing.Wait(Soon()), 127);
+}
+
+TEST(ChildProgram, IsTakenAlong) {
+    std::string pid;
+    {
+        Shell shell("echo $$; exec sleep 1000");
+        pid = shell.ReadLine(Stream::OUTPUT, Soon()).value_or("");
+        ASSERT_FALSE(pid.empty());
+        ASSERT_EQ(::kill(std::stoi(pid), 0), 0);
+    }
+    EXPECT_NE(::kill(std::stoi(pid), 0), 0);
+}
+
+}  // namespace
