@@ -1,0 +1,130 @@
+// What befalls an agent on a real host: it goes on, and says what it lost.
+
+#include "LiveTest.h"
+#include "support/WaitUntil.h"
+
+#include <signal.h>
+#include <sys/mount.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+using TestSupport::ChildProcess;
+using TestSupport::WaitUntil;
+
+class Fault : public LiveTest {
+protected:
+    /// Commands beside the machines: they fill what the kernel keeps for the agent.
+    static void RunCommands(int count) {
+        ChildProcess::Run({"/bin/sh", "-c",
+                           "i=0; while [ $i -lt " + std::to_string(count) +
+                               " ]; do /bin/true; i=$((i+1)); done"});
+    }
+
+    static std::string VmOf(const Agent& agent, const std::string& command) {
+        return Vm(WaitFor(agent, "system/fork", command));
+    }
+};
+
+TEST_F(Fault, WhatTheKernelLostWhileTheAgentStoodStillIsSaidAndMachinesAreKnownAgain) {
+    // The smallest buffer: a few events.
+    Agent agent(BUILD_FOLDER, DenyList(),
+                {"-o", "process_collect.source=bpf", "-o", "process_collect.ring_bytes=4096",
+                 "--log-level", "information"});
+    agent.Child().Signal(SIGSTOP);
+    RunCommands(200);
+    const Qemu missed({"-name", "guest=vm-missed"});
+    RunCommands(200);
+    agent.Child().Signal(SIGCONT);
+    EXPECT_TRUE(agent.WaitForLog("lost")) << agent.Log();
+    // Its start was lost: only a fresh look at all processes can tell whose child this is.
+    missed.RunShell("id");
+    EXPECT_EQ(VmOf(agent, "id"), "vm-missed");
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+}
+
+TEST_F(Fault, AccessesThatTheKernelHasNoRoomForAreSaidAndDetectionGoesOn) {
+    std::ifstream limit("/proc/sys/fs/fanotify/max_queued_events");
+    int files = 0;
+    limit >> files;
+    const TestSupport::TemporaryFolder folder;
+    Agent agent(BUILD_FOLDER,
+                {{Agent::FILE_POLICY_FILE, Agent::FilePolicy(true, {folder.Path()}, {})}},
+                {"--log-level", "information"});
+    ASSERT_TRUE(agent.WaitForLog("directories are watched."));
+    agent.Child().Signal(SIGSTOP);
+    for (int i = 0; i <= files; ++i) {
+        folder.Write(std::to_string(i), "");
+    }
+    agent.Child().Signal(SIGCONT);
+    EXPECT_TRUE(agent.WaitForLog("(fs.fanotify.max_queued_events) was full, 1 times so far"));
+    const Qemu qemu({"-name", "guest=vm-file"});
+    qemu.Command("logfile " + folder / "log");
+    const Json::Value alarm = agent.WaitForAlarm([&](const Json::Value& candidate) {
+        return candidate["file_info"][0]["file_path"].asString() == folder / "log";
+    });
+    EXPECT_EQ(Vm(alarm), "vm-file");
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+}
+
+TEST_F(Fault, AKilledAgentsSuccessorKnowsEveryMachineThatRuns) {
+    const Qemu first({"-name", "guest=vm-first,debug-threads=on"});
+    for (int i = 0; i < 3; ++i) {
+        Agent killed(BUILD_FOLDER, DenyList());
+        RunCommands(10 * i);
+        killed.Child().Signal(SIGKILL);
+        EXPECT_EQ(killed.Child().Wait(), 128 + SIGKILL);
+    }
+    Agent agent(BUILD_FOLDER, DenyList());
+    first.RunShell("id");
+    EXPECT_EQ(VmOf(agent, "id"), "vm-first");
+}
+
+TEST_F(Fault, AFullFileSystemCostsAlarmsThatAreCountedAndNoMore) {
+    const TestSupport::TemporaryFolder folder;
+    if (::mount("none", folder.Path().c_str(), "tmpfs", 0, "size=64k") != 0) {
+        GTEST_SKIP() << "no mounts here";
+    }
+    {
+        Agent agent(BUILD_FOLDER, DenyList(), {"--output", "file:" + folder / "alarms"});
+        // Room for a few alarms only.
+        std::ofstream(folder / "filler") << std::string(56 << 10, 'x');
+        const Qemu storm({"-name", "guest=vm-storm"});
+        storm.RunShell("i=0; while [ $i -lt 100 ]; do i=$((i+1)); /usr/bin/true $i; done; exit 1");
+        EXPECT_TRUE(agent.WaitForLog("cannot be written: No space left on device"));
+        std::filesystem::remove(folder / "filler");
+        const Qemu after({"-name", "guest=vm-after"});
+        after.RunShell("id");
+        EXPECT_TRUE(WaitUntil([&] {
+            return TestSupport::ReadText(folder / "alarms").find("\"process_cmdline\":\"id\"") !=
+                   std::string::npos;
+        }));
+        EXPECT_EQ(agent.Stop(SIGTERM), 0);
+        std::istringstream lines(TestSupport::ReadText(folder / "alarms"));
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_TRUE(line.front() == '{' && line.back() == '}') << line;
+        }
+        EXPECT_GT(agent.CountLog("failed"), 0) << agent.Log();
+    }
+    ::umount2(folder.Path().c_str(), MNT_DETACH);
+}
+
+TEST_F(Fault, PoliciesThatGoAndComeBackAreFollowed) {
+    Agent agent(BUILD_FOLDER, DenyList());
+    const std::string folder = agent.Policies().Path();
+    const std::string policy = folder + '/' + Agent::POLICY_FILE;
+    std::filesystem::rename(folder, folder + ".away");
+    EXPECT_TRUE(agent.WaitForLog("is gone, its policies stay in force"));
+    const Qemu during({"-name", "guest=vm-during"});
+    during.RunShell("id");
+    EXPECT_EQ(VmOf(agent, "id"), "vm-during");
+    std::filesystem::rename(folder + ".away", folder);
+    EXPECT_TRUE(agent.WaitForLog("is there again"));
+    agent.Policies().Replace(Agent::POLICY_FILE, Agent::Policy(false, {"/usr/bin/whoami"}));
+    EXPECT_TRUE(WaitUntil([&] { return agent.CountLog("is in force") == 2; })) << agent.Log();
+}
+
+}  // namespace
