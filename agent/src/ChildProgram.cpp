@@ -45,6 +45,7 @@ milliseconds Left(ChildProgram::Deadline deadline) {
 
 ChildProgram::ChildProgram(const std::string& program, const std::vector<std::string>& arguments) {
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }

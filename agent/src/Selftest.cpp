@@ -2,6 +2,7 @@
 
 #include "sdk/JsonUtils.h"
 
+#include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/NumberParser.h>
@@ -10,11 +11,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <system_error>
 
 namespace Agent {
 
@@ -28,6 +32,7 @@ constexpr const char* kActorName = "vmescape-trial";
 constexpr const char* kMachine = "vmescape-selftest";
 
 constexpr std::chrono::seconds kStartPatience(30);
+constexpr std::chrono::seconds kEndPatience(2);
 
 // Commands and accesses are alarms at once; ports are looked at every ten seconds.
 constexpr int kPromptS = 5;
@@ -37,21 +42,34 @@ std::string OwnProgram() { return std::filesystem::read_symlink("/proc/self/exe"
 
 }  // namespace
 
-Selftest::Selftest(const Options& options) : m_options(options) {}
+Selftest::Selftest(const Options& options) : m_options(options) {
+    std::string folder = "/tmp/vmescape-selftest-XXXXXX";
+    if (::mkdtemp(folder.data()) == nullptr) {
+        throw Poco::SystemException("a folder in /tmp cannot be made", errno);
+    }
+    m_folder = folder;
+}
+
+Selftest::~Selftest() {
+    m_actor.reset();
+    m_agent.reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(m_folder, ignored);
+}
 
 int Selftest::Run() {
     WriteFiles();
     if (const int code = StartAgent(); code != EXIT_GOOD) {
         return code;
     }
-    const std::string actor = m_folder.path() + '/' + kActorName;
+    const std::string actor = m_folder + '/' + kActorName;
     std::filesystem::create_symlink(OwnProgram(), actor);
     m_actor = std::make_unique<ChildProgram>(
         actor, std::vector<std::string>{actor, "selftest-actor", "-name",
                                         std::string("guest=") + kMachine});
     std::vector<Step> steps = {
         {"command", "vmescape_0001", "command", kPromptS},
-        {"file", "vmescape_0002", "file " + m_folder.path() + "/secrets/key", kPromptS},
+        {"file", "vmescape_0002", "file " + m_folder + "/secrets/key", kPromptS},
         {"port", "vmescape_0003", "port", kPortS},
     };
     for (Step& step : steps) {
@@ -61,39 +79,37 @@ int Selftest::Run() {
 }
 
 void Selftest::WriteFiles() const {
-    Poco::File(m_folder.path()).createDirectories();
-    ::chmod(m_folder.path().c_str(), S_IRWXU);
     for (const char* name : {"/policies", "/secrets"}) {
-        Poco::File(m_folder.path() + name).createDirectory();
-        ::chmod((m_folder.path() + name).c_str(), S_IRWXU);
+        const std::string folder = m_folder + name;
+        ::mkdir(folder.c_str(), S_IRWXU);
     }
-    std::ofstream(m_folder.path() + "/secrets/key") << "secret\n";
-    std::ofstream(m_folder.path() + "/agent.json") << "{}\n";
+    std::ofstream(m_folder + "/secrets/key") << "secret\n";
+    std::ofstream(m_folder + "/agent.json") << "{}\n";
     // Allow lists that hold nothing: whatever the actor does is forbidden.
     const auto rule = [](const std::string& key) {
         return Poco::format(R"("monitor_list":[{"%s":"%s",)", key, std::string(kActorName));
     };
     WritePolicy("qemu_cmd_detect_feature", rule("virtcmd") + R"("action":true,"cmdlist":[]}])");
     WritePolicy("qemu_file_detect_feature",
-                Poco::format(R"("action":true,"senstive_dirs":["%s/secrets"],)", m_folder.path()) +
+                Poco::format(R"("action":true,"senstive_dirs":["%s/secrets"],)", m_folder) +
                     rule("virtmonitor") + R"("filelist":[]}])");
     WritePolicy("qemu_port_detect_feature", rule("virtmonitor") + R"("portlist":[]}])");
 }
 
 void Selftest::WritePolicy(const std::string& feature, const std::string& content) const {
-    std::ofstream(m_folder.path() + "/policies/" + feature + ".json")
+    std::ofstream(m_folder + "/policies/" + feature + ".json")
         << R"({"module_name":"vmescape_module","enabled":true,"hash":"selftest","content":{)"
         << content << "}}\n";
 }
 
 int Selftest::StartAgent() {
     std::vector<std::string> arguments = {"vmescape-agent", "run",
-                                          "--config",       m_folder.path() + "/agent.json",
-                                          "--policies",     m_folder.path() + "/policies",
+                                          "--config",       m_folder + "/agent.json",
+                                          "--policies",     m_folder + "/policies",
                                           "--output",       "json:stdout",
                                           "--log-level",    "information"};
     for (const auto& [key, text] : m_options.m_settings) {
-        arguments.insert(arguments.end(), {"-o", key + '=' + text});
+        arguments.insert(arguments.end(), {"-o", Poco::format("%s=%s", key, text)});
     }
     m_agent = std::make_unique<ChildProgram>(OwnProgram(), arguments);
     bool running = false;
@@ -105,7 +121,7 @@ int Selftest::StartAgent() {
         if (!line) {
             std::cerr << log;
             Complain("the agent did not start");
-            return m_agent->Wait(Clock::now()).value_or(EXIT_FAILED);
+            return m_agent->Wait(Clock::now() + kEndPatience).value_or(EXIT_FAILED);
         }
         running = running || line->find(" is running, 3 policies read") != std::string::npos;
         watching = watching || line->find(" directories are watched.") != std::string::npos;

@@ -3,8 +3,6 @@
 #include "ChildProgram.h"
 #include "Options.h"
 
-#include <Poco/TemporaryFile.h>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,7 +15,11 @@ namespace Agent {
 /// Threads: one.
 class Selftest {
 public:
+    /// @throws Poco::SystemException when there is no room for its files
     explicit Selftest(const Options& options);
+    ~Selftest();
+    Selftest(const Selftest&) = delete;
+    Selftest& operator=(const Selftest&) = delete;
 
     /// Plays, and prints for each class whether its alarm came and after how long.
     /// @return EXIT_GOOD when all came; what the agent ended with when it did not start; else
@@ -45,7 +47,7 @@ private:
     void Complain(const std::string& text) const;
 
     const Options& m_options;
-    const Poco::TemporaryFile m_folder;
+    std::string m_folder;
     std::unique_ptr<ChildProgram> m_agent;
     std::unique_ptr<ChildProgram> m_actor;
 };

@@ -115,7 +115,8 @@ bool WatchTree::MarkDirectory(int directory, const std::string& path, DirectoryM
         if (known == m_byKey.end() || known->second->m_directory.m_path == path) {
             return true;
         }
-        if (!Displace(known->second->m_directory.m_path, directory, path)) {
+        const std::string other = known->second->m_directory.m_path;  // goes with its place
+        if (!Displace(other, directory, path)) {
             return false;
         }
         error = m_marks.Mark(directory, mark);  // the place it had took the mark along
@@ -206,15 +207,14 @@ bool WatchTree::ReleaseWatch(int watch, int directory, const std::string& path) 
 /// Gives the place up that a directory has under another path, when it has moved from there.
 /// @return false when it has not: it can be reached by both paths
 bool WatchTree::Displace(const std::string& other, int directory, const std::string& path) {
-    const std::string old = other;  // goes with its place
-    if (LeadsTo(old, directory)) {
+    if (LeadsTo(other, directory)) {
         SDK::LogInformation(Logger(), "Directory(%s) is directory(%s), which is watched already.",
-                            path, old);
+                            path, other);
         return false;
     }
     // The move is only about to be told.
-    DropTree(old);
-    MarkStale(old);
+    DropTree(other);
+    MarkStale(other);
     return true;
 }
 
