@@ -1,7 +1,5 @@
 #pragma once
 
-#include <Poco/TemporaryFile.h>
-
 #include <string>
 
 namespace TestSupport {
@@ -9,13 +7,13 @@ namespace TestSupport {
 /// A folder of a test's own that is removed, with all in it, when the object is.
 class TemporaryFolder {
 public:
-    TemporaryFolder() { m_folder.createDirectories(); }
-    /// @param parent  where it is made
-    explicit TemporaryFolder(const std::string& parent) : m_folder(parent) {
-        m_folder.createDirectories();
-    }
+    /// @param parent  where it is made; the default is the host's place for such things
+    explicit TemporaryFolder(const std::string& parent = "");
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-    const std::string& Path() const { return m_folder.path(); }
+    const std::string& Path() const { return m_path; }
     std::string operator/(const std::string& name) const { return Path() + '/' + name; }
 
     /// Writes a file in one go. @return its path
@@ -25,7 +23,7 @@ public:
     std::string Replace(const std::string& name, const std::string& text) const;
 
 private:
-    Poco::TemporaryFile m_folder;
+    std::string m_path;
 };
 
 /// The whole text of a file; empty when there is none.

@@ -1,7 +1,5 @@
 #include "CollectorHarness.h"
 
-#include <Poco/TemporaryFile.h>
-
 #include <spawn.h>
 
 namespace ProcessCollectTest {
@@ -19,12 +17,8 @@ int Spawn(const std::vector<std::string>& arguments) {
     return pid;
 }
 
-CopiedProgram::CopiedProgram(const std::string& name, const std::string& of)
-    : m_folder(Poco::TemporaryFile::tempName()), m_name(name) {
-    std::filesystem::create_directories(m_folder);
+CopiedProgram::CopiedProgram(const std::string& name, const std::string& of) : m_name(name) {
     std::filesystem::copy_file(std::filesystem::canonical(of), Path());
 }
-
-CopiedProgram::~CopiedProgram() { std::filesystem::remove_all(m_folder); }
 
 }  // namespace ProcessCollectTest

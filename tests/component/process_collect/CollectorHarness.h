@@ -2,6 +2,7 @@
 
 #include "ProcessCollector.h"
 #include "SourceChoice.h"
+#include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"
 
 #include <gtest/gtest.h>
@@ -126,16 +127,13 @@ class CopiedProgram {
 public:
     /// @param name  the copy's file name; /bin/true is copied unless told otherwise
     explicit CopiedProgram(const std::string& name, const std::string& of = "/bin/true");
-    ~CopiedProgram();
-    CopiedProgram(const CopiedProgram&) = delete;
-    CopiedProgram& operator=(const CopiedProgram&) = delete;
 
-    std::string Path() const { return m_folder + "/" + m_name; }
-    const std::string& Folder() const { return m_folder; }
+    std::string Path() const { return m_folder / m_name; }
+    const std::string& Folder() const { return m_folder.Path(); }
 
 private:
-    std::string m_folder;
-    std::string m_name;
+    const TestSupport::TemporaryFolder m_folder;
+    const std::string m_name;
 };
 
 }  // namespace ProcessCollectTest

@@ -1,11 +1,10 @@
 #include "sdk/FileUtils.h"
 
-#include <Poco/TemporaryFile.h>
+#include "support/TemporaryFolder.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <fstream>
 
 namespace {
 
@@ -13,14 +12,9 @@ using SDK::FileUtils;
 
 class FileUtilsTest : public testing::Test {
 protected:
-    FileUtilsTest() { m_folder.createDirectories(); }
-    std::string Write(const std::string& content) {
-        const std::string path = m_folder.path() + "/file";
-        std::ofstream(path) << content;
-        return path;
-    }
+    std::string Write(const std::string& content) const { return m_folder.Write("file", content); }
 
-    Poco::TemporaryFile m_folder;
+    TestSupport::TemporaryFolder m_folder;
     bool m_truncated = true;
     std::string m_content = "before";
 };
@@ -71,20 +65,20 @@ TEST_F(FileUtilsTest, CutsProcFilesToo) {
 }
 
 TEST_F(FileUtilsTest, LeavesTheContentAloneWhenItFails) {
-    EXPECT_EQ(FileUtils::ReadFile(m_folder.path() + "/none", m_truncated, m_content, 100), -1);
+    EXPECT_EQ(FileUtils::ReadFile(m_folder.Path() + "/none", m_truncated, m_content, 100), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(FileUtils::ReadFile(m_folder.path(), m_truncated, m_content, 100), -1);
+    EXPECT_EQ(FileUtils::ReadFile(m_folder.Path(), m_truncated, m_content, 100), -1);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(m_content, "before");
 }
 
 TEST_F(FileUtilsTest, KnowsRegularFilesThroughLinksToo) {
     const std::string path = Write("x");
-    const std::string link = m_folder.path() + "/link";
+    const std::string link = m_folder.Path() + "/link";
     ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
     EXPECT_TRUE(FileUtils::IsFile(path));
     EXPECT_TRUE(FileUtils::IsFile(link));
-    EXPECT_FALSE(FileUtils::IsFile(m_folder.path()));
+    EXPECT_FALSE(FileUtils::IsFile(m_folder.Path()));
     EXPECT_FALSE(FileUtils::IsFile("/dev/null"));
     ::unlink(path.c_str());
     EXPECT_FALSE(FileUtils::IsFile(link));
