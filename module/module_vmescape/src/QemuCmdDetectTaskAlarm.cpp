@@ -1,6 +1,7 @@
 // The alarm and the cache that keeps it from being repeated.
 
 #include "QemuCmdDetectTask.h"
+#include "Reporter.h"
 #include "VmEscapeLog.h"
 #include "VmEscapeUtils.h"
 #include "sdk/JsonUtils.h"
@@ -42,8 +43,7 @@ void QemuCmdDetectTask::SendAlarm(ProcInfoPtr info, const std::string& monitorPr
         SDK::LogInformation(m_logger, "Repeat Alarm: %s", text);
         return;
     }
-    SendDirectMsg("data_comm_report_task",
-                  new Framework::DataMessage(Framework::DataMessage::ALARM, text));
+    SendToReporter(*this, text);
     SDK::LogInformation(m_logger, "Send Alarm: %s", text);
     UpdateAlarmCache(info->m_parentName, info->m_ppid, info->m_name, info->m_pid, info->m_cmdline);
 }

@@ -1,6 +1,7 @@
 // The alarm and the cache that keeps it from being repeated.
 
 #include "QemuFileDetectTask.h"
+#include "Reporter.h"
 #include "VmEscapeLog.h"
 #include "VmEscapeUtils.h"
 #include "sdk/JsonUtils.h"
@@ -32,8 +33,7 @@ void QemuFileDetectTask::SendAlarm(const std::string& monitorProcess,
         SDK::LogInformation(m_logger, "Repeat Alarm: %s", text);
         return;
     }
-    SendDirectMsg("data_comm_report_task",
-                  new Framework::DataMessage(Framework::DataMessage::ALARM, text));
+    SendToReporter(*this, text);
     SDK::LogInformation(m_logger, "Send Alarm: %s", text);
     UpdateAlarmCache(processName, pid, filePath, fileAction);
 }
