@@ -1,6 +1,6 @@
 # A thin front: the work is done by CMake presets and the scripts.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test package bench fuzz check format clean
+.PHONY: help setup build demo test package bench fuzz soak check format clean
 
 help: ## show this list
 	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## /  make \1\t/'
@@ -25,6 +25,9 @@ bench: build ## measure, beside the peers, and print the table
 
 fuzz: setup ## fuzz each target for a bounded time (FUZZ_SECONDS, default 60)
 	@scripts/fuzz.sh $(FUZZ_SECONDS)
+
+soak: build ## does it grow? A mixed load for SOAK_SECONDS (default 3600), the clock SOAK_LAPSE times as fast
+	@python3 bench/soak.py build/release $(or $(SOAK_SECONDS),3600) --lapse $(or $(SOAK_LAPSE),1)
 
 check: setup ## formatting, static analysis and the rules of the house
 	@scripts/check.sh

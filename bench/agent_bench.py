@@ -52,7 +52,7 @@ def resident_mb(pid):
 class Agent:
     """A running agent whose alarms are read as they come."""
 
-    def __init__(self, build, folder, contents=None, log_level="error"):
+    def __init__(self, build, folder, contents=None, log_level="error", environment=None):
         policies = os.path.join(folder, "policies")
         os.makedirs(policies, exist_ok=True)
         for feature, content in (contents or COMMAND_POLICY).items():
@@ -64,7 +64,7 @@ class Agent:
         self.process = subprocess.Popen(
             [os.path.join(build, "bin/vmescape-agent"), "run", "--policies", policies, "--format",
              "json", "--log-level", log_level],
-            stdout=subprocess.PIPE, stderr=self.log)
+            stdout=subprocess.PIPE, stderr=self.log, env=environment)
         self.alarms = []  # (arrival in ns, line)
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
