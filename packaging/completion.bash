@@ -3,11 +3,11 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check selftest --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check status selftest --help --version' -- "$word")
         return
     fi
     case $before in
-        --config) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --policies | --modules) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json' -- "$word") ;;
         --output) mapfile -t COMPREPLY < <(compgen -W 'stdout file: json:stdout text:stdout json:file: text:file:' -- "$word") ;;
@@ -16,6 +16,8 @@ _vmescape_agent() {
         *)
             if [ "$verb" = check ]; then
                 mapfile -t COMPREPLY < <(compgen -f -X '!*.json' -- "$word")
+            elif [ "$verb" = status ]; then
+                mapfile -t COMPREPLY < <(compgen -W '--json --config --socket --help' -- "$word")
             elif [ "$verb" = selftest ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--json --modules --help' -- "$word")
             else

@@ -36,6 +36,8 @@ python3|drives the monitor of that machine
 iproute2|network devices for tests
 util-linux|unshare, a network of its own for tests
 systemd|checks the unit file of the service
+dpkg-dev|finds what the Debian package depends on
+file|tells which of its files are programs
 lintian|checks the Debian package
 procps|process tools for scripts
 '

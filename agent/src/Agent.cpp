@@ -8,10 +8,11 @@
 #include "Privileges.h"
 #include "framework/Engine.h"
 #include "sdk/InnerCpuCtrlUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/TimeUtils.h"
 
 #include <Poco/Error.h>
 #include <Poco/Exception.h>
-#include <Poco/File.h>
 
 #include <poll.h>
 #include <pthread.h>
@@ -29,8 +30,6 @@
 namespace Agent {
 
 namespace {
-
-constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 // Under which the product's policies are delivered.
 constexpr const char* kPolicyKey = "10001";
@@ -58,7 +57,9 @@ void Complain(const std::string& text) { std::cerr << "vmescape-agent: " << text
 }  // namespace
 
 Agent::Agent(Options options)
-    : m_options(std::move(options)), m_loader(std::make_unique<ModuleLoader>()) {}
+    : m_options(std::move(options)),
+      m_loader(std::make_unique<ModuleLoader>()),
+      m_status(SDK::TimeUtils::GetCurrentTimestampS()) {}
 
 Agent::~Agent() {
     if (m_signals >= 0) {
@@ -98,12 +99,7 @@ int Agent::Run() {
 }
 
 int Agent::LoadSettings() {
-    std::vector<Problem> problems;
-    if (!m_options.m_config.empty()) {
-        problems = m_settings.Load(m_options.m_config);
-    } else if (Poco::File(kDefaultConfig).exists()) {
-        problems = m_settings.Load(kDefaultConfig);
-    }
+    const std::vector<Problem> problems = m_settings.LoadConfiguration(m_options.m_config);
     for (const Problem& problem : problems) {
         Complain(ToText(problem));
     }
@@ -179,6 +175,7 @@ bool Agent::StartPolicies() {
     }
     LogNotice("vmescape-agent %s is running, %d policies read from %s",
               std::string(VMESCAPE_VERSION), policies, folder);
+    OpenStatus();
     m_manager.Ready(kWatching);
     return true;
 }
@@ -190,14 +187,21 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
                  problem.m_warning ? Poco::Message::PRIO_WARNING : Poco::Message::PRIO_ERROR, "%s",
                  ToText(problem));
     }
+    const std::string feature = PolicyChecker::FeatureOf(path);
     if (HasErrors(problems)) {
         SDK::LogError(Logger(), "Policy(%s) is refused, what was in force stays", path);
+        m_status.RefusePolicy(feature, path, ToText(problems.front()));
         return;
     }
-    const std::string feature = PolicyChecker::FeatureOf(path);
-    if (m_engine->DeliverPolicy(kPolicyKey, feature, text) ==
-        Framework::Engine::PolicyResult::ACCEPTED) {
+    using Result = Framework::Engine::PolicyResult;
+    const Result result = m_engine->DeliverPolicy(kPolicyKey, feature, text);
+    if (result == Result::ACCEPTED) {
         LogNotice("Policy(%s) is in force", path);
+        m_status.TakePolicy(feature, path, text, SDK::TimeUtils::GetCurrentTimestampS());
+    } else if (result == Result::REFUSED) {
+        m_status.RefusePolicy(feature, path, "the module does not take it");
+    } else if (result == Result::UNCHANGED) {
+        m_status.ConfirmPolicy(feature);
     }
 }
 
@@ -206,8 +210,9 @@ bool Agent::Loop() {
     using std::chrono::milliseconds;
     const milliseconds period =
         m_manager.AlivePeriod().count() > 0 ? m_manager.AlivePeriod() : kTaskLookPeriod;
-    std::array<pollfd, 2> waited = {
-        {{m_signals, POLLIN, 0}, {m_policies->Descriptor(), POLLIN, 0}}};
+    std::array<pollfd, 3> waited = {{{m_signals, POLLIN, 0},
+                                     {m_policies->Descriptor(), POLLIN, 0},
+                                     {m_statusServer.Descriptor(), POLLIN, 0}}};
     for (Clock::time_point nextLook = Clock::now();;) {
         if (Clock::now() >= nextLook) {
             LookAtTasks();
@@ -223,6 +228,11 @@ bool Agent::Loop() {
         if (waited[1].revents != 0) {
             m_policies->HandleChanges();
         }
+        if (waited[2].revents != 0) {
+            m_statusServer.Answer([this] {
+                return SDK::JsonUtils::JsonToString(m_status.Document(m_engine->GetTaskStatus()));
+            });
+        }
         signalfd_siginfo info{};
         if (::read(m_signals, &info, sizeof(info)) != static_cast<ssize_t>(sizeof(info))) {
             continue;
@@ -236,12 +246,20 @@ bool Agent::Loop() {
     }
 }
 
+void Agent::OpenStatus() {
+    const std::string path = m_settings.Get("status.socket");
+    const std::string wrong = path.empty() ? "" : m_statusServer.Open(path);
+    if (!wrong.empty()) {
+        SDK::LogWarning(Logger(), "Nobody can ask for the status at %s: %s", path, wrong);
+    }
+}
+
 void Agent::LookAtTasks() {
     const std::vector<std::string> stuck = m_taskWatch.Look(m_engine->GetTaskStatus());
     if (stuck.empty()) {
         m_manager.Alive();
     }
-    if (stuck == m_stuck) {
+    if (!m_status.TakeStuckTasks(stuck)) {
         return;
     }
     for (const std::string& task : stuck) {
@@ -251,7 +269,6 @@ void Agent::LookAtTasks() {
         LogNotice("All tasks work again");
     }
     m_manager.Status(stuck.empty() ? kWatching : stuck.front());
-    m_stuck = stuck;
 }
 
 void Agent::LogTotals() const {

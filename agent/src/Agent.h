@@ -3,13 +3,14 @@
 #include "Options.h"
 #include "ServiceManager.h"
 #include "Settings.h"
+#include "Status.h"
+#include "StatusServer.h"
 #include "TaskWatch.h"
 
 #include <Poco/AutoPtr.h>
 
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace Framework {
 class Engine;
@@ -40,6 +41,7 @@ private:
     bool StartPolicies();
     void DeliverPolicy(const std::string& path, const std::string& text);
     bool Loop();
+    void OpenStatus();
     void LookAtTasks();
     void LogTotals() const;
 
@@ -50,7 +52,8 @@ private:
     std::unique_ptr<PolicyFolder> m_policies;
     const ServiceManager m_manager;
     TaskWatch m_taskWatch;
-    std::vector<std::string> m_stuck;  // what the last look found
+    Status m_status;
+    StatusServer m_statusServer;
     int m_signals = -1;
 };
 

@@ -59,6 +59,21 @@ void AddCheck(CLI::App& app, Options& options) {
     check->callback([&options] { options.m_verb = Options::Verb::CHECK; });
 }
 
+void AddStatus(CLI::App& app, Options& options) {
+    CLI::App* status = app.add_subcommand("status", "Ask the agent that runs how it is");
+    status->add_flag("--json", options.m_json, "Print the answer as it comes, as JSON");
+    status
+        ->add_option("--config", options.m_config,
+                     "The agent's configuration file (/etc/vmescape/agent.json)")
+        ->type_name("FILE");
+    status->add_option("--socket", options.m_socket, "Where it answers, if not as configured")
+        ->type_name("PATH");
+    status->footer(
+        "Exit status: 0 all is well, 1 it is degraded or there is no agent, 2 usage, 6 "
+        "bad configuration.");
+    status->callback([&options] { options.m_verb = Options::Verb::STATUS; });
+}
+
 void AddSelftest(CLI::App& app, Options& options) {
     CLI::App* selftest = app.add_subcommand(
         "selftest", "Show that detection works on this host, without touching any machine");
@@ -83,6 +98,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     app.require_subcommand(1);
     AddRun(app, options);
     AddCheck(app, options);
+    AddStatus(app, options);
     AddSelftest(app, options);
     try {
         app.parse(argc, argv);

@@ -103,11 +103,18 @@ void Selftest::WritePolicy(const std::string& feature, const std::string& conten
 }
 
 int Selftest::StartAgent() {
-    std::vector<std::string> arguments = {"vmescape-agent", "run",
-                                          "--config",       m_folder + "/agent.json",
-                                          "--policies",     m_folder + "/policies",
-                                          "--output",       "json:stdout",
-                                          "--log-level",    "information"};
+    std::vector<std::string> arguments = {"vmescape-agent",
+                                          "run",
+                                          "--config",
+                                          m_folder + "/agent.json",
+                                          "--policies",
+                                          m_folder + "/policies",
+                                          "--output",
+                                          "json:stdout",
+                                          "--log-level",
+                                          "information",
+                                          "-o",
+                                          "status.socket="};
     for (const auto& [key, text] : m_options.m_settings) {
         arguments.insert(arguments.end(), {"-o", Poco::format("%s=%s", key, text)});
     }

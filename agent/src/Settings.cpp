@@ -4,6 +4,7 @@
 #include "JsonFile.h"
 #include "sdk/StrUtils.h"
 
+#include <Poco/File.h>
 #include <Poco/Format.h>
 #include <Poco/NumberParser.h>
 #include <Poco/StringTokenizer.h>
@@ -29,14 +30,18 @@ struct Row {
     const char* m_meaning;
 };
 
+constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
+
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 14> kRows = {{
+constexpr std::array<Row, 15> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
     {"log_level", Kind::TEXT, "notice", kLevels, 0, 0, "least important lines to log"},
     {"cpu_share", Kind::NUMBER, "0", "", 0, 100, "percent of a core for each task, 0: no limit"},
+    {"status.socket", Kind::TEXT, "/run/vmescape/agent.sock", "", 0, 0,
+     "where \"status\" asks, empty: nowhere"},
     {"report.output", Kind::OUTPUTS, "stdout", "", 0, 0,
      "where alarms go; text: or json: before one names its own format"},
     {"report.format", Kind::TEXT, "auto", "auto text json", 0, 0, "how alarms are written"},
@@ -146,6 +151,13 @@ bool ToText(const Row& row, const Json::Value& value, std::string& text) {
 }
 
 }  // namespace
+
+std::vector<Problem> Settings::LoadConfiguration(const std::string& path) {
+    if (path.empty() && !Poco::File(kDefaultConfig).exists()) {
+        return {};
+    }
+    return Load(path.empty() ? kDefaultConfig : path);
+}
 
 std::vector<Problem> Settings::Load(const std::string& path) {
     std::vector<Problem> problems;

@@ -19,6 +19,10 @@ public:
     /// @return what is wrong with it; unknown keys are warnings
     std::vector<Problem> Load(const std::string& path);
 
+    /// Reads the agent's configuration: the file that was named or, when none was, the default one
+    /// if it is there. @return as Load
+    std::vector<Problem> LoadConfiguration(const std::string& path);
+
     /// Sets one key from its text on the command line ("report.format", "json").
     /// @return what is wrong, or an empty text
     std::string Set(const std::string& key, const std::string& text);

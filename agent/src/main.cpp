@@ -3,6 +3,7 @@
 #include "PolicyChecker.h"
 #include "Selftest.h"
 #include "SelftestActor.h"
+#include "StatusVerb.h"
 
 #include <exception>
 #include <iostream>
@@ -31,6 +32,8 @@ int Obey(const Agent::Options& options) {
             return Agent::Agent(options).Run();
         case Agent::Options::Verb::CHECK:
             return CheckFiles(options.m_files);
+        case Agent::Options::Verb::STATUS:
+            return Agent::PrintStatus(options);
         case Agent::Options::Verb::SELFTEST:
             return Agent::Selftest(options).Run();
         case Agent::Options::Verb::SELFTEST_ACTOR:

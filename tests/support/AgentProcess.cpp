@@ -26,6 +26,7 @@ std::vector<std::string> MakeArguments(const std::string& build, const Temporary
     Json::Value config;
     config["policies"] = policies.Path();
     config["report"]["output"] = "file:" + output / "alarms";
+    config["status"]["socket"] = output / "status";
     std::vector<std::string> all = {
         build + "/bin/vmescape-agent", "run", "--config",
         output.Write("agent.json", SDK::JsonUtils::JsonToString(config))};

@@ -51,6 +51,9 @@ public:
     /// Where its policies are.
     const TemporaryFolder& Policies() const { return m_policies; }
 
+    /// Where it tells its status.
+    std::string StatusSocket() const { return m_output / "status"; }
+
     ChildProcess& Child() { return m_child; }
 
     /// Why tests with a running agent cannot run here; empty when they can.

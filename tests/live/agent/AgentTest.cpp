@@ -196,4 +196,28 @@ TEST_F(AgentProgram, OutlivesTheReaderOfItsStandardOutput) {
     EXPECT_EQ(agent.Stop(SIGTERM), 0);
 }
 
+TEST_F(AgentProgram, TellsItsStatusWhileItRuns) {
+    Agent agent(BUILD_FOLDER, DenyList());
+    const std::vector<std::string> ask = {"status", "--socket", agent.StatusSocket()};
+    const ChildProcess::Result text = Run(ask);
+    EXPECT_EQ(text.m_status, 0) << text.m_errors;
+    EXPECT_NE(text.m_output.find(", pid " + std::to_string(agent.Child().Pid())), std::string::npos)
+        << text.m_output;
+    EXPECT_NE(text.m_output.find("procs_real_task           up"), std::string::npos);
+    // A policy that is refused is seen at once, and that it was mended too.
+    agent.Policies().Write(Agent::POLICY_FILE, "no JSON");
+    EXPECT_TRUE(agent.WaitForLog("is refused"));
+    const ChildProcess::Result degraded =
+        Run({"status", "--json", "--socket", agent.StatusSocket()});
+    EXPECT_EQ(degraded.m_status, 1);
+    EXPECT_NE(degraded.m_output.find("\"state\":\"degraded\""), std::string::npos);
+    agent.Policies().Write(Agent::POLICY_FILE, DenyList());
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return Run(ask).m_status == 0; }));
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+    const ChildProcess::Result gone = Run(ask);
+    EXPECT_EQ(gone.m_status, 1);
+    EXPECT_EQ(gone.m_errors, "vmescape-agent: no agent answers at " + agent.StatusSocket() +
+                                 ": No such file or directory\n");
+}
+
 }  // namespace

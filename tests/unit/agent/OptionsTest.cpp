@@ -109,4 +109,12 @@ TEST_F(CommandLine, TheActorOfTheSelftestIsHiddenAndTakesAMachinesArguments) {
     EXPECT_EQ(m_output.find("selftest-actor"), std::string::npos);
 }
 
+TEST_F(CommandLine, StatusTakesWhereToAsk) {
+    ASSERT_TRUE(Parse({"status", "--json", "--socket", "s", "--config", "c"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::STATUS);
+    EXPECT_TRUE(m_options.m_json);
+    EXPECT_EQ(m_options.m_socket, "s");
+    EXPECT_EQ(m_options.m_config, "c");
+}
+
 }  // namespace

@@ -1,0 +1,104 @@
+#include "Status.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Tasks = std::vector<Framework::Engine::TaskStatus>;
+
+Tasks OneTask() {
+    Framework::Engine::TaskStatus task;
+    task.m_name = "qemu_cmd_detect_task";
+    task.m_feature = "qemu_cmd_detect_feature";
+    task.m_inboxDepth = 3;
+    task.m_inboxCapacity = 1024;
+    task.m_messagesAccepted = 70;
+    task.m_messagesLost = 1;
+    return {task};
+}
+
+class Status : public testing::Test {
+protected:
+    void Take(const std::string& hash = "abc") {
+        m_status.TakePolicy("f", "/p/f.json", R"({"hash":")" + hash + R"("})", 86400);
+    }
+    std::string State() const { return m_status.Document(OneTask())["state"].asString(); }
+    std::string Reason() const { return m_status.Document(OneTask())["reasons"][0].asString(); }
+
+    Agent::Status m_status{0};
+};
+
+TEST_F(Status, IsUpWhenAPolicyIsInForceAndAllTasksWork) {
+    Take();
+    const Json::Value document = m_status.Document(OneTask());
+    EXPECT_EQ(document["state"].asString(), "up");
+    EXPECT_TRUE(document["reasons"].empty());
+    EXPECT_EQ(document["version"].asString(), VMESCAPE_VERSION);
+    EXPECT_EQ(document["pid"].asInt(), ::getpid());
+    EXPECT_EQ(document["started"].asString(), "1970-01-01T00:00:00Z");
+}
+
+TEST_F(Status, IsDegradedWithoutAPolicy) {
+    EXPECT_EQ(State(), "degraded");
+    EXPECT_EQ(Reason(), "No policy is in force, nothing is detected");
+}
+
+TEST_F(Status, ShowsEachTask) {
+    const Json::Value task = m_status.Document(OneTask())["tasks"][0];
+    EXPECT_EQ(task["name"].asString(), "qemu_cmd_detect_task");
+    EXPECT_EQ(task["state"].asString(), "up");
+    EXPECT_EQ(task["waiting"].asInt(), 3);
+    EXPECT_EQ(task["capacity"].asInt(), 1024);
+    EXPECT_EQ(task["received"].asInt(), 70);
+    EXPECT_EQ(task["lost"].asInt(), 1);
+}
+
+TEST_F(Status, ShowsATaskThatDoesNotWorkAsDownAndSaysWhy) {
+    Take();
+    EXPECT_TRUE(m_status.TakeStuckTasks({"Task(qemu_cmd_detect_task) has ended"}));
+    EXPECT_FALSE(m_status.TakeStuckTasks({"Task(qemu_cmd_detect_task) has ended"}));
+    EXPECT_EQ(State(), "degraded");
+    EXPECT_EQ(Reason(), "Task(qemu_cmd_detect_task) has ended");
+    EXPECT_EQ(m_status.Document(OneTask())["tasks"][0]["state"].asString(), "down");
+    EXPECT_TRUE(m_status.TakeStuckTasks({}));
+    EXPECT_EQ(State(), "up");
+}
+
+TEST_F(Status, CountsTheGenerationsOfAPolicyAndShowsItsHash) {
+    Take("first");
+    Take("second");
+    const Json::Value policy = m_status.Document({})["policies"][0];
+    EXPECT_EQ(policy["feature"].asString(), "f");
+    EXPECT_EQ(policy["file"].asString(), "/p/f.json");
+    EXPECT_EQ(policy["generation"].asInt(), 2);
+    EXPECT_EQ(policy["hash"].asString(), "second");
+    EXPECT_EQ(policy["since"].asString(), "1970-01-02T00:00:00Z");
+}
+
+TEST_F(Status, IsDegradedWhileALaterPolicyIsRefused) {
+    Take();
+    m_status.RefusePolicy("f", "/p/f.json", "expected JSON");
+    EXPECT_EQ(State(), "degraded");
+    EXPECT_EQ(Reason(), "Policy(f) is refused: expected JSON");
+    EXPECT_EQ(m_status.Document({})["policies"][0]["generation"].asInt(), 1);
+    m_status.ConfirmPolicy("f");
+    EXPECT_EQ(State(), "up");
+}
+
+TEST_F(Status, ReadsAsATable) {
+    Take("a\x1b[31m\n");
+    m_status.RefusePolicy("f", "/p/f.json", "why\x07");
+    const std::string text = Agent::Status::ToText(m_status.Document(OneTask()));
+    EXPECT_NE(text.find(", since 1970-01-01T00:00:00Z: degraded\n  Policy(f) is refused: why?\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(
+        text.find("qemu_cmd_detect_task      up              3/1024          70           1\n"),
+        std::string::npos)
+        << text;
+    EXPECT_NE(text.find("f                         refused              1  "), std::string::npos)
+        << text;
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+}
+
+}  // namespace
