@@ -65,7 +65,7 @@ std::string StatusServer::Open(const std::string& path) {
     }
     m_socket.Reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!m_socket || !Bind(m_socket.Get(), address)) {
-        const std::string error = Poco::Error::getMessage(errno);
+        std::string error = Poco::Error::getMessage(errno);
         m_socket.Reset();
         return error;
     }
