@@ -19,7 +19,7 @@ from agent_bench import MONITORED, Agent, med, percentile, row, schedstat_second
 
 RUNS = 15
 DIRECTORIES = 10000
-OPENS = 100000
+OPENS = 400000
 TOUCHES = 500
 
 

@@ -64,6 +64,15 @@ def settle(pid):
         time.sleep(0.3)
 
 
+def wait_for_marks(pid, marks):
+    """Waits until exactly what the policy names is watched."""
+    deadline = time.monotonic() + 30
+    while count(pid)["marks"] != marks:
+        if time.monotonic() > deadline:
+            sys.exit(f"soak: {count(pid)['marks']} directories are watched, expected {marks}")
+        time.sleep(0.1)
+
+
 class Load:
     """One round after the other of what a busy host and a guest gone wild do."""
 
@@ -138,8 +147,10 @@ def soak(agent, load, agent_folder, seconds):
         load.round()
         if number % POLICY_EVERY == 0:
             write_policy(agent_folder, [third])
+            wait_for_marks(agent.process.pid, DIRECTORIES + 1)
             load.files()
             write_policy(agent_folder, [first, second])
+        wait_for_marks(agent.process.pid, 2 * (DIRECTORIES + 1))
         settle(agent.process.pid)
         if agent.process.poll() is not None:
             sys.exit("soak: the agent ended:\n" + agent.read_log()[-4000:])
