@@ -13,9 +13,8 @@ namespace Agent {
 class FileTrust {
 public:
     /// Follows symbolic links: what counts is the file that would be read.
-    /// @return what is wrong, with the file or folder that it is wrong with. "" when nothing is,
-    /// and
-    ///         for a file that is not there: to tell of that is its reader's part
+    /// @return what is wrong, with the file or folder that it is wrong with; "" when nothing is.
+    ///         Also "" for a file that is not there: to tell of that is its reader's part
     static std::string WhyNot(const std::string& path);
 };
 
