@@ -164,7 +164,14 @@ bool Agent::StartPolicies() {
     const std::string folder = m_settings.Get("policies");
     m_policies = std::make_unique<PolicyFolder>(
         folder,
-        [this](const std::string& path, const std::string& text) { DeliverPolicy(path, text); });
+        PolicyFolder::Receiver{
+            [this](const std::string& path, const std::string& text) { DeliverPolicy(path, text); },
+            [this](const std::string& path, const std::string& why) {
+                m_status.RefusePolicy(PolicyChecker::FeatureOf(path), path, why);
+            },
+            [this](const std::string& path) {
+                m_status.ForgetRefusal(PolicyChecker::FeatureOf(path));
+            }});
     if (!m_policies->Start()) {
         return false;
     }
@@ -190,7 +197,7 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
     const std::string feature = PolicyChecker::FeatureOf(path);
     if (HasErrors(problems)) {
         SDK::LogError(Logger(), "Policy(%s) is refused, what was in force stays", path);
-        m_status.RefusePolicy(feature, path, ToText(problems.front()));
+        m_status.RefusePolicy(feature, path, FirstError(problems));
         return;
     }
     using Result = Framework::Engine::PolicyResult;
@@ -201,7 +208,7 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
     } else if (result == Result::REFUSED) {
         m_status.RefusePolicy(feature, path, "the module does not take it");
     } else if (result == Result::UNCHANGED) {
-        m_status.ConfirmPolicy(feature);
+        m_status.ForgetRefusal(feature);
     }
 }
 

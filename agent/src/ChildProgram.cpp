@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -37,6 +38,16 @@ struct Pipe {
     }
 };
 
+/// Two ends of one line. Unlike a pipe, a socket can be written to without a signal when nobody
+/// reads any more.
+std::array<SDK::UniqueDescriptor, 2> MakeSockets() {
+    std::array<int, 2> ends{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        throw Poco::SystemException("socketpair", errno);
+    }
+    return {SDK::UniqueDescriptor(ends[0]), SDK::UniqueDescriptor(ends[1])};
+}
+
 milliseconds Left(ChildProgram::Deadline deadline) {
     return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - Clock::now()));
 }
@@ -50,7 +61,7 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }
     pointers.push_back(nullptr);
-    Pipe input;
+    std::array<SDK::UniqueDescriptor, 2> input = MakeSockets();
     Pipe output;
     Pipe errors;
     const pid_t parent = ::getpid();
@@ -60,7 +71,7 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
     }
     if (m_pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
-        ::dup2(input.m_read.Get(), STDIN_FILENO);
+        ::dup2(input[0].Get(), STDIN_FILENO);
         ::dup2(output.m_write.Get(), STDOUT_FILENO);
         ::dup2(errors.m_write.Get(), STDERR_FILENO);
         // A parent that ended before the call above would never be missed.
@@ -69,7 +80,7 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
         }
         ::_exit(kNotStarted);
     }
-    m_standardInput = std::move(input.m_write);
+    m_standardInput = std::move(input[1]);
     m_inputs[0].m_pipe = std::move(output.m_read);
     m_inputs[1].m_pipe = std::move(errors.m_read);
 }
@@ -88,7 +99,7 @@ ChildProgram::~ChildProgram() {
 
 bool ChildProgram::Write(const std::string& line) const {
     const std::string text = line + '\n';
-    return ::write(m_standardInput.Get(), text.data(), text.length()) ==
+    return ::send(m_standardInput.Get(), text.data(), text.length(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(text.length());
 }
 

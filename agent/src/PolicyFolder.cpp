@@ -85,6 +85,7 @@ void PolicyFolder::HandleChanges() {
     const Changes changes = CollectChanges();
     for (const std::string& name : changes.m_removed) {
         SDK::LogWarning(Logger(), "Policy file(%s) is gone, its policy stays in force", name);
+        m_receiver.m_gone(m_folder + '/' + name);
     }
     if (changes.m_folderGone || m_watch < 0) {
         Reattach();
@@ -187,15 +188,17 @@ bool PolicyFolder::ReadFile(const std::string& name) {
     std::string text;
     if (const std::string wrong = FileTrust::WhyNot(path); !wrong.empty()) {
         SDK::LogError(Logger(), "Policy(%s) is refused, what was in force stays: %s", path, wrong);
+        m_receiver.m_refused(path, wrong);
         return false;
     }
     if (!ReadWholeFile(path, text, problems)) {
         for (const Problem& problem : problems) {
             SDK::LogError(Logger(), "%s", ToText(problem));
         }
+        m_receiver.m_refused(path, FirstError(problems));
         return false;
     }
-    m_receiver(path, text);
+    m_receiver.m_read(path, text);
     return true;
 }
 

@@ -15,8 +15,15 @@ namespace Agent {
 /// Threads: one.
 class PolicyFolder {
 public:
-    /// Called with the path and the text of a file that is new or changed.
-    using Receiver = std::function<void(const std::string& path, const std::string& text)>;
+    /// Who is told of the files. Called with the path of a file, and:
+    struct Receiver {
+        /// ... the text of one that is new or changed.
+        std::function<void(const std::string& path, const std::string& text)> m_read;
+        /// ... why it is not read. That is logged already.
+        std::function<void(const std::string& path, const std::string& why)> m_refused;
+        /// ... nothing more: it is gone. That is logged already, too.
+        std::function<void(const std::string& path)> m_gone;
+    };
 
     PolicyFolder(std::string folder, Receiver receiver);
     ~PolicyFolder();

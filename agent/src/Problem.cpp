@@ -22,6 +22,12 @@ bool HasErrors(const std::vector<Problem>& problems) {
                        [](const Problem& problem) { return !problem.m_warning; });
 }
 
+std::string FirstError(const std::vector<Problem>& problems) {
+    const auto found = std::find_if(problems.begin(), problems.end(),
+                                    [](const Problem& problem) { return !problem.m_warning; });
+    return found == problems.end() ? "" : ToText(*found);
+}
+
 std::string Pointer(const std::string& parent, const std::string& key) {
     return parent + '/' + Poco::replace(Poco::replace(key, "~", "~0"), "/", "~1");
 }

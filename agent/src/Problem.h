@@ -20,6 +20,9 @@ std::string ToText(const Problem& problem);
 /// True when one of them is more than a warning.
 bool HasErrors(const std::vector<Problem>& problems);
 
+/// The first that is more than a warning, as one line; "" when there is none.
+std::string FirstError(const std::vector<Problem>& problems);
+
 /// Appends a key to a JSON pointer, escaped as RFC 6901 asks for.
 std::string Pointer(const std::string& parent, const std::string& key);
 

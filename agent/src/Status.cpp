@@ -57,7 +57,16 @@ void Status::TakePolicy(const std::string& feature, const std::string& path,
     ++policy.m_generation;
 }
 
-void Status::ConfirmPolicy(const std::string& feature) { m_policies[feature].m_refusal.clear(); }
+void Status::ForgetRefusal(const std::string& feature) {
+    const auto found = m_policies.find(feature);
+    if (found == m_policies.end()) {
+        return;
+    }
+    found->second.m_refusal.clear();
+    if (found->second.m_generation == 0) {
+        m_policies.erase(found);
+    }
+}
 
 void Status::RefusePolicy(const std::string& feature, const std::string& path,
                           const std::string& why) {

@@ -24,8 +24,8 @@ public:
     void TakePolicy(const std::string& feature, const std::string& path, const std::string& text,
                     std::int64_t nowS);
 
-    /// The policy in force was delivered again: a refusal that came between is over.
-    void ConfirmPolicy(const std::string& feature);
+    /// What was refused is over: its file is gone, or the policy in force was delivered again.
+    void ForgetRefusal(const std::string& feature);
 
     /// A policy was refused. What was in force stays, and the agent counts as degraded until a good
     /// one comes.

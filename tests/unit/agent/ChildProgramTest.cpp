@@ -54,6 +54,12 @@ TEST(ChildProgram, ThatDoesNotExistEndsAtOnce) {
     EXPECT_EQ(missing.Wait(Soon()), 127);
 }
 
+TEST(ChildProgram, ThatHasEndedTakesNoLine) {
+    Shell ended("exit 0");
+    EXPECT_EQ(ended.Wait(Soon()), 0);
+    EXPECT_FALSE(ended.Write("hello"));
+}
+
 TEST(ChildProgram, IsTakenAlong) {
     std::string pid;
     {

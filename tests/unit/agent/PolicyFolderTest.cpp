@@ -12,6 +12,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace {
 
@@ -26,9 +27,16 @@ protected:
     void Start(const std::string& path) {
         m_path = path;
         m_folder = std::make_unique<Agent::PolicyFolder>(
-            path, [this](const std::string& file, const std::string& text) {
-                m_reads.push_back(file.substr(m_path.length() + 1) + "=" + text);
-            });
+            path, Agent::PolicyFolder::Receiver{
+                      [this](const std::string& file, const std::string& text) {
+                          m_reads.push_back(file.substr(m_path.length() + 1) + "=" + text);
+                      },
+                      [this](const std::string& file, const std::string& why) {
+                          m_refused[file.substr(m_path.length() + 1)] = why;
+                      },
+                      [this](const std::string& file) {
+                          m_gone.push_back(file.substr(m_path.length() + 1));
+                      }});
         ASSERT_TRUE(m_folder->Start());
     }
 
@@ -51,6 +59,8 @@ protected:
     std::string m_path;
     std::unique_ptr<Agent::PolicyFolder> m_folder;
     Reads m_reads;
+    std::map<std::string, std::string> m_refused;
+    std::vector<std::string> m_gone;
 };
 
 TEST_F(PolicyFolder, ReadsItsPoliciesInTheOrderOfTheirNames) {
@@ -139,6 +149,10 @@ TEST_F(PolicyFolder, RefusesAFileThatIsTooLarge) {
     m_files.Write("b.json", "1");
     EXPECT_EQ(Handle(), Reads{"b.json=1"});
     EXPECT_TRUE(m_log.Contains("a.json: is too large, expected at most"));
+    EXPECT_NE(m_refused["a.json"].find("is too large"), std::string::npos);
+    fs::remove(m_files / "a.json");
+    Handle();
+    EXPECT_EQ(m_gone, std::vector<std::string>{"a.json"});
 }
 
 TEST_F(PolicyFolder, IsNotHeldUpByANamedPipe) {
@@ -213,6 +227,7 @@ TEST_F(PolicyFolder, RefusesAFileThatOthersMayWriteUntilItsModeIsMended) {
     EXPECT_TRUE(
         m_log.Contains("Policy(" + m_files / "a.json" + ") is refused, what was in force stays: "));
     EXPECT_TRUE(m_log.Contains("may be written by others (mode 0666)"));
+    EXPECT_NE(m_refused["a.json"].find("(mode 0666)"), std::string::npos);
     Handle();
     m_reads.clear();
     fs::permissions(m_files / "a.json", fs::perms(0644));

@@ -4,6 +4,7 @@
 
 namespace {
 
+using Agent::FirstError;
 using Agent::HasErrors;
 using Agent::Pointer;
 using Agent::Problem;
@@ -31,6 +32,13 @@ TEST(Problem, WarningsAloneAreNoErrors) {
     EXPECT_FALSE(HasErrors({}));
     EXPECT_FALSE(HasErrors({{"", "", "", true}}));
     EXPECT_TRUE(HasErrors({{"", "", "", true}, {"", "", "", false}}));
+}
+
+TEST(Problem, ThatCountsIsTheFirstThatIsNoWarning) {
+    EXPECT_EQ(FirstError({}), "");
+    EXPECT_EQ(FirstError({{"a", "", "hint", true}}), "");
+    EXPECT_EQ(FirstError({{"a", "", "hint", true}, {"a", "/b", "one"}, {"a", "", "two"}}),
+              "a: /b: one");
 }
 
 TEST(Problem, PointersEscapeTheirOwnCharacters) {

@@ -75,13 +75,23 @@ TEST_F(Status, CountsTheGenerationsOfAPolicyAndShowsItsHash) {
     EXPECT_EQ(policy["since"].asString(), "1970-01-02T00:00:00Z");
 }
 
+TEST_F(Status, ForgetsARefusedPolicyThatWasNeverInForceWhenItsFileIsGone) {
+    Take();
+    m_status.RefusePolicy("g", "/p/g.json", "expected JSON");
+    EXPECT_EQ(m_status.Document({})["policies"].size(), 2U);
+    m_status.ForgetRefusal("g");
+    m_status.ForgetRefusal("never heard of");
+    EXPECT_EQ(m_status.Document({})["policies"].size(), 1U);
+    EXPECT_EQ(State(), "up");
+}
+
 TEST_F(Status, IsDegradedWhileALaterPolicyIsRefused) {
     Take();
     m_status.RefusePolicy("f", "/p/f.json", "expected JSON");
     EXPECT_EQ(State(), "degraded");
     EXPECT_EQ(Reason(), "Policy(f) is refused: expected JSON");
     EXPECT_EQ(m_status.Document({})["policies"][0]["generation"].asInt(), 1);
-    m_status.ConfirmPolicy("f");
+    m_status.ForgetRefusal("f");
     EXPECT_EQ(State(), "up");
 }
 
