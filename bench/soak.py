@@ -17,7 +17,7 @@ import sys
 import tempfile
 import time
 
-from agent_bench import MONITORED, Agent, med, resident_mb, schedstat_seconds
+from harness import MONITORED, Agent, med, resident_mb, schedstat_seconds
 
 DIRECTORIES = 200
 POLICY_EVERY = 5  # rounds

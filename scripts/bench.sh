@@ -16,10 +16,15 @@ echo "bench: inbox" >&2
 echo "bench: command task" >&2
 "$build/bench/CommandTaskBench" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
     --benchmark_out="$results/command_task.json" --benchmark_out_format=json >/dev/null
-echo "bench: agent (several minutes)" >&2
-python3 bench/agent_bench.py "$build" --json "$results/agent.json" >/dev/null
-echo "bench: files" >&2
-python3 bench/file_bench.py "$build" --json "$results/file.json" >/dev/null
-echo "bench: sockets (two minutes)" >&2
-python3 bench/net_bench.py "$build" --json "$results/net.json" >/dev/null
+# name|what
+while IFS='|' read -r name what; do
+    echo "bench: $what" >&2
+    python3 "bench/${name}_bench.py" "$build" --json "$results/$name.json" >/dev/null
+done <<'END'
+agent|agent (several minutes)
+latency|latencies (three minutes)
+file|files (several minutes)
+net|sockets (two minutes)
+growth|growth (several minutes)
+END
 python3 bench/table.py "$results" | tee "$results/table.txt"

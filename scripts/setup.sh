@@ -30,6 +30,8 @@ libboost-dev|peer of the inbox in its benchmark
 libatomic-queue-dev|peer of the inbox in its benchmark
 forkstat|peer of the process collector in its benchmark
 auditd|peer of the process collector in its benchmark
+fatrace|peer of the file collector in its benchmark
+lsof|peer of the socket table in its benchmark
 qemu-system-x86|the virtual machine that the demo and the live tests watch
 qemu-utils|disk images for that machine
 python3|drives the monitor of that machine
