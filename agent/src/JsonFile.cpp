@@ -4,13 +4,40 @@
 #include "sdk/JsonUtils.h"
 
 #include <Poco/Error.h>
+#include <Poco/Format.h>
 #include <Poco/String.h>
+#include <Poco/UTF8Encoding.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace Agent {
+
+namespace {
+
+/// @return where the first byte stands that is no part of a character in UTF-8; the length when
+///         there is none
+std::size_t FindNoUtf8(const std::string& text) {
+    const Poco::UTF8Encoding utf8;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    for (std::size_t at = 0; at < text.size();) {
+        const int length = utf8.sequenceLength(bytes + at, 1);
+        if (length <= 0 || static_cast<std::size_t>(length) > text.size() - at ||
+            !Poco::UTF8Encoding::isLegal(bytes + at, length)) {
+            return at;
+        }
+        at += static_cast<std::size_t>(length);
+    }
+    return text.size();
+}
+
+std::string DescribeByte(char byte) {
+    return Poco::format("0x%02x", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
+}
+
+}  // namespace
 
 bool ReadWholeFile(const std::string& path, std::string& text, std::vector<Problem>& problems) {
     bool truncated = false;
@@ -37,6 +64,14 @@ bool ParseObject(const std::string& path, const std::string& text, Json::Value& 
     std::string error;
     if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
         problems.push_back({path, "", "expected a JSON object, found an empty file"});
+        return false;
+    }
+    // The library passes such bytes on, and what they name would never be found.
+    if (const std::size_t bad = FindNoUtf8(text); bad < text.size()) {
+        const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<long>(bad), '\n');
+        problems.push_back({path, "",
+                            "expected text in UTF-8, found the byte " + DescribeByte(text[bad]) +
+                                " in line " + std::to_string(line)});
         return false;
     }
     if (SDK::JsonUtils::ParseJsonStr(text.c_str(), text.length(), object, error) != 0) {

@@ -2,6 +2,7 @@
 
 #include "FrameworkLog.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Framework {
@@ -40,6 +41,9 @@ void Inbox::CountLost(std::uint64_t messages) {
 }
 
 int Inbox::Receive(std::vector<std::shared_ptr<Message>>& messages, int max) {
+    // Room is made before the queue gives anything out: what it has given out it does not take
+    // back, and its other receivers would wait for it.
+    messages.reserve(messages.size() + std::min(static_cast<unsigned int>(max), Capacity()));
     return m_queue.DequeueBulk(messages, max);
 }
 

@@ -8,6 +8,9 @@ namespace ProcessCollect {
 
 namespace {
 
+// Adopts the children of processes that end, unless somebody nearer asked to.
+constexpr int kInitPid = 1;
+
 // /proc counts in ticks, the kernel's events in nanoseconds: the same process must compare equal.
 std::uint64_t Ticks(std::uint64_t startTime) {
     return startTime / ProcStatReader::TickNanoseconds();
@@ -54,7 +57,7 @@ bool ProcessTable::Lookup(int pid, SDK::ProcessUtils::procRecord& record) const 
         return false;
     }
     record.m_status.m_pid = pid;
-    record.m_status.m_ppid = entry->m_parentPid;
+    record.m_status.m_ppid = ParentPid(*entry);
     record.m_status.m_name = entry->m_image->m_name;
     record.m_cmdline = entry->m_image->m_cmdline;
     return true;
@@ -155,12 +158,8 @@ std::vector<ProcessTable::Orphan> ProcessTable::Purge(std::int64_t now) {
         return orphans;
     }
     for (const auto& [pid, entry] : m_entries) {
-        if (entry.m_ended || entry.m_parentPid <= 0) {
-            continue;
-        }
-        // A parent is older than its child; a younger one merely got its pid.
-        const Entry* parent = Find(entry.m_parentPid);
-        if (parent == nullptr || Ticks(parent->m_startTime) > Ticks(entry.m_startTime)) {
+        if (!entry.m_ended && entry.m_parentPid > 0 &&
+            (Find(entry.m_parentPid) == nullptr || LostParent(entry))) {
             orphans.push_back(Orphan{pid, entry.m_startTime});
         }
     }
@@ -271,6 +270,17 @@ const ProcessTable::Entry* ProcessTable::Find(int pid) const {
     return found == m_entries.end() ? nullptr : &found->second;
 }
 
+/// A parent is older than its child; a younger one merely got its pid.
+bool ProcessTable::LostParent(const Entry& entry) const {
+    const Entry* parent = Find(entry.m_parentPid);
+    return parent != nullptr && entry.m_startTime != 0 &&
+           Ticks(parent->m_startTime) > Ticks(entry.m_startTime);
+}
+
+int ProcessTable::ParentPid(const Entry& entry) const {
+    return LostParent(entry) ? kInitPid : entry.m_parentPid;
+}
+
 ProcessTable::Entry& ProcessTable::Renew(int pid, std::uint64_t startTime, int parentPid) {
     Entry& entry = m_entries[pid];
     m_parentsLeft = m_parentsLeft || entry.m_hadChildren;
@@ -320,14 +330,14 @@ bool ProcessTable::ForgetOldest() {
 
 void ProcessTable::Fill(int pid, const Entry& entry, Info& info) const {
     info.m_pid = pid;
-    info.m_ppid = entry.m_parentPid;
+    info.m_ppid = ParentPid(entry);
     info.m_startTime = entry.m_startTime;
     if (entry.m_image != nullptr) {
         info.m_name = entry.m_image->m_name;
         info.m_exePath = entry.m_image->m_exePath;
         info.m_cmdline = entry.m_image->m_cmdline;
     }
-    const Entry* parent = Find(entry.m_parentPid);
+    const Entry* parent = Find(info.m_ppid);
     if (parent != nullptr && parent->m_image != nullptr) {
         info.m_parentName = parent->m_image->m_name;
     } else {

@@ -20,7 +20,9 @@ namespace ProcessCollect {
 /// that lived for a millisecond still gets an answer.
 ///
 /// A process's parent is the one that forked it for as long as that one is in the table, ended or
-/// not; SetParent gives it the kernel's current parent afterwards.
+/// not; SetParent gives it the kernel's current parent afterwards. Where another process has got
+/// the parent's pid meanwhile, init is said to be the parent until then: so nobody is his own
+/// ancestor.
 ///
 /// Invariants: each pid has one entry at the most. Each entry of an ended process has its place in
 /// m_ended, which is in the order of the ends and never longer than the limit; a place whose pid
@@ -126,6 +128,8 @@ private:
     News ApplyExit(const ProcessEvent& event, std::int64_t now, Info& info) SDK_REQUIRES(m_mutex);
     Entry* Find(int pid) SDK_REQUIRES(m_mutex);
     const Entry* Find(int pid) const SDK_REQUIRES(m_mutex);
+    bool LostParent(const Entry& entry) const SDK_REQUIRES(m_mutex);
+    int ParentPid(const Entry& entry) const SDK_REQUIRES(m_mutex);
     Entry& Renew(int pid, std::uint64_t startTime, int parentPid) SDK_REQUIRES(m_mutex);
     void End(int pid, Entry& entry, std::int64_t now) SDK_REQUIRES(m_mutex);
     bool ForgetOldest() SDK_REQUIRES(m_mutex);

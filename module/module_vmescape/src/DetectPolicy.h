@@ -8,6 +8,7 @@
 #include <Poco/Logger.h>
 #include <json/value.h>
 
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -25,6 +26,16 @@ public:
 protected:
     /// @param name  the feature's name
     explicit DetectPolicy(const std::string& name);
+
+    /// Runs a parser; a log line that cannot be written refuses what it was about.
+    template <typename Parser>
+    static bool FalseOnException(Parser parse) {
+        try {
+            return parse();
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
 
     /// Hands each rule of a list, as JSON text, to a parser, 50 at the most.
     /// @param refused    logged, with the index, for each rule that the parser refuses

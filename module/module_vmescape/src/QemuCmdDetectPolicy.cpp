@@ -13,6 +13,14 @@ QemuCmdDetectPolicy::QemuCmdDetectPolicy(const std::string& name) : DetectPolicy
 QemuCmdDetectPolicy::~QemuCmdDetectPolicy() = default;
 
 bool QemuCmdDetectPolicy::Parse(const std::string& policyText) {
+    return FalseOnException([&] { return ParseContent(policyText); });
+}
+
+bool QemuCmdDetectPolicy::ParseMonitorRule(const std::string& ruleText) {
+    return FalseOnException([&] { return ParseRule(ruleText); });
+}
+
+bool QemuCmdDetectPolicy::ParseContent(const std::string& policyText) {
     Json::Value policy;
     if (SDK::JsonUtils::ParseJsonStr(policyText.c_str(), policyText.length(), policy) != 0) {
         SDK::LogError(m_logger, "Parse policy content failed");
@@ -39,7 +47,7 @@ bool QemuCmdDetectPolicy::Parse(const std::string& policyText) {
     return true;
 }
 
-bool QemuCmdDetectPolicy::ParseMonitorRule(const std::string& ruleText) {
+bool QemuCmdDetectPolicy::ParseRule(const std::string& ruleText) {
     Json::Value rule;
     if (SDK::JsonUtils::ParseJsonStr(ruleText.c_str(), ruleText.length(), rule) != 0) {
         SDK::LogError(m_logger, "Parse monitor rule in policy content failed");

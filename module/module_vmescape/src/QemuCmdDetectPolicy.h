@@ -47,6 +47,9 @@ public:
                           const std::string& cmdName, const std::string& cmdPath) const;
 
 private:
+    bool ParseContent(const std::string& policyText);
+    bool ParseRule(const std::string& ruleText);
+
     std::map<std::string, AccessRule> m_monitorRules;
 };
 

@@ -12,7 +12,6 @@
 #include <ctime>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -144,11 +143,6 @@ protected:
     Poco::Logger* m_logger;
 
 private:
-    struct AskedFile {
-        std::string m_path;
-        bool m_isFile;
-    };
-
     static void KeepShare(const char* file = __builtin_FILE(), int line = __builtin_LINE());
     void CheckEvents(std::vector<std::shared_ptr<Framework::Message>>& messages);
     bool CheckEvent(const FileNotifyMessage& message);
@@ -158,13 +152,6 @@ private:
                            int pid, const std::string& filePath,
                            const std::string& fileAction) const;
     void ForgetProcessesAndAlarms();
-
-    /// Whether there is a regular file. Within a batch it is asked once for the events of a path
-    /// that follow each other: the opening of a file and its closing come together, and looking
-    /// up the path is half of what an event costs.
-    bool IsFile(const std::string& path);
-
-    std::optional<AskedFile> m_lastAsked;  ///< only while a batch is judged
 };
 
 }  // namespace Engine

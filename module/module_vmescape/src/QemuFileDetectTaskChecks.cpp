@@ -21,7 +21,6 @@ constexpr std::array<const char*, 3> kIgnored = {"/etc/system-fips", "/usr/share
 void QemuFileDetectTask::CheckSensitiveFile(
     std::vector<std::shared_ptr<Framework::Message>>& messages) {
     SDK::LogDebug(m_logger, "MsgVector size is %lu in CheckSensitiveFile", messages.size());
-    m_lastAsked = AskedFile{"", false};
     for (const std::shared_ptr<Framework::Message>& message : messages) {
         if (message == nullptr) {
             SDK::LogError(m_logger,
@@ -40,7 +39,6 @@ void QemuFileDetectTask::CheckSensitiveFile(
             CheckEvent(*event);
         }
     }
-    m_lastAsked.reset();
 }
 
 int QemuFileDetectTask::FileNotifyMessageAction(FileNotifyMessage* message) {
@@ -92,7 +90,7 @@ bool QemuFileDetectTask::CheckProcessAccessSensitiveFile(int pid, const std::str
 }
 
 bool QemuFileDetectTask::QuickFilterFile(std::string filePath) {
-    if (!IsFile(filePath)) {
+    if (!SDK::FileUtils::IsFile(filePath)) {
         SDK::LogDebug(m_logger, "filePath:(%s) is not a file", filePath);
         return true;
     }
@@ -105,16 +103,6 @@ bool QemuFileDetectTask::QuickFilterFile(std::string filePath) {
         }
     }
     return false;
-}
-
-bool QemuFileDetectTask::IsFile(const std::string& path) {
-    if (!m_lastAsked) {
-        return SDK::FileUtils::IsFile(path);
-    }
-    if (m_lastAsked->m_path != path) {
-        *m_lastAsked = {path, SDK::FileUtils::IsFile(path)};
-    }
-    return m_lastAsked->m_isFile;
 }
 
 bool QemuFileDetectTask::IsMonitorProcess(const std::string& processName) {

@@ -88,7 +88,12 @@ bool QemuFileDetectTask::CheckParentProcessIsInMonitorList(int ppid, std::string
 
 bool QemuFileDetectTask::FindMonitoredAncestor(int pid, int& ancestor, std::string& name) {
     SDK::ProcessUtils::procStatus status;
-    for (int current = pid;; current = status.m_ppid) {
+    // Pids that are used again while we go up can lead round in a circle. Whoever comes by the mark
+    // again is in one; it moves on at 1, 2, 4, ... steps, so it gets into every circle.
+    int mark = 0;
+    int current = pid;
+    for (unsigned int step = 1; current != mark; ++step, current = status.m_ppid) {
+        mark = (step & (step - 1)) == 0 ? current : mark;
         KeepShare();
         if (current < kInitPid) {
             SDK::LogDebug(m_logger, "Pid(%d) is filter.", current);
@@ -107,6 +112,7 @@ bool QemuFileDetectTask::FindMonitoredAncestor(int pid, int& ancestor, std::stri
             return false;
         }
     }
+    return false;
 }
 
 std::string QemuFileDetectTask::KeepCmdline(int pid, const std::string& name) {

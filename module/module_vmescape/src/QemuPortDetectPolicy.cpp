@@ -3,24 +3,9 @@
 #include "QemuPortDetectTaskPolicy.h"
 #include "sdk/JsonUtils.h"
 
-#include <exception>
 #include <utility>
 
 namespace Engine {
-
-namespace {
-
-/// Runs a parser; a log line that cannot be written refuses what it was about.
-template <typename Parser>
-bool FalseOnException(Parser parse) {
-    try {
-        return parse();
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
-}  // namespace
 
 QemuPortDetectPolicy::QemuPortDetectPolicy(const std::string& name) : DetectPolicy(name) {}
 

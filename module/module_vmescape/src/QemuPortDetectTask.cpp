@@ -57,7 +57,9 @@ int QemuPortDetectTask::Run() {
     std::int64_t lastCleaning = SDK::TimeUtils::GetCurrentTimestampS();
     while (state() != TASK_CANCELLING) {
         KeepCpuShare(g_lastTick, __FILE__, __LINE__, kTaskName);
-        ExamineSockets();
+        // Kept until the cycle has ended, as the processes in it are shared.
+        SocketTable table;
+        ExamineSockets(table);
         CleanWhenDue(lastCleaning);
         SleepOneCycle();
     }
@@ -65,7 +67,7 @@ int QemuPortDetectTask::Run() {
     return 0;
 }
 
-void QemuPortDetectTask::ExamineSockets() {
+void QemuPortDetectTask::ExamineSockets(SocketTable& table) {
     // Looked up each time: the collector may come and go.
     Framework::Engine* engine = Framework::Engine::Current();
     Framework::Task* task = engine == nullptr ? nullptr : engine->FindTask("netproc_full_task");
@@ -73,7 +75,6 @@ void QemuPortDetectTask::ExamineSockets() {
     if (collector == nullptr) {
         return;
     }
-    SocketTable table;
     collector->GetNetCacheMap(table);
     CheckAbnormalNetPort(table);
 }
@@ -87,8 +88,11 @@ void QemuPortDetectTask::CleanWhenDue(std::int64_t& lastCleaning) {
 }
 
 void QemuPortDetectTask::SleepOneCycle() {
-    for (int i = 0; i < kSleepPieces && state() != TASK_CANCELLING; ++i) {
+    for (int i = 0; i < kSleepPieces; ++i) {
         ::usleep(kSleepPieceUs);
+        if (state() == TASK_CANCELLING) {
+            return;
+        }
     }
 }
 

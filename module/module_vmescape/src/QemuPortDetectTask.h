@@ -90,7 +90,7 @@ protected:
     Poco::Logger* m_logger;
 
 private:
-    void ExamineSockets();
+    void ExamineSockets(SocketTable& table);
     void CleanWhenDue(std::int64_t& lastCleaning);
     void SleepOneCycle();
     std::string BuildAlarm(const std::string& processName, int pid, const std::string& abnormalPort,

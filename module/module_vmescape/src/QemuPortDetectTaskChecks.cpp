@@ -92,7 +92,7 @@ bool QemuPortDetectTask::FilterVncPort(const std::string& /*processName*/,
         return false;
     }
     // Reads as far as there are digits; no digits are display 0.
-    return std::strtol(pieces[1].c_str(), nullptr, kDecimal) + kVncBasePort == port;
+    return std::strtol(pieces[1].c_str(), nullptr, kDecimal) == long{port} - kVncBasePort;
 }
 
 bool QemuPortDetectTask::IsMonitorProcess(const std::string& processName) {

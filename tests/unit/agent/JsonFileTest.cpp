@@ -41,6 +41,16 @@ TEST_F(JsonFile, IsReadWhole) {
     EXPECT_TRUE(problems.empty());
 }
 
+TEST_F(JsonFile, InAnotherEncodingIsRefusedWithTheLineOfTheByte) {
+    EXPECT_EQ(Complaint("{\n\"a\": \"caf\xe9\"}"),
+              "expected text in UTF-8, found the byte 0xe9 in line 2");
+    EXPECT_EQ(Complaint("{\"a\":\"\xc3\"}"),
+              "expected text in UTF-8, found the byte 0xc3 in line 1");
+    Json::Value object;
+    std::vector<Problem> problems;
+    EXPECT_TRUE(Agent::ParseObject("f", "{\"a\":\"caf\xc3\xa9 \xe6\xbc\xa2\"}", object, problems));
+}
+
 TEST_F(JsonFile, ThatIsMissingIsAProblemWithItsReason) {
     EXPECT_EQ(ReadComplaint(m_folder / "f"), "cannot be read: No such file or directory");
 }

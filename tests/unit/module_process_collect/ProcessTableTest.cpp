@@ -274,6 +274,22 @@ TEST_F(ProcessTableTest, AYoungerProcessWithTheParentsPidIsNoParent) {
     EXPECT_EQ(orphans[0].m_pid, 11);
 }
 
+TEST_F(ProcessTableTest, NobodyIsHisOwnAncestorWhenAPidIsUsedAgain) {
+    Exec(1, 0, Tick(0) + 1, "/sbin/init");
+    Exec(10, 1, Tick(1), "/bin/sh");
+    Fork(11, 10, Tick(2));
+    Exit(10, Tick(1));
+    // The child's child gets the pid of its grandparent.
+    Fork(10, 11, Tick(9));
+    EXPECT_EQ(m_info.m_ppid, 11);
+    EXPECT_EQ(Look(10).m_status.m_ppid, 11);
+    EXPECT_EQ(Look(11).m_status.m_ppid, 1);
+    Exit(11);
+    EXPECT_EQ(m_info.m_ppid, 1);
+    EXPECT_EQ(m_info.m_parentName, "init");
+    EXPECT_EQ(Look(11).m_status.m_ppid, 1) << "also when it has ended";
+}
+
 TEST_F(ProcessTableTest, AnOrphanThatWasReplacedMeanwhileKeepsItsOwnParent) {
     Fork(11, 10, Tick(2));
     m_table.SetParent({11, Tick(1)}, 99);

@@ -100,6 +100,26 @@ TEST_F(WithoutMemory, APortPolicyIsParsedOrNot) {
     EXPECT_GT(ParseFailing<Engine::QemuPortDetectPolicy>("qemu_port_detect_feature", text), 20);
 }
 
+TEST_F(WithoutMemory, AMessageIsReceivedLaterRatherThanNever) {
+    OpenCmdTaskPtr task = new OpenCmdTask;
+    const auto message = std::make_shared<Framework::Message>("any");
+    int sent = 1;
+    int received = 0;
+    task->GetInbox()->Send(message);
+    const auto receive = [&] {
+        std::vector<std::shared_ptr<Framework::Message>> messages;
+        received += task->BulkRecvMsg(messages, 128);
+    };
+    EXPECT_GT(FailEachAllocation(receive,
+                                 [&] {
+                                     task->GetInbox()->Send(message);
+                                     ++sent;
+                                     receive();
+                                 }),
+              0);
+    EXPECT_EQ(received, sent);
+}
+
 TEST_F(WithoutMemory, AnAlarmOfACommandIsSentWholeOrNotAtAll) {
     OpenCmdTaskPtr task = new OpenCmdTask;
     task->Use({DENY_RULE});

@@ -1,9 +1,11 @@
 #include "QemuCmdDetectPolicy.h"
 
 #include "QemuCmdDetectTaskPolicy.h"
+#include "support/BrokenChannel.h"
 #include "support/CapturedLog.h"
 #include "support/ScriptedTasks.h"
 
+#include <Poco/Logger.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -91,6 +93,22 @@ TEST_F(QemuCmdDetectPolicyTest, AnEmptyMonitorListClearsTheOldRulesAndIsRefusedW
     EXPECT_TRUE(m_log.Lines().empty());
 }
 
+TEST_F(QemuCmdDetectPolicyTest, TheOldRulesAreGoneWhateverTheNewOnesAreWorth) {
+    ASSERT_TRUE(Parse({Rule("old")}));
+    ASSERT_TRUE(Parse({Rule("new")}));
+    EXPECT_FALSE(m_policy.IsMonitorProcess("old"));
+    EXPECT_FALSE(Parse({Rule("")}));
+    EXPECT_FALSE(m_policy.IsMonitorProcess("new"));
+}
+
+TEST_F(QemuCmdDetectPolicyTest, OnlyAPolicyWithARuleHasATaskPolicy) {
+    EXPECT_FALSE(Parse({}));
+    EXPECT_FALSE(Parse({"{}"}));
+    EXPECT_EQ(m_policy.Find("qemu_cmd_detect_task"), nullptr);
+    EXPECT_TRUE(Parse({Rule("qemu")}));
+    EXPECT_NE(m_policy.Find("qemu_cmd_detect_task"), nullptr);
+}
+
 TEST_F(QemuCmdDetectPolicyTest, FiftyRulesAreAllStored) {
     EXPECT_TRUE(Parse(ManyRules(50)));
     EXPECT_TRUE(m_policy.IsMonitorProcess("qemu-49"));
@@ -104,6 +122,32 @@ TEST_F(QemuCmdDetectPolicyTest, FiftyFirstRuleIsIgnoredAndLoggedOnce) {
     EXPECT_EQ(m_log.Texts(kError),
               Strings{"The monitoring list(ArrayIndex=50) exceeds the specification(50) during "
                       "policy parsing"});
+}
+
+TEST_F(QemuCmdDetectPolicyTest, WrongAndRepeatedRulesCountAmongTheFifty) {
+    Strings rules(50, Rule("qemu"));
+    rules[0] = "{}";
+    rules.push_back(Rule("late"));
+    EXPECT_TRUE(Parse(rules));
+    EXPECT_FALSE(m_policy.IsMonitorProcess("late"));
+    EXPECT_EQ(m_log.Texts(kError),
+              (Strings{"Parse monitor cmdlist(ArrayIndex=0) in policy content failed",
+                       "The monitoring list(ArrayIndex=50) exceeds the specification(50) during "
+                       "policy parsing"}));
+}
+
+TEST_F(QemuCmdDetectPolicyTest, RepeatedCommandsCountAmongTheHundred) {
+    std::string list = R"("action":false,"cmdlist":[)";
+    for (int i = 0; i < 100; ++i) {
+        list += R"("same",)";
+    }
+    ASSERT_TRUE(Parse({Rule("qemu", list + R"("late"])")}));
+    EXPECT_TRUE(Matches("same"));
+    EXPECT_FALSE(Matches("late"));
+    EXPECT_EQ(m_log.Texts(kError),
+              Strings{"The cmd list(ArrayIndex=100) exceeds the specification(100) during policy "
+                      "parsing."});
+    EXPECT_TRUE(Parse({Rule("qemu", list + "[]]")})) << "what comes after them is not looked at";
 }
 
 TEST_F(QemuCmdDetectPolicyTest, AHundredCommandsAreAllStored) {
@@ -128,10 +172,21 @@ TEST_F(QemuCmdDetectPolicyTest, AWrongRuleIsSkippedAndLoggedWithItsPlace) {
               Strings{"Parse monitor cmdlist(ArrayIndex=0) in policy content failed"});
 }
 
+TEST_F(QemuCmdDetectPolicyTest, AWrongRuleAfterAGoodOneDoesNotUndoIt) {
+    EXPECT_TRUE(Parse({Rule("qemu"), "{}"}));
+    EXPECT_TRUE(m_policy.IsMonitorProcess("qemu"));
+    EXPECT_EQ(m_log.Texts(kError),
+              Strings{"Parse monitor cmdlist(ArrayIndex=1) in policy content failed"});
+    EXPECT_NE(m_policy.Find("qemu_cmd_detect_task"), nullptr);
+}
+
 TEST_F(QemuCmdDetectPolicyTest, OnlyWrongRulesRefuseThePolicy) {
     EXPECT_FALSE(Parse({R"({"virtcmd":"","cmdlist":[]})", "3", "null", R"({"virtcmd":5})"}));
-    EXPECT_EQ(m_log.Count(kError, "Parse monitor cmdlist(ArrayIndex=3) in policy content failed"),
-              1U);
+    EXPECT_EQ(m_log.Texts(kError),
+              (Strings{"Parse monitor cmdlist(ArrayIndex=0) in policy content failed",
+                       "Parse monitor cmdlist(ArrayIndex=1) in policy content failed",
+                       "Parse monitor cmdlist(ArrayIndex=2) in policy content failed",
+                       "Parse monitor cmdlist(ArrayIndex=3) in policy content failed"}));
 }
 
 TEST_F(QemuCmdDetectPolicyTest, ARuleWithoutCommandListIsRefusedWithItsOddLine) {
@@ -149,7 +204,9 @@ TEST_F(QemuCmdDetectPolicyTest, ARuleThatIsNotJsonIsRefused) {
 }
 
 TEST_F(QemuCmdDetectPolicyTest, ARuleWithoutProgramIsRefusedWithoutALine) {
-    EXPECT_FALSE(m_policy.ParseMonitorRule(R"({"virtcmd":"","cmdlist":[]})"));
+    for (const char* rule : {R"({"virtcmd":"","cmdlist":[]})", "{}", "3", R"({"cmdlist":"sh"})"}) {
+        EXPECT_FALSE(m_policy.ParseMonitorRule(rule)) << rule;
+    }
     EXPECT_TRUE(m_log.Lines().empty());
 }
 
@@ -165,12 +222,25 @@ TEST_F(QemuCmdDetectPolicyTest, ANumberInTheCommandListCountsAsItsText) {
     EXPECT_TRUE(Matches("7"));
 }
 
+TEST_F(QemuCmdDetectPolicyTest, NullAndTrueInTheCommandListCountAsTheirTexts) {
+    ASSERT_TRUE(Parse({Rule("qemu", R"("action":false,"cmdlist":[null,true])")}));
+    EXPECT_TRUE(Matches("true", "/x"));
+    EXPECT_TRUE(Matches("", ""));
+    EXPECT_FALSE(Matches("x", "/x"));
+}
+
 TEST_F(QemuCmdDetectPolicyTest, TheFirstRuleOfAProgramWins) {
     ASSERT_TRUE(Parse({Rule("qemu", R"("action":false,"cmdlist":["first"])"),
                        Rule("qemu", R"("action":false,"cmdlist":["second"])")}));
     EXPECT_TRUE(Matches("first"));
     EXPECT_FALSE(Matches("second"));
     EXPECT_TRUE(m_log.Texts(kError).empty());
+}
+
+TEST_F(QemuCmdDetectPolicyTest, ADroppedRuleIsLoggedWithItsOwnAction) {
+    EXPECT_TRUE(Parse({Rule("qemu", R"("action":false,"cmdlist":[])"), Rule("qemu")}));
+    EXPECT_EQ(m_log.Texts(kDebug), (Strings{"Insert monitor rule(virtcmd:qemu,action:0)",
+                                            "Insert monitor rule(virtcmd:qemu,action:1)"}));
 }
 
 TEST_F(QemuCmdDetectPolicyTest, EachStoredRuleIsLogged) {
@@ -263,6 +333,30 @@ TEST_F(QemuCmdDetectPolicyTest, ItsRunConditionNeverDecidesAboutTheFeature) {
     EXPECT_TRUE(m_policy.Parse(
         R"({"content":{"monitor_list":[{"virtcmd":"q","cmdlist":[]}],"qemu_cmd_detect_task":"{\"task_condition\":\"bad\"}"}})"));
     EXPECT_TRUE(m_log.Texts(kError).empty());
+}
+
+TEST_F(QemuCmdDetectPolicyTest, AConditionThatIsNoTextCountsAsNone) {
+    for (const char* condition : {"{}", "[]", "7", "null"}) {
+        QemuCmdDetectPolicy policy("qemu_cmd_detect_feature");
+        EXPECT_TRUE(policy.Parse(R"({"content":{"monitor_list":[{"virtcmd":"q","cmdlist":[]}],)"
+                                 R"("qemu_cmd_detect_task":)" +
+                                 std::string(condition) + "}}"));
+        EXPECT_NE(policy.Find("qemu_cmd_detect_task"), nullptr) << condition;
+    }
+    EXPECT_TRUE(m_log.Texts(kError).empty());
+}
+
+TEST(QemuCmdDetectPolicyLog, ThatCannotBeWrittenRefusesWhatItWasAbout) {
+    QemuCmdDetectPolicy policy("qemu_cmd_detect_feature");
+    {
+        const CapturedLog log;
+        Poco::Logger::setChannel("", new TestSupport::BrokenChannel);
+        EXPECT_FALSE(policy.Parse("no json"));
+        EXPECT_FALSE(policy.ParseMonitorRule("{"));
+        EXPECT_FALSE(policy.Parse(CommandPolicy({Rule("")})));
+        EXPECT_FALSE(policy.Parse(CommandPolicy({Rule("qemu")}))) << "the debug line throws too";
+    }
+    EXPECT_TRUE(policy.Parse(CommandPolicy({Rule("qemu")})));
 }
 
 TEST(QemuCmdDetectTaskPolicy, IgnoresTheConditionOfATextThatParses) {

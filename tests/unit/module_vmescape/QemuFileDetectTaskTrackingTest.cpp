@@ -156,6 +156,27 @@ TEST_F(FileTracking, EndsAtAShell) {
     }
 }
 
+TEST_F(FileTracking, GoesUpHoweverFarTheMachineIs) {
+    m_processes.Add(1000, "qemu-kvm", 1);
+    for (int pid = 1001; pid <= 1300; ++pid) {
+        m_processes.Add(pid, "tool", pid - 1);
+    }
+    EXPECT_TRUE(CheckParent(1300));
+}
+
+TEST_F(FileTracking, EndsWhenPidsThatAreUsedAgainLeadRoundInACircle) {
+    m_processes.Add(500, "a", 600);
+    m_processes.Add(600, "b", 500);
+    m_processes.Add(700, "c", 701);
+    m_processes.Add(701, "d", 702);
+    m_processes.Add(702, "e", 500);
+    m_processes.Add(800, "f", 800);
+    for (const int pid : {500, 600, 700, 800}) {
+        EXPECT_FALSE(CheckParent(pid)) << pid;
+    }
+    EXPECT_TRUE(m_task->m_monitorPidMap.empty());
+}
+
 TEST_F(FileTracking, LooksAtTheNameBeforeTheStop) {
     m_task->Use(R"({"content":{"senstive_dirs":[],"monitor_list":[)"
                 R"({"virtmonitor":"sh","filelist":[]}]}})");

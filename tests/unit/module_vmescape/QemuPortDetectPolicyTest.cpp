@@ -1,6 +1,7 @@
 #include "QemuPortDetectPolicy.h"
 
 #include "QemuPortDetectTaskPolicy.h"
+#include "support/BrokenChannel.h"
 #include "support/CapturedLog.h"
 #include "support/ScriptedTasks.h"
 #include "support/VirtualSlot.h"
@@ -227,17 +228,11 @@ TEST(QemuPortDetectPolicySlots, AreThoseOfItsBases) {
     EXPECT_EQ(TestSupport::VirtualSlot(&QemuPortDetectPolicy::PolicyChanged), 4U);
 }
 
-/// A log that cannot be written.
-class BrokenChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& /*message*/) override { throw Poco::WriteFileException("full"); }
-};
-
 TEST(QemuPortDetectPolicyLog, ThatCannotBeWrittenRefusesWhatItWasAbout) {
     QemuPortDetectPolicy policy("qemu_port_detect_feature");
     {
         const CapturedLog log;
-        Poco::Logger::setChannel("", new BrokenChannel);
+        Poco::Logger::setChannel("", new TestSupport::BrokenChannel);
         EXPECT_FALSE(policy.Parse("no json"));
         EXPECT_FALSE(policy.ParseMonitorRule(Rule("")));
         EXPECT_FALSE(policy.Parse(CommandPolicy({Rule("")})));

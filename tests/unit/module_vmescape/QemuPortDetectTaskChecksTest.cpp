@@ -156,7 +156,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Display{"-vnc :x", 5900, true}, Display{"-vnc :7x", 5907, true},
                     Display{"-vnc none", 5900, false}, Display{"-vnc 1", 5901, false},
                     Display{"-vnc unix:/run/vnc", 5900, true}, Display{"-vnc [::1]:6", 5906, false},
-                    Display{"-S", 5900, false}),
+                    Display{"-S", 5900, false}, Display{"-vnc :9223372036854775807", 5899, false},
+                    Display{"-vnc :-9223372036854775808", 5900, false}),
     NameOf);
 
 TEST_F(PortChecks, AskNobodyWithoutAPolicy) {

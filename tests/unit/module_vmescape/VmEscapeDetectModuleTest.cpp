@@ -1,11 +1,16 @@
 #include "VmEscapeDetectModule.h"
 
 #include "QemuCmdDetectPolicy.h"
+#include "QemuCmdDetectTask.h"
+#include "QemuFileDetectTask.h"
+#include "QemuPortDetectTask.h"
 #include "support/CapturedLog.h"
 #include "support/ScriptedTasks.h"
 
 #include <Poco/AutoPtr.h>
 #include <gtest/gtest.h>
+
+#include <type_traits>
 
 namespace {
 
@@ -29,6 +34,14 @@ protected:
                  Framework::Policy* current = nullptr) {
         m_policy.reset(m_module->RefreshFeaturePolicy(feature, text, current));
         return m_policy != nullptr;
+    }
+    /// The module's own lines, without those that its tasks write while they end.
+    Strings LinesOfTheModule() {
+        Strings lines = m_log.Texts(kInformation);
+        std::erase_if(lines, [](const std::string& line) {
+            return line.find("DetectTask uninit") != std::string::npos;
+        });
+        return lines;
     }
     bool IsRegistered(const std::string& task) {
         return m_agent.Engine().FindTask(task) != nullptr;
@@ -62,16 +75,60 @@ TEST_F(ModuleTest, UnInitWritesALineOnlyForTasksThatWereRegistered) {
     }
     m_log.Clear();
     m_module->UnInit();
-    Strings lines = m_log.Texts(kInformation);
-    std::erase_if(lines, [](const std::string& line) {
-        return line.find("DetectTask uninit") != std::string::npos;
-    });
-    EXPECT_EQ(lines, (Strings{"VmEscapeDetectModule UnInit start",
-                              "VmEscapeDetectModule unregister task(qemu_cmd_detect_task)",
-                              "VmEscapeDetectModule unregister task(qemu_file_detect_task)",
-                              "VmEscapeDetectModule unregister task(qemu_port_detect_task)",
-                              "VmEscapeDetectModule UnInit end"}));
+    EXPECT_EQ(LinesOfTheModule(),
+              (Strings{"VmEscapeDetectModule UnInit start",
+                       "VmEscapeDetectModule unregister task(qemu_cmd_detect_task)",
+                       "VmEscapeDetectModule unregister task(qemu_file_detect_task)",
+                       "VmEscapeDetectModule unregister task(qemu_port_detect_task)",
+                       "VmEscapeDetectModule UnInit end"}));
 }
+
+TEST_F(ModuleTest, UnInitGoesOnAfterATaskThatWasNotRegistered) {
+    for (const char* task : {"qemu_port_detect_task", "qemu_file_detect_task"}) {
+        ASSERT_TRUE(m_module->RegisterDetectTask(task));
+        m_log.Clear();
+        m_module->UnInit();
+        EXPECT_EQ(LinesOfTheModule(),
+                  (Strings{"VmEscapeDetectModule UnInit start",
+                           "VmEscapeDetectModule unregister task(" + std::string(task) + ')',
+                           "VmEscapeDetectModule UnInit end"}));
+    }
+}
+
+/// A task of somebody else's.
+class ForeignTask : public Framework::Task {
+public:
+    explicit ForeignTask(const std::string& name)
+        : Framework::Task(name, "", Framework::TaskCondition::RESIDENT_TASK, 64) {}
+};
+
+TEST_F(ModuleTest, UnInitUnregistersByNameWhoeverBearsIt) {
+    Poco::AutoPtr<ForeignTask> foreign = new ForeignTask("qemu_file_detect_task");
+    ASSERT_EQ(m_agent.Engine().RegisterTask(foreign.get(), false), 0);
+    m_module->UnInit();
+    EXPECT_FALSE(IsRegistered("qemu_file_detect_task"));
+    EXPECT_EQ(
+        m_log.Count(kInformation, "VmEscapeDetectModule unregister task(qemu_file_detect_task)"),
+        1U);
+}
+
+TEST_F(ModuleTest, UnInitEndsTheRegistrationForPolicies) {
+    m_module->Init();
+    m_module->UnInit();
+    EXPECT_EQ(m_agent.Engine().DeliverPolicy("10001", kFeature, CommandPolicy({kRule})),
+              Framework::Engine::PolicyResult::NO_RECEIVER);
+}
+
+TEST_F(ModuleTest, ANameThatIsTakenIsRefusedBeforeItIsAskedWhetherItIsKnown) {
+    EXPECT_FALSE(m_module->RegisterDetectTask("procs_real_task"));
+    EXPECT_EQ(m_log.Texts(kInformation),
+              Strings{"Task(procs_real_task) already exists and does not need to be registered."});
+}
+
+static_assert(std::is_base_of_v<Engine::AbstractMessageReceiver, Engine::QemuCmdDetectTask>);
+static_assert(std::is_base_of_v<Engine::AbstractMessageReceiver, Engine::QemuFileDetectTask>);
+static_assert(!std::is_base_of_v<Engine::AbstractMessageReceiver, Engine::QemuPortDetectTask>,
+              "it asks for what it needs, nobody sends it anything");
 
 TEST_F(ModuleTest, ItsLinesCarryItsLoggerAndTheirPlaceInTheSource) {
     m_module->Init();
@@ -124,6 +181,28 @@ TEST_F(ModuleTest, ItsTasksLiveUntilItsOwnEnd) {
     }
 }
 
+TEST_F(ModuleTest, ItsTasksEndInTheOrderCommandFilePort) {
+    Strings ended;
+    Poco::AutoPtr<VmEscapeDetectModule> module = new VmEscapeDetectModule;
+    for (const char* name :
+         {"qemu_port_detect_task", "qemu_file_detect_task", "qemu_cmd_detect_task"}) {
+        ASSERT_TRUE(module->RegisterDetectTask(name));
+        // A task gives up its policy when it ends.
+        m_agent.Engine().FindTask(name)->AttachFeaturePolicy(
+            std::shared_ptr<Framework::FeaturePolicy>(
+                new Framework::FeaturePolicy(name),
+                [&ended, name](Framework::FeaturePolicy* policy) {
+                    ended.emplace_back(name);
+                    delete policy;
+                }));
+    }
+    module->UnInit();
+    EXPECT_TRUE(ended.empty());
+    module = nullptr;
+    EXPECT_EQ(ended,
+              (Strings{"qemu_cmd_detect_task", "qemu_file_detect_task", "qemu_port_detect_task"}));
+}
+
 TEST_F(ModuleTest, UnknownTaskNamesAreRefusedSilently) {
     for (const char* task : {"QEMU_CMD_DETECT_TASK", "qemu_cmd_detect_task ", "", "other"}) {
         EXPECT_FALSE(m_module->RegisterDetectTask(task)) << task;
@@ -155,6 +234,17 @@ TEST_F(ModuleTest, AnUnknownFeatureIsRefusedSilentlyButMarksTheCurrentPolicy) {
     Framework::Policy current("x");
     EXPECT_FALSE(Refresh("other_feature", CommandPolicy({kRule}), &current));
     EXPECT_TRUE(current.m_replaced);
+    EXPECT_TRUE(m_log.Lines().empty());
+}
+
+TEST_F(ModuleTest, FeaturesAreComparedExactly) {
+    for (const char* feature :
+         {"QEMU_CMD_DETECT_FEATURE", "qemu_cmd_detect_feature ", "qemu_cmd_detect", ""}) {
+        Framework::Policy current("x");
+        EXPECT_FALSE(Refresh(feature, CommandPolicy({kRule}), &current)) << feature;
+        EXPECT_TRUE(current.m_replaced);
+    }
+    EXPECT_FALSE(IsRegistered(kTask));
     EXPECT_TRUE(m_log.Lines().empty());
 }
 
@@ -203,6 +293,12 @@ TEST_F(ModuleTest, ADisabledPolicyIsReturnedAndStopsTheTask) {
     ASSERT_TRUE(Refresh(kFeature, CommandPolicy({kRule}, false)));
     EXPECT_FALSE(IsRegistered(kTask));
     EXPECT_FALSE(dynamic_cast<Framework::FeaturePolicy&>(*m_policy).m_enabled);
+    Strings lines = LinesOfTheModule();
+    lines.erase(lines.begin(), lines.end() - 2);
+    EXPECT_EQ(
+        lines,
+        (Strings{"VmEscapeModule parse the feature policy(name=qemu_cmd_detect_feature) success",
+                 "VmEscapeModule unregister detect task(name=qemu_cmd_detect_task)"}));
     m_log.Clear();
     ASSERT_TRUE(Refresh(kFeature, CommandPolicy({kRule}, false)));
     EXPECT_EQ(m_log.Count(kInformation,
@@ -259,6 +355,43 @@ TEST(VmEscapeDetectModuleWithoutEngine, ARefusedRegistrationIsAnErrorAndTheTaskI
     EXPECT_FALSE(module->RegisterDetectTask(kTask));
     EXPECT_EQ(log.Count(kError, "VmEscape Module register the task(qemu_cmd_detect_task) failed."),
               1U);
+}
+
+TEST(VmEscapeDetectModuleWithoutEngine, APolicyIsKeptAndItsLinesAreWrittenAllTheSame) {
+    const CapturedLog log{Poco::Message::PRIO_INFORMATION};
+    Poco::AutoPtr<VmEscapeDetectModule> module = new VmEscapeDetectModule;
+    Framework::Policy* none = nullptr;
+    const std::unique_ptr<Framework::Policy> policy(
+        module->RefreshFeaturePolicy(kFeature, CommandPolicy({kRule}), none));
+    EXPECT_NE(policy, nullptr);
+    Strings lines;
+    for (const CapturedLog::Line& line : log.Lines()) {
+        lines.push_back(line.text);
+    }
+    EXPECT_EQ(
+        lines,
+        (Strings{"VmEscapeModule parse the feature policy(name=qemu_cmd_detect_feature) success",
+                 "VmEscape Module register the task(qemu_cmd_detect_task) failed.",
+                 "VmEscapeModule register detect task(name=qemu_cmd_detect_task)"}));
+}
+
+TEST(VmEscapeDetectModuleWithoutEngine, ATaskThatWasRefusedIsRegisteredLater) {
+    Poco::AutoPtr<VmEscapeDetectModule> module = new VmEscapeDetectModule;
+    std::weak_ptr<Framework::Inbox> inbox;
+    Framework::Task* first = nullptr;
+    {
+        TestSupport::ScriptedAgent agent;
+        ASSERT_TRUE(module->RegisterDetectTask(kTask));
+        first = agent.Engine().FindTask(kTask);
+        inbox = first->GetInbox();
+        module->UnInit();
+    }
+    EXPECT_FALSE(module->RegisterDetectTask(kTask));
+    EXPECT_FALSE(inbox.expired());
+    TestSupport::ScriptedAgent agent;
+    EXPECT_TRUE(module->RegisterDetectTask(kTask));
+    EXPECT_EQ(agent.Engine().FindTask(kTask), first);
+    module->UnInit();
 }
 
 TEST(VmEscapeDetectModuleWithoutEngine, MayBeDestroyedWithoutEverHavingHadATask) {

@@ -86,6 +86,8 @@ TEST(GetVmName, ComesFromTheNamedPropertyFirst) {
     EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name vm-01 -S"), "vm-01");
     EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -S"), "Unknow");
     EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline(""), "Unknow");
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest -S"), "-S");
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest vm-01"), "vm-01");
 }
 
 TEST(GetVmName, WithAnEmptyPropertyIsWhatFollowsTheOption) {
@@ -97,6 +99,11 @@ TEST(GetVmUuid, ComesFromTheManagementToolsQueryOrTheOption) {
     EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("virsh domuuid 4711"), "4711");
     EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("qemu -uuid 12-34 -S"), "12-34");
     EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline(""), "Unknow");
+}
+
+TEST(GetVmUuid, TakesTheManagementToolsQueryFirst) {
+    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("virsh domuuid 1 -uuid 2"), "1");
+    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("-uuid 2 virsh domuuid 1"), "1");
 }
 
 TEST(GenerateAlarmCommonInfo, WritesTheFieldsThatAllAlarmsShare) {
@@ -111,6 +118,17 @@ TEST(GenerateAlarmCommonInfo, WritesTheFieldsThatAllAlarmsShare) {
         R"({"attack_phase":4,"attack_tag":2,"confidence":60,"detect_module":"vmescape_module",)"
         R"("event_category":2000,"event_count":1,"event_type":2043,"occur_time":1700000000,)"
         R"("severity":3})");
+}
+
+TEST(GenerateAlarmCommonInfo, TellsTimesBeyondTheYear2038) {
+    TestSupport::FakeClock clock;
+    clock.Set(5000000000);
+    Json::Value alarm;
+    VmEscapeUtils::GenerateAlarmCommonInfo(alarm);
+    EXPECT_EQ(alarm["occur_time"].type(), Json::intValue);
+    EXPECT_EQ(alarm["occur_time"].asInt64(), 5000000000);
+    EXPECT_NE(SDK::JsonUtils::JsonToString(alarm).find(R"("occur_time":5000000000)"),
+              std::string::npos);
 }
 
 TEST(GenerateAlarmCommonInfo, GivesEachAlarmAnIdOfItsOwn) {

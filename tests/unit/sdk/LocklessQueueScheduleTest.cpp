@@ -213,38 +213,45 @@ std::vector<Step> StepsOf(const std::function<void()>& operation) {
     return steps;
 }
 
-TEST(LocklessQueueSchedule, TheTwoSidesMeetInReleaseStoresAndAcquireLoads) {
-    Queue queue(4);
-    const std::vector<Step> enqueue = {
-        {Counter::kProdHead, Access::kLoad, std::memory_order_seq_cst},
-        {Counter::kConsTail, Access::kLoad, std::memory_order_acquire},
-        {Counter::kProdHead, Access::kExchange, std::memory_order_seq_cst},
-        {Counter::kProdTail, Access::kLoad, std::memory_order_acquire},
-        {Counter::kProdTail, Access::kStore, std::memory_order_release}};
-    const std::vector<Step> dequeue = {
-        {Counter::kConsHead, Access::kLoad, std::memory_order_seq_cst},
-        {Counter::kProdTail, Access::kLoad, std::memory_order_acquire},
-        {Counter::kConsHead, Access::kExchange, std::memory_order_seq_cst},
-        {Counter::kConsTail, Access::kLoad, std::memory_order_acquire},
-        {Counter::kConsTail, Access::kStore, std::memory_order_release}};
+using Steps = std::vector<Step>;
+
+const Steps kSharedEnqueue = {{Counter::kProdHead, Access::kLoad, std::memory_order_seq_cst},
+                              {Counter::kConsTail, Access::kLoad, std::memory_order_acquire},
+                              {Counter::kProdHead, Access::kExchange, std::memory_order_seq_cst},
+                              {Counter::kProdTail, Access::kLoad, std::memory_order_acquire},
+                              {Counter::kProdTail, Access::kStore, std::memory_order_release}};
+const Steps kSharedDequeue = {{Counter::kConsHead, Access::kLoad, std::memory_order_seq_cst},
+                              {Counter::kProdTail, Access::kLoad, std::memory_order_acquire},
+                              {Counter::kConsHead, Access::kExchange, std::memory_order_seq_cst},
+                              {Counter::kConsTail, Access::kLoad, std::memory_order_acquire},
+                              {Counter::kConsTail, Access::kStore, std::memory_order_release}};
+const Steps kSingleEnqueue = {{Counter::kProdHead, Access::kLoad, std::memory_order_seq_cst},
+                              {Counter::kConsTail, Access::kLoad, std::memory_order_acquire},
+                              {Counter::kProdHead, Access::kStore, std::memory_order_relaxed},
+                              {Counter::kProdTail, Access::kStore, std::memory_order_release}};
+const Steps kSingleDequeue = {{Counter::kConsHead, Access::kLoad, std::memory_order_seq_cst},
+                              {Counter::kProdTail, Access::kLoad, std::memory_order_acquire},
+                              {Counter::kConsHead, Access::kStore, std::memory_order_relaxed},
+                              {Counter::kConsTail, Access::kStore, std::memory_order_release}};
+
+void ExpectSteps(bool singleProducer, bool singleConsumer, const Steps& enqueue,
+                 const Steps& dequeue) {
+    Queue queue(4, singleProducer, singleConsumer);
     EXPECT_EQ(StepsOf([&queue] { queue.EnqueueBulk({1, 2}, 2); }), enqueue);
     EXPECT_EQ(StepsOf([&queue] { TakeAll(queue); }), dequeue);
 }
 
+TEST(LocklessQueueSchedule, TheTwoSidesMeetInReleaseStoresAndAcquireLoads) {
+    ExpectSteps(false, false, kSharedEnqueue, kSharedDequeue);
+}
+
 TEST(LocklessQueueSchedule, ASingleThreadSideNeitherExchangesNorWaits) {
-    Queue queue(4, true, true);
-    const std::vector<Step> enqueue = {
-        {Counter::kProdHead, Access::kLoad, std::memory_order_seq_cst},
-        {Counter::kConsTail, Access::kLoad, std::memory_order_acquire},
-        {Counter::kProdHead, Access::kStore, std::memory_order_relaxed},
-        {Counter::kProdTail, Access::kStore, std::memory_order_release}};
-    const std::vector<Step> dequeue = {
-        {Counter::kConsHead, Access::kLoad, std::memory_order_seq_cst},
-        {Counter::kProdTail, Access::kLoad, std::memory_order_acquire},
-        {Counter::kConsHead, Access::kStore, std::memory_order_relaxed},
-        {Counter::kConsTail, Access::kStore, std::memory_order_release}};
-    EXPECT_EQ(StepsOf([&queue] { queue.EnqueueBulk({1, 2}, 2); }), enqueue);
-    EXPECT_EQ(StepsOf([&queue] { TakeAll(queue); }), dequeue);
+    ExpectSteps(true, true, kSingleEnqueue, kSingleDequeue);
+}
+
+TEST(LocklessQueueSchedule, EachSideHasItsOwnFlag) {
+    ExpectSteps(true, false, kSingleEnqueue, kSharedDequeue);
+    ExpectSteps(false, true, kSharedEnqueue, kSingleDequeue);
 }
 
 TEST(LocklessQueueSchedule, AFullOrEmptyQueueIsLeftWithoutAChange) {

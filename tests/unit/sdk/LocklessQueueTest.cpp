@@ -114,6 +114,12 @@ TEST(LocklessQueue, ABulkOfZeroTakesNothing) {
     EXPECT_EQ(queue.ApproximateSize(), 2U);
 }
 
+TEST(LocklessQueue, ACountBelowZeroIsAVeryLargeOne) {
+    Queue queue(4);
+    queue.EnqueueBulk(Numbers(1, 3), 3);
+    EXPECT_EQ(Take(queue, -1), (Ints{1, 2, 3}));
+}
+
 TEST(LocklessQueue, ABulkLargerThanTheContentTakesTheContent) {
     Queue queue(4);
     queue.EnqueueBulk(Numbers(1, 3), 3);
@@ -182,6 +188,23 @@ TEST(LocklessQueue, ThatDoesNotClearKeepsItUntilTheSlotIsWrittenAgain) {
     EXPECT_FALSE(watched.expired());
     queue.Enqueue(std::make_shared<int>(2));
     EXPECT_TRUE(watched.expired());
+}
+
+TEST(LocklessQueue, ThatDoesNotClearGivesABulkAcrossTheEndOfTheSlotsInOrderAndKeepsIt) {
+    Queue queue(4, false, false, false);
+    queue.EnqueueBulk(Numbers(1, 3), 3);
+    Take(queue, 3);
+    Elements in = Numbers(4, 4);
+    const std::vector<std::weak_ptr<int>> watched(in.begin(), in.end());
+    queue.EnqueueBulk(in, 4);
+    in.clear();
+    Elements out = Numbers(9, 1);
+    EXPECT_EQ(queue.DequeueBulk(out, 4), 4);
+    EXPECT_EQ(Values(out), (Ints{9, 4, 5, 6, 7}));
+    out.clear();
+    for (const auto& element : watched) {
+        EXPECT_FALSE(element.expired());
+    }
 }
 
 TEST(LocklessQueue, ReleasesWhatItHoldsWhenItEnds) {
@@ -339,6 +362,7 @@ void Stress(int producers, int consumers, bool bulk) {
 TEST(LocklessQueueStress, OneProducerOneConsumer) { Stress(1, 1, true); }
 TEST(LocklessQueueStress, ManyProducersOneConsumerSingly) { Stress(4, 1, false); }
 TEST(LocklessQueueStress, ManyProducersOneConsumerInBulk) { Stress(4, 1, true); }
+TEST(LocklessQueueStress, OneProducerManyConsumers) { Stress(1, 4, true); }
 TEST(LocklessQueueStress, ManyProducersManyConsumers) { Stress(4, 4, true); }
 
 }  // namespace
