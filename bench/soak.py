@@ -4,14 +4,16 @@
 A mixed load for a given time: commands, accesses and ports of a monitored program and of others,
 directories that come, move and go, policies that change. After each round, when the agent is quiet, its
 memory, descriptors, threads, file marks, watches, BPF maps and programs are counted. What the last third
-of the time has more of than the second third has leaked. With --lapse the agent's clock runs faster:
-1,000 lets a week of its cleaning pass in ten minutes. Needs root.
+of the time has more of than the second third has leaked. Once the agent is stopped for a while in the midst
+of the load and has to catch up. With --lapse its clock runs faster: 1,000 lets a week of its cleaning pass
+in ten minutes. Needs root.
 """
 import argparse
 import itertools
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -21,6 +23,7 @@ from harness import MONITORED, Agent, med, resident_mb, schedstat_seconds
 
 DIRECTORIES = 200
 POLICY_EVERY = 5  # rounds
+PAUSE_AFTER = 8  # rounds
 MEMORY_SHARE = 1.05  # a twentieth, and a megabyte, is the allocator's to move in
 MEMORY_MB = 1.0
 ROUNDS_NEEDED = 9
@@ -138,7 +141,24 @@ def write_policy(agent_folder, folders):
     os.rename(path + "~", path)
 
 
-def soak(agent, load, agent_folder, seconds):
+def pause(agent, load, seconds):
+    """The load goes on while the agent stands still. Afterwards it has to see new commands again."""
+    agent.process.send_signal(signal.SIGSTOP)
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        load.round()
+    agent.process.send_signal(signal.SIGCONT)
+    agent.settle()
+    start, seen = time.monotonic(), len(agent.alarms)
+    while len(agent.alarms) == seen:
+        if time.monotonic() > start + 30:
+            sys.exit("soak: no alarm comes after the agent stood still:\n" + agent.read_log()[-4000:])
+        load.commands()
+    print(f"soak: {time.monotonic() - start:.1f} s after it stood still for {seconds} s it alarms again",
+          file=sys.stderr)
+
+
+def soak(agent, load, agent_folder, seconds, standstill):
     """The samples of all rounds. Each sees the same directories watched."""
     samples = []
     first, second, third = load.roots
@@ -150,6 +170,8 @@ def soak(agent, load, agent_folder, seconds):
             wait_for_marks(agent.process.pid, DIRECTORIES + 1)
             load.files()
             write_policy(agent_folder, [first, second])
+        if number == PAUSE_AFTER and standstill:
+            pause(agent, load, standstill)
         wait_for_marks(agent.process.pid, 2 * (DIRECTORIES + 1))
         settle(agent.process.pid)
         if agent.process.poll() is not None:
@@ -183,19 +205,20 @@ def main():
     parser.add_argument("build")
     parser.add_argument("seconds", nargs="?", type=int, default=3600)
     parser.add_argument("--lapse", type=int, default=1, metavar="FACTOR")
+    parser.add_argument("--pause", type=int, default=60, metavar="SECONDS", help="0: never")
     options = parser.parse_args()
     build = os.path.abspath(options.build)
     environment = dict(os.environ)
     if options.lapse > 1:
-        environment.update(LD_PRELOAD=os.path.join(build, "bench/libTimeLapse.so"),
-                           TIME_LAPSE=str(options.lapse))
+        environment.update(LD_PRELOAD=os.path.join(build, "bin/libMovedClock.so"),
+                           CLOCK_SPEED=str(options.lapse))
     with tempfile.TemporaryDirectory() as folder:
         load = Load(build, folder)
         agent_folder = os.path.join(folder, "agent")
         os.mkdir(agent_folder)
         agent = Agent(build, agent_folder, policies(load.roots[:2]), "information", environment)
         agent.wait_for_log(f"{2 * (DIRECTORIES + 1)} directories are watched.")
-        samples = soak(agent, load, agent_folder, options.seconds)
+        samples = soak(agent, load, agent_folder, options.seconds, options.pause)
         alarms = len(agent.alarms)
         status = agent.process.poll()
         log = agent.stop_and_read_log()

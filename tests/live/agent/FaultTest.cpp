@@ -6,9 +6,13 @@
 #include <signal.h>
 #include <sys/mount.h>
 
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -43,6 +47,64 @@ TEST_F(Fault, WhatTheKernelLostWhileTheAgentStoodStillIsSaidAndMachinesAreKnownA
     // Its start was lost: only a fresh look at all processes can tell whose child this is.
     missed.RunShell("id");
     EXPECT_EQ(VmOf(agent, "id"), "vm-missed");
+    EXPECT_EQ(agent.Stop(SIGTERM), 0);
+}
+
+/// The clock of the agents that are started while it lives, and of no one else.
+class MovableClock {
+public:
+    MovableClock() {
+        Move(0);
+        ::setenv("LD_PRELOAD", BUILD_FOLDER "/bin/libMovedClock.so", 1);
+        ::setenv("CLOCK_SHIFT", (m_folder / "shift").c_str(), 1);
+    }
+    ~MovableClock() { LeaveOthersAlone(); }
+    MovableClock(const MovableClock&) = delete;
+    MovableClock& operator=(const MovableClock&) = delete;
+
+    /// Programs that are started from now on have the host's clock.
+    static void LeaveOthersAlone() {
+        ::unsetenv("LD_PRELOAD");
+        ::unsetenv("CLOCK_SHIFT");
+    }
+
+    /// @param seconds  beside the host's clock
+    void Move(std::int64_t seconds) const {
+        // In place: the file is mapped.
+        std::fstream file(m_folder / "shift", std::ios::in | std::ios::out);
+        if (!file) {
+            file.open(m_folder / "shift", std::ios::out);
+        }
+        file.write(reinterpret_cast<const char*>(&seconds), sizeof(seconds));
+    }
+
+private:
+    TestSupport::TemporaryFolder m_folder;
+};
+
+TEST_F(Fault, AClockThatIsSetForwardAndBackCostsNoMachineAndNoAlarm) {
+    constexpr std::int64_t kDay = 86400;
+    const MovableClock clock;
+    Agent agent(BUILD_FOLDER, DenyList());
+    MovableClock::LeaveOthersAlone();
+    const Qemu early({"-name", "guest=vm-early"});
+    const Qemu later({"-name", "guest=vm-later"});
+    for (const auto& [shift, qemu, name] :
+         {std::tuple{kDay, &early, "vm-early"}, std::tuple{-kDay, &later, "vm-later"}}) {
+        clock.Move(shift);
+        // Known since before the clock was set.
+        qemu->RunShell("/usr/bin/true known " + std::string(name));
+        const Json::Value known =
+            WaitFor(agent, "system/fork", "/usr/bin/true known " + std::string(name));
+        EXPECT_EQ(Vm(known), "vm-early") << "all machines of a program go by the first one's name";
+        EXPECT_NEAR(known["occur_time"].asDouble(), static_cast<double>(::time(nullptr) + shift),
+                    60);
+        const Qemu fresh({"-name", "guest=vm-fresh"});
+        fresh.RunShell("/usr/bin/true fresh " + std::string(name));
+        EXPECT_FALSE(
+            WaitFor(agent, "system/fork", "/usr/bin/true fresh " + std::string(name)).isNull())
+            << shift;
+    }
     EXPECT_EQ(agent.Stop(SIGTERM), 0);
 }
 
