@@ -57,12 +57,17 @@ public:
 
     void GetNetCacheMap(std::map<long, NetInfoPtr>& table) override {
         const SDK::LockGuard lock(m_mutex);
-        table = m_table;
+        // Adds only, so that what a caller had in its table before is seen.
+        table.insert(m_table.begin(), m_table.end());
         ++m_reads;
     }
     void Add(long key, const NetInfoPtr& info) {
         const SDK::LockGuard lock(m_mutex);
         m_table[key] = info;
+    }
+    void Clear() {
+        const SDK::LockGuard lock(m_mutex);
+        m_table.clear();
     }
     int Reads() const { return m_reads; }
 

@@ -1,3 +1,4 @@
+#include "AskingReporter.h"
 #include "OpenFileTask.h"
 #include "sdk/JsonUtils.h"
 #include "support/CapturedLog.h"
@@ -29,6 +30,17 @@ protected:
         }
     }
     std::size_t Sent() { return m_agent.Reporter().Count(); }
+
+    /// The alarm in the last line, which has to be about a repeat.
+    Json::Value Repeated() {
+        const std::string prefix = "Repeat Alarm: ";
+        const std::string line = m_log.Lines().back().text;
+        EXPECT_EQ(line.rfind(prefix, 0), 0U) << line;
+        Json::Value alarm;
+        SDK::JsonUtils::ParseJsonStr(line.c_str() + prefix.length(),
+                                     line.length() - prefix.length(), alarm);
+        return alarm;
+    }
 
     TestSupport::ScriptedAgent m_agent;
     FakeClock m_clock;
@@ -62,6 +74,50 @@ TEST_F(FileAlarm, IsLoggedWithItsTextAndKept) {
               1U);
 }
 
+TEST_F(FileAlarm, IsKeptWithTheTimeOfItsSending) {
+    m_clock.Advance(1000);
+    Send(101);
+    ASSERT_EQ(m_task->m_fileWarnInfo.size(), 1U);
+    const auto& kept = m_task->m_fileWarnInfo[0];
+    EXPECT_EQ(kept.time, m_clock.Now());
+    EXPECT_EQ(kept.pid, 101);
+    EXPECT_EQ(kept.processName, "cat");
+    EXPECT_EQ(kept.filePath, "/etc/shadow");
+    EXPECT_EQ(kept.fileAction, "open");
+}
+
+TEST_F(FileAlarm, IsSentThenLoggedThenKept) {
+    std::size_t linesBefore = 1;
+    std::size_t keptBefore = 1;
+    m_agent.Engine().UnRegisterTask("data_comm_report_task");
+    Poco::AutoPtr<AskingReporter> reporter = new AskingReporter([&] {
+        linesBefore = m_log.Lines().size();
+        keptBefore = m_task->m_fileWarnInfo.size();
+    });
+    ASSERT_EQ(m_agent.Engine().RegisterTask(reporter, true), 0);
+    m_log.Clear();
+    Send(101);
+    EXPECT_EQ(reporter->Count(), 1U);
+    EXPECT_EQ(linesBefore, 0U);
+    EXPECT_EQ(keptBefore, 0U);
+    const auto lines = m_log.Lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text.rfind("Send Alarm: {", 0), 0U);
+    EXPECT_EQ(lines[1].text.rfind("Update Alarm Cache Info{", 0), 0U);
+}
+
+TEST_F(FileAlarm, IsLoggedAndKeptEvenWhenNobodyReports) {
+    m_agent.Engine().UnRegisterTask("data_comm_report_task");
+    m_log.Clear();
+    Send(101);
+    Send(101);
+    EXPECT_EQ(m_task->m_fileWarnInfo.size(), 1U);
+    const auto lines = m_log.Texts(kInformation);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].rfind("Send Alarm: {", 0), 0U);
+    EXPECT_EQ(lines[1].rfind("Repeat Alarm: {", 0), 0U);
+}
+
 TEST_F(FileAlarm, OfTheSameAccessIsNotSentAgain) {
     Send(101);
     Send(101);
@@ -84,6 +140,18 @@ TEST_F(FileAlarm, OfTheSameAccessBelowAnotherMachineIsARepeat) {
     Send(101);
     Send(101, "cat", "/etc/shadow", "open", "qemu-arm");
     EXPECT_EQ(Sent(), 1U);
+    EXPECT_EQ(Repeated()["forensic_info"]["monitor_process"].asString(), "qemu-arm");
+}
+
+TEST_F(FileAlarm, ThatIsARepeatIsLoggedAsItWouldHaveBeenSent) {
+    Send(101);
+    Send(101);
+    Json::Value sent = m_agent.Reporter().Alarms().front();
+    Json::Value repeated = Repeated();
+    EXPECT_NE(repeated["event_id"], sent["event_id"]) << "built anew";
+    repeated.removeMember("event_id");
+    sent.removeMember("event_id");
+    EXPECT_EQ(repeated, sent);
 }
 
 TEST_F(FileAlarm, OfAProcessWithoutANameIsNotSent) {
@@ -111,6 +179,15 @@ TEST_F(FileAlarm, CacheHoldsAThousandAndTheOldestMakesRoom) {
     EXPECT_EQ(m_task->m_fileWarnInfo.back().pid, 5001);
     EXPECT_TRUE(m_task->IsNeedSendAlarm("cat", 0, "/x", "open"));
     EXPECT_FALSE(m_task->IsNeedSendAlarm("cat", 1, "/x", "open"));
+}
+
+TEST_F(FileAlarm, ThatMadeRoomIsSentAgain) {
+    for (int pid = 1; pid <= 1001; ++pid) {
+        Send(pid);
+    }
+    Send(1);
+    EXPECT_EQ(Sent(), 1002U);
+    EXPECT_FALSE(m_log.Contains("Repeat Alarm"));
 }
 
 TEST_F(FileAlarm, CacheKeepsWhatIsThereTwice) {

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <system_error>
 
 namespace {
 
@@ -57,6 +59,17 @@ TEST_F(FileChecks, JudgeABatchInItsOrder) {
               2U);
 }
 
+TEST_F(FileChecks, AlarmABatchInItsOrder) {
+    Check({Event(100, 32, m_secret), Event(100, 1, m_secret)});
+    ASSERT_EQ(Alarms(), 2U);
+    const std::vector<Json::Value> alarms = m_agent.Reporter().Alarms();
+    EXPECT_EQ(alarms[0]["file_info"][0]["file_action"].asString(), "open");
+    EXPECT_EQ(alarms[1]["file_info"][0]["file_action"].asString(), "access");
+    for (const Json::Value& alarm : alarms) {
+        EXPECT_EQ(alarm["file_info"][0]["file_path"].asString(), m_secret);
+    }
+}
+
 /// Removes the file that it alarms.
 class RemovingFileTask : public OpenFileTask {
 public:
@@ -83,6 +96,16 @@ TEST_F(FileChecks, LogAndSkipMessagesThatAreNone) {
                        "MsgData(msgType:procs_message) is not filenotify message in "
                        "QemuFileDetectTask::CheckSensitiveFile"}));
     EXPECT_EQ(Alarms(), 1U);
+}
+
+TEST_F(FileChecks, LogAndSkipMessagesWhoseTypeIsNotExactlyThatOfFileEvents) {
+    for (const std::string type : {"filenotify2", "file", "", "Filenotify"}) {
+        m_log.Clear();
+        Check({std::make_shared<Message>(type)});
+        EXPECT_EQ(m_log.Texts(kError), Strings{"MsgData(msgType:" + type +
+                                               ") is not filenotify message in "
+                                               "QemuFileDetectTask::CheckSensitiveFile"});
+    }
 }
 
 TEST_F(FileChecks, SkipAMessageThatOnlyClaimsToBeAFileEventSilently) {
@@ -125,18 +148,45 @@ TEST_F(FileChecks, DropWhatIsNoFile) {
     EXPECT_EQ(m_processes.Lookups(), 0);
 }
 
+/// A file of the host. One that was not there is made, and removed again.
+class HostFile {
+public:
+    explicit HostFile(const std::string& path)
+        : m_path(path), m_mine(!std::filesystem::exists(path)) {
+        if (m_mine) {
+            const std::ofstream made(path);
+        }
+    }
+    ~HostFile() {
+        std::error_code ignored;
+        if (m_mine) {
+            std::filesystem::remove(m_path, ignored);
+        }
+    }
+    HostFile(const HostFile&) = delete;
+    HostFile& operator=(const HostFile&) = delete;
+
+private:
+    const std::string m_path;
+    const bool m_mine;
+};
+
 TEST_F(FileChecks, IgnoreAFileThatIsOrBeginsAnEntryOfTheirList) {
-    // "/" and its beginnings are directories, so the whole entry is what can be a file.
-    const bool mine = !std::filesystem::exists("/etc/system-fips");
-    if (mine) {
-        const std::filesystem::path file = "/etc/system-fips";
-        std::filesystem::copy_file(m_secret, file);
+    for (const std::string path :
+         {"/etc/system-fips", "/etc/system-fip", "/usr/share/qem", "/usr/pc-bios"}) {
+        if (std::filesystem::is_directory(path)) {
+            continue;  // a QEMU of this host has its data there
+        }
+        const HostFile file(path);
+        EXPECT_TRUE(m_task->QuickFilterFile(path)) << path;
+        EXPECT_EQ(Lines("filePath:(" + path + ") is ignore file"), 1U);
     }
-    EXPECT_TRUE(m_task->QuickFilterFile("/etc/system-fips"));
-    EXPECT_EQ(Lines("filePath:(/etc/system-fips) is ignore file"), 1U);
-    if (mine) {
-        std::filesystem::remove("/etc/system-fips");
-    }
+}
+
+TEST_F(FileChecks, DoNotIgnoreAFileThatOnlyBeginsAsAnEntryDoes) {
+    const HostFile file("/etc/system-fips.d");
+    EXPECT_FALSE(m_task->QuickFilterFile("/etc/system-fips.d"));
+    EXPECT_TRUE(m_log.Lines().empty());
 }
 
 TEST_F(FileChecks, DoNotIgnoreFilesBelowAnIgnoredDirectory) {
@@ -160,6 +210,19 @@ TEST_F(FileChecks, JudgeAChildByTheMachinesRuleUnderItsOwnName) {
     EXPECT_EQ(alarm["process_info"][0]["process_pid"].asInt(), 200);
     EXPECT_EQ(alarm["forensic_info"]["monitor_process"].asString(), "qemu-kvm");
     EXPECT_EQ(alarm["resource_info"]["vm_name"].asString(), "vm-01");
+    EXPECT_EQ(Lines("Process(name:cat,pid:200) access sensitive file:(" + m_secret + ") "), 1U);
+}
+
+TEST_F(FileChecks, JudgeAParentOnceKnownUnderTheNameOfTheMachine) {
+    m_processes.Add(300, "helper", 200);
+    EXPECT_TRUE(Access(300, m_secret));
+    EXPECT_TRUE(Access(200, m_secret));
+    ASSERT_EQ(Alarms(), 2U);
+    const std::vector<Json::Value> alarms = m_agent.Reporter().Alarms();
+    EXPECT_EQ(alarms[0]["process_info"][0]["process_name"].asString(), "helper");
+    EXPECT_EQ(alarms[1]["process_info"][0]["process_name"].asString(), "qemu-kvm");
+    EXPECT_EQ(alarms[1]["process_info"][0]["process_pid"].asInt(), 200);
+    EXPECT_EQ(alarms[1]["forensic_info"]["monitor_process"].asString(), "qemu-kvm");
 }
 
 TEST_F(FileChecks, SayThatAProcessBelongsToNoMachine) {
@@ -178,6 +241,17 @@ TEST_F(FileChecks, SayNothingOfAProcessWithoutAParent) {
     EXPECT_TRUE(m_log.Lines().empty());
     EXPECT_FALSE(Access(kNobody, m_secret));
     EXPECT_FALSE(m_log.Contains("is not a monitoring process"));
+}
+
+TEST_F(FileChecks, LookAtAParentThatIsTheFirstProcessOfAll) {
+    m_processes.Add(300, "daemon", 1);
+    m_processes.Add(1, "init", 0);
+    EXPECT_FALSE(Access(300, m_secret));
+    EXPECT_EQ(Lines("The process(300) that accesses the file(" + m_secret +
+                    ") is not a monitoring process."),
+              1U);
+    m_processes.Add(1, "qemu-kvm", 0);
+    EXPECT_TRUE(Access(300, m_secret));
 }
 
 TEST_F(FileChecks, AskNobodyWithoutAPolicy) {

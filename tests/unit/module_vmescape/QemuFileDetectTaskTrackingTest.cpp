@@ -32,6 +32,14 @@ protected:
         m_name.clear();
         return m_task->CheckParentProcessIsInMonitorList(ppid, m_name);
     }
+    /// From now on the first look-up alone finds a process, whichever it asks for.
+    static void AnswerOnce() {
+        SDK::ProcessUtils::SetLookup(
+            [asked = 0](int pid, SDK::ProcessUtils::procRecord& record) mutable {
+                record = {{pid, 1, "qemu-kvm"}, "qemu-kvm"};
+                return asked++ == 0;
+            });
+    }
     std::size_t Lines(const std::string& text) { return m_log.Count(kDebug, text); }
 
     TestSupport::ScriptedAgent m_agent;
@@ -83,6 +91,13 @@ TEST_F(FileTracking, SkipsAPlaceInTheListThatIsEmpty) {
     EXPECT_EQ(m_task->m_monitorPidMap.size(), 1U);
 }
 
+TEST_F(FileTracking, TakesThePidOutOfTheRecordAndNotItsPlaceInTheList) {
+    Engine::QemuFileDetectTask::ProcInfoMap procs{{1, Process(2, "qemu-kvm", "x")}};
+    m_task->UpdateMonitorProcessList(procs);
+    EXPECT_EQ(m_task->m_monitorPidMap, (Pids{{2, "qemu-kvm"}}));
+    EXPECT_EQ(Lines("MonitorProcessList add process(pid:2,name:qemu-kvm)"), 1U);
+}
+
 TEST_F(FileTracking, KnowsAProcessOfTheListWithoutALookUp) {
     m_task->m_monitorPidMap[100] = "qemu-kvm";
     EXPECT_TRUE(CheckSelf(100));
@@ -110,6 +125,38 @@ TEST_F(FileTracking, KeepsTheFirstCommandLineOfAName) {
     CheckSelf(200);
     CheckSelf(100);
     EXPECT_EQ(m_task->m_monitorCmdlineMap["qemu-kvm"], "second");
+}
+
+TEST_F(FileTracking, Keeps4096BytesOfACommandLine) {
+    m_processes.Add(100, "qemu-kvm", 1, std::string(5000, 'x'));
+    CheckSelf(100);
+    EXPECT_EQ(m_task->m_monitorCmdlineMap["qemu-kvm"], std::string(4096, 'x'));
+}
+
+TEST_F(FileTracking, Keeps4096BytesOfTheCommandLineOfAnAncestor) {
+    m_processes.Add(100, "qemu-kvm", 1, std::string(5000, 'x'));
+    m_processes.Add(300, "tool", 100);
+    CheckParent(300);
+    EXPECT_EQ(m_task->m_monitorCmdlineMap["qemu-kvm"], std::string(4096, 'x'));
+}
+
+TEST_F(FileTracking, KeepsNoCommandLineOfAProcessThatVanishesBeforeItIsRead) {
+    AnswerOnce();
+    EXPECT_TRUE(CheckSelf(kNobody));
+    EXPECT_EQ(m_task->m_monitorPidMap, (Pids{{kNobody, "qemu-kvm"}}));
+    EXPECT_TRUE(m_task->m_monitorCmdlineMap.empty());
+    EXPECT_EQ(Lines("MonitorProcessList add process(pid:8388608,name:qemu-kvm,cmdLine:) which "
+                    "isn't in full process list"),
+              1U);
+}
+
+TEST_F(FileTracking, KeepsNoCommandLineOfAnAncestorThatVanishesBeforeItIsRead) {
+    AnswerOnce();
+    EXPECT_TRUE(CheckParent(kNobody));
+    EXPECT_EQ(m_task->m_monitorPidMap, (Pids{{kNobody, "qemu-kvm"}}));
+    EXPECT_TRUE(m_task->m_monitorCmdlineMap.empty());
+    EXPECT_EQ(Lines("MonitorProcessList add parent process(pid:8388608,name:qemu-kvm,cmdLine:)"),
+              1U);
 }
 
 TEST_F(FileTracking, GivesNameAndParentOfAProcessThatIsNotMonitored) {
@@ -177,6 +224,15 @@ TEST_F(FileTracking, EndsWhenPidsThatAreUsedAgainLeadRoundInACircle) {
     EXPECT_TRUE(m_task->m_monitorPidMap.empty());
 }
 
+TEST_F(FileTracking, EndsAtAShellFurtherUp) {
+    m_processes.Add(100, "qemu-kvm", 1);
+    m_processes.Add(150, "sh", 100);
+    m_processes.Add(200, "tool", 150);
+    EXPECT_FALSE(CheckParent(200));
+    EXPECT_TRUE(m_task->m_monitorPidMap.empty());
+    EXPECT_TRUE(m_log.Lines().empty());
+}
+
 TEST_F(FileTracking, LooksAtTheNameBeforeTheStop) {
     m_task->Use(R"({"content":{"senstive_dirs":[],"monitor_list":[)"
                 R"({"virtmonitor":"sh","filelist":[]}]}})");
@@ -205,6 +261,15 @@ TEST_F(FileTracking, EndsAboveTheTop) {
     EXPECT_EQ(Lines("Pid(0) is filter."), 1U);
     EXPECT_FALSE(CheckParent(-3));
     EXPECT_EQ(Lines("Pid(-3) is filter."), 1U);
+}
+
+TEST_F(FileTracking, LooksAtTheFirstProcessOfAllWhenAskedForIt) {
+    m_processes.Add(1, "init", 0);
+    EXPECT_FALSE(CheckParent(1));
+    EXPECT_EQ(m_log.Texts(kDebug), Strings{"Pid(0) is filter."});
+    m_processes.Add(1, "qemu-kvm", 0);
+    EXPECT_TRUE(CheckParent(1));
+    EXPECT_EQ(m_task->m_monitorPidMap, (Pids{{1, "qemu-kvm"}}));
 }
 
 TEST_F(FileTracking, GoesUpWithoutALimit) {

@@ -215,6 +215,20 @@ TEST_F(QemuPortDetectPolicyTest, TheTasksPolicyIsNotMadeWhenThePolicyIsRefused) 
     EXPECT_EQ(m_policy.Find("qemu_port_detect_task"), nullptr);
 }
 
+TEST_F(QemuPortDetectPolicyTest, ItsLinesCarryTheirPlaceInTheSource) {
+    Strings rules = ManyRules(51);
+    rules[0] = Rule("");
+    rules[1] = Rule("qemu", Ports(101));
+    Parse(rules);
+    Parse({});
+    m_policy.Parse("{");
+    EXPECT_EQ(m_log.Texts(kError).size(), 5U);
+    for (const CapturedLog::Line& line : m_log.Lines()) {
+        EXPECT_EQ(line.file, "QemuPortDetectPolicy.cpp") << line.text;
+        EXPECT_GT(line.line, 0);
+    }
+}
+
 TEST(QemuPortDetectTaskPolicyTest, AConditionIsReadOnlyFromATextThatIsNotJson) {
     QemuPortDetectTaskPolicy policy("qemu_port_detect_task");
     EXPECT_FALSE(policy.Parse(R"({"task_condition":"{}"})"));

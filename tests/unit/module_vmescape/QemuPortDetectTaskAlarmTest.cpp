@@ -1,3 +1,4 @@
+#include "AskingReporter.h"
 #include "OpenPortTask.h"
 #include "sdk/JsonUtils.h"
 #include "support/CapturedLog.h"
@@ -59,6 +60,38 @@ TEST_F(PortAlarm, IsLoggedWithItsTextAndKept) {
     EXPECT_EQ(m_task->m_netWarnInfo[0].time, m_clock.Now());
 }
 
+TEST_F(PortAlarm, IsSentThenLoggedThenKept) {
+    std::size_t linesBefore = 1;
+    std::size_t keptBefore = 1;
+    m_agent.Engine().UnRegisterTask("data_comm_report_task");
+    Poco::AutoPtr<AskingReporter> reporter = new AskingReporter([&] {
+        linesBefore = m_log.Lines().size();
+        keptBefore = m_task->m_netWarnInfo.size();
+    });
+    ASSERT_EQ(m_agent.Engine().RegisterTask(reporter, true), 0);
+    m_log.Clear();
+    Send(101);
+    EXPECT_EQ(reporter->Count(), 1U);
+    EXPECT_EQ(linesBefore, 0U);
+    EXPECT_EQ(keptBefore, 0U);
+    const auto lines = m_log.Lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text.rfind("Send Alarm: {", 0), 0U);
+    EXPECT_EQ(lines[1].text.rfind("Update Alarm Cache Info{", 0), 0U);
+}
+
+TEST_F(PortAlarm, LinesCarryTheirPlaceInTheSource) {
+    Send(101);
+    Send(101);
+    Send(101, "4444", "");
+    const auto lines = m_log.Lines();
+    EXPECT_EQ(lines.size(), 4U);
+    for (const CapturedLog::Line& line : lines) {
+        EXPECT_EQ(line.file, "QemuPortDetectTaskAlarm.cpp") << line.text;
+        EXPECT_GT(line.line, 0);
+    }
+}
+
 TEST_F(PortAlarm, OfTheSameProcessAndPortIsNotSentAgain) {
     Send(101);
     Send(101);
@@ -66,6 +99,22 @@ TEST_F(PortAlarm, OfTheSameProcessAndPortIsNotSentAgain) {
     const auto lines = m_log.Texts(kInformation);
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines.back().rfind("Repeat Alarm: {", 0), 0U);
+}
+
+TEST_F(PortAlarm, ThatIsARepeatIsLoggedAsItWouldHaveBeenSent) {
+    const std::string prefix = "Repeat Alarm: ";
+    Send(101);
+    Send(101);
+    const std::string line = m_log.Lines().back().text;
+    ASSERT_EQ(line.rfind(prefix, 0), 0U) << line;
+    Json::Value repeated;
+    SDK::JsonUtils::ParseJsonStr(line.c_str() + prefix.length(), line.length() - prefix.length(),
+                                 repeated);
+    Json::Value sent = m_agent.Reporter().Alarms().front();
+    EXPECT_NE(repeated["event_id"], sent["event_id"]) << "built anew";
+    repeated.removeMember("event_id");
+    sent.removeMember("event_id");
+    EXPECT_EQ(repeated, sent);
 }
 
 TEST_F(PortAlarm, OfAnotherPidPortOrNameIsSent) {
@@ -90,10 +139,25 @@ TEST_F(PortAlarm, TakesTheNameOfTheMachineFromTheFirstArgumentOnlyWhenNulsSepara
     EXPECT_EQ(m_agent.Reporter().Alarms()[0]["resource_info"]["vm_name"].asString(), "Unknow");
 }
 
-TEST_F(PortAlarm, IsKeptEvenWhenNobodyReports) {
+TEST_F(PortAlarm, TakesNoNameOfTheMachineFromBehindANul) {
+    Send(101, "4444", "qemu-kvm", std::string("qemu-kvm\0-name vm-01", 20));
+    Send(102, "4444", "qemu-kvm", std::string("qemu-kvm -name vm-02\0-name guest=vm-01", 38));
+    const std::vector<Json::Value> alarms = m_agent.Reporter().Alarms();
+    ASSERT_EQ(alarms.size(), 2U);
+    EXPECT_EQ(alarms[0]["resource_info"]["vm_name"].asString(), "Unknow");
+    EXPECT_EQ(alarms[1]["resource_info"]["vm_name"].asString(), "vm-02");
+}
+
+TEST_F(PortAlarm, IsLoggedAndKeptEvenWhenNobodyReports) {
     m_agent.Engine().UnRegisterTask("data_comm_report_task");
+    m_log.Clear();
+    Send(101);
     Send(101);
     EXPECT_EQ(m_task->m_netWarnInfo.size(), 1U);
+    const auto lines = m_log.Texts(kInformation);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].rfind("Send Alarm: {", 0), 0U);
+    EXPECT_EQ(lines[1].rfind("Repeat Alarm: {", 0), 0U);
 }
 
 TEST_F(PortAlarm, CacheHoldsAThousandAndTheOldestMakesRoom) {
@@ -107,6 +171,15 @@ TEST_F(PortAlarm, CacheHoldsAThousandAndTheOldestMakesRoom) {
     EXPECT_EQ(m_task->m_netWarnInfo.back().pid, 5001);
     EXPECT_TRUE(m_task->IsNeedSendAlarm("qemu-kvm", 0, "1"));
     EXPECT_FALSE(m_task->IsNeedSendAlarm("qemu-kvm", 1, "1"));
+}
+
+TEST_F(PortAlarm, ThatMadeRoomIsSentAgain) {
+    for (int pid = 1; pid <= 1001; ++pid) {
+        Send(pid);
+    }
+    Send(1);
+    EXPECT_EQ(Sent(), 1002U);
+    EXPECT_FALSE(m_log.Contains("Repeat Alarm"));
 }
 
 TEST_F(PortAlarm, OlderThan299SecondsIsForgotten) {

@@ -113,6 +113,60 @@ TEST_F(PortChecks, LetAnExcusedDisplayOfTheFirstWatchedHolderEndTheMatter) {
     EXPECT_EQ(m_log.Count(kDebug, "Process(name:qemu-kvm) open vnc port(5901)"), 1U);
 }
 
+TEST_F(PortChecks, ExcuseADisplayBeforeTheyLookAtTheRule) {
+    m_task->Use({R"({"virtmonitor":"qemu-kvm","portlist":["5901"]})"});
+    Check({{1, SocketAt(5901, {Qemu(100, " -vnc :1")})}});
+    EXPECT_EQ(Alarms(), 0U);
+    EXPECT_EQ(m_log.Count(kDebug, "Process(name:qemu-kvm) open vnc port(5901)"), 1U);
+}
+
+TEST_F(PortChecks, ExcuseADisplayWhereNoPortIsAllowed) {
+    const ProcInfoPtr arm = Process(50, "qemu-arm", "qemu-arm -vnc :1");
+    Check({{1, SocketAt(5901, {arm})}});
+    EXPECT_EQ(Alarms(), 0U);
+    Check({{1, SocketAt(5902, {arm})}});
+    EXPECT_EQ(Alarms(), 1U);
+}
+
+TEST_F(PortChecks, AlarmThePidOfTheRecordAndNotItsPlaceAmongTheHolders) {
+    const NetInfoPtr info = SocketAt(4444, {});
+    info->m_processes[7] = Qemu(100);
+    Check({{1, info}});
+    ASSERT_EQ(Alarms(), 1U);
+    EXPECT_EQ(m_agent.Reporter().Alarms()[0]["process_info"][0]["process_pid"].asInt(), 100);
+}
+
+TEST_F(PortChecks, OfOneSocketSayWhetherItCameToAnAlarm) {
+    const auto check = [this](int port, std::initializer_list<ProcInfoPtr> holders) {
+        return m_task->CheckProcessAbnormalNetPort(SocketAt(port, holders)->m_processes, port, 6);
+    };
+    EXPECT_TRUE(check(4444, {Qemu()}));
+    EXPECT_TRUE(check(4444, {Qemu()})) << "a repeat too";
+    EXPECT_FALSE(check(22, {Qemu()})) << "allowed";
+    EXPECT_FALSE(check(5901, {Qemu(100, " -vnc :1")})) << "its display";
+    m_log.Clear();
+    EXPECT_FALSE(check(4444, {Other(50), Other(60)}));
+    EXPECT_FALSE(check(4444, {}));
+    EXPECT_EQ(m_log.Texts(kDebug), (Strings{"No process is found in the monitoring list.",
+                                            "No process is found in the monitoring list."}));
+    EXPECT_EQ(Alarms(), 1U);
+}
+
+TEST_F(PortChecks, CarryTheirPlaceInTheSourceInTheirLines) {
+    Check({{1, nullptr}, {2, SocketAt(5901, {nullptr, Other(50), Qemu(100, " -vnc :1")})}});
+    Check({{1, SocketAt(4444, {Other(50)})}});
+    Check(std::vector<std::shared_ptr<Message>>{nullptr});
+    m_task->AttachFeaturePolicy(nullptr);
+    std::string port;
+    m_task->IsMonitorProcess("qemu-kvm");
+    m_task->MatchMonitorRule("qemu-kvm", 1, 2, port);
+    EXPECT_EQ(m_log.Lines().size(), 10U);
+    for (const CapturedLog::Line& line : m_log.Lines()) {
+        EXPECT_EQ(line.file, "QemuPortDetectTaskChecks.cpp") << line.text;
+        EXPECT_GT(line.line, 0);
+    }
+}
+
 TEST_F(PortChecks, AreCaseSensitiveAboutNames) {
     Check({{1, SocketAt(4444, {Process(100, "QEMU-KVM", "QEMU-KVM")})}});
     EXPECT_EQ(Alarms(), 0U);
@@ -156,6 +210,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Display{"-vnc :x", 5900, true}, Display{"-vnc :7x", 5907, true},
                     Display{"-vnc none", 5900, false}, Display{"-vnc 1", 5901, false},
                     Display{"-vnc unix:/run/vnc", 5900, true}, Display{"-vnc [::1]:6", 5906, false},
+                    Display{"-vnc :-1", 5899, true}, Display{"-vnc :+1", 5901, true},
+                    Display{"-vnc :1:2", 5901, true}, Display{"-vnc :1:2", 5902, false},
+                    Display{"-vnc=:3", 5903, true}, Display{"-vnc ::", 5900, true},
                     Display{"-S", 5900, false}, Display{"-vnc :9223372036854775807", 5899, false},
                     Display{"-vnc :-9223372036854775808", 5900, false}),
     NameOf);

@@ -64,6 +64,24 @@ TEST_F(PortTask, ForgetsItsAlarmsWhenItIsTakenDown) {
               (Strings{"QemuPortDetectTask uninit start", "QemuPortDetectTask uninit finish"}));
 }
 
+TEST_F(PortTask, ForgetsItsMessagesWhenItIsTakenDown) {
+    auto message = std::make_shared<Framework::Message>("other");
+    m_task->EnqueueMsg(message);
+    ASSERT_EQ(m_task->GetInbox()->Depth(), 1U);
+    m_task->UnInit();
+    EXPECT_EQ(m_task->GetInbox()->Depth(), 0U);
+}
+
+TEST_F(PortTask, LinesCarryTheirPlaceInTheSource) {
+    m_task->Init();
+    m_task->UnInit();
+    EXPECT_EQ(m_log.Lines().size(), 4U);
+    for (const CapturedLog::Line& line : m_log.Lines()) {
+        EXPECT_EQ(line.file, "QemuPortDetectTask.cpp") << line.text;
+        EXPECT_GT(line.line, 0);
+    }
+}
+
 TEST_F(PortTask, ExaminesTheTableOfTheCollectorAtOnce) {
     Collect();
     m_collector->Add(1, SocketAt(22, {Process(100, "qemu-kvm", "qemu-kvm -name vm-01")}));
