@@ -13,14 +13,14 @@
 namespace {
 
 // What is called in place of a sleep of this thread; empty: it sleeps.
-thread_local std::function<void(useconds_t)> t_sleep;
+thread_local std::function<void(useconds_t)> g_sleep;
 
 }  // namespace
 
 /// Stands before the C library's function for the program.
 extern "C" int usleep(useconds_t microseconds) {
-    if (t_sleep) {
-        t_sleep(microseconds);
+    if (g_sleep) {
+        g_sleep(microseconds);
     } else {
         std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
     }
@@ -44,7 +44,7 @@ protected:
         m_log.Clear();
     }
     ~PortTaskCycles() override {
-        t_sleep = nullptr;
+        g_sleep = nullptr;
         m_agent.Engine().UnRegisterTask("netproc_full_task");
     }
 
@@ -56,7 +56,7 @@ protected:
         steps.emplace_back([this] { m_task->cancel(); });
         int pieces = 0;
         std::size_t step = 0;
-        t_sleep = [&, steps = std::move(steps)](useconds_t microseconds) {
+        g_sleep = [&, steps = std::move(steps)](useconds_t microseconds) {
             EXPECT_EQ(microseconds, 100000U);
             if (++pieces == 100 && step < steps.size()) {
                 pieces = 0;
@@ -64,7 +64,7 @@ protected:
             }
         };
         m_task->Run();
-        t_sleep = nullptr;
+        g_sleep = nullptr;
     }
     std::size_t Cleaned() {
         return m_log.Count(kDebug, "Clean net warned information in alarm cache");
