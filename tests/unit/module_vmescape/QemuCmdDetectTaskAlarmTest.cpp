@@ -72,6 +72,33 @@ TEST_F(CmdAlarm, OfTheSamePairIsNotSentAgain) {
     EXPECT_EQ(lines.back().rfind("Repeat Alarm: {", 0), 0U);
 }
 
+TEST_F(CmdAlarm, OfTheSamePairWithAnotherCommandLineIsNotSentAgain) {
+    for (const char* cmdline : {"wget a", "wget b"}) {
+        m_task->SendAlarm(Process(101, "wget", cmdline, 100, "qemu-kvm"), "qemu-kvm", "shell");
+    }
+    EXPECT_EQ(Sent(), 1U);
+    const auto lines = m_log.Texts(kInformation);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines.back().rfind("Repeat Alarm: {", 0), 0U);
+}
+
+TEST_F(CmdAlarm, ARepeatIsLoggedWithItsText) {
+    FakeClock clock;
+    Send(101);
+    Send(101);
+    const std::string prefix = "Repeat Alarm: ";
+    const std::string line = m_log.Texts(kInformation).back();
+    ASSERT_EQ(line.rfind(prefix, 0), 0U);
+    Json::Value repeated;
+    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(line.c_str() + prefix.size(),
+                                           line.size() - prefix.size(), repeated),
+              0);
+    Json::Value first = m_agent.Reporter().Alarms().front();
+    first.removeMember("event_id");  // differs every time
+    repeated.removeMember("event_id");
+    EXPECT_EQ(repeated, first);
+}
+
 TEST_F(CmdAlarm, OfAnotherPairIsSent) {
     Send(101);
     Send(102);
@@ -90,6 +117,29 @@ TEST_F(CmdAlarm, ARepeatDoesNotProlongItsEntry) {
     EXPECT_EQ(m_task->m_cmdWarnInfo.front().warnTime, before);
 }
 
+TEST_F(CmdAlarm, IsCachedWithAllItsFields) {
+    FakeClock clock;
+    m_task->UpdateAlarmCache("p", 1, "c", 2, "line");
+    ASSERT_EQ(m_task->m_cmdWarnInfo.size(), 1U);
+    const auto& sent = m_task->m_cmdWarnInfo.front();
+    EXPECT_EQ(sent.warnTime, clock.Now());
+    EXPECT_EQ(sent.ppid, 1);
+    EXPECT_EQ(sent.pid, 2);
+    EXPECT_EQ(sent.parentName, "p");
+    EXPECT_EQ(sent.procName, "c");
+    EXPECT_EQ(sent.cmdline, "line");
+}
+
+TEST_F(CmdAlarm, NamesTheMonitoredProgramAndItsMachineAlsoWhenTheParentIsAnother) {
+    m_task->SendAlarm(Process(102, "wget", "wget x", 101, "sh"), "qemu-kvm", "shell");
+    ASSERT_EQ(Sent(), 1U);
+    const Json::Value alarm = m_agent.Reporter().Alarms().front();
+    EXPECT_EQ(alarm["resource_info"]["vm_name"], "vm-01");
+    EXPECT_EQ(alarm["forensic_info"]["monitor_process"], "qemu-kvm");
+    EXPECT_EQ(alarm["process_info"][0]["parent_process_name"], "sh");
+    EXPECT_EQ(alarm["process_info"][0]["parent_process_pid"], 101);
+}
+
 TEST_F(CmdAlarm, CarriesUnknowWhenTheProgramsCommandLineIsNotKnown) {
     m_task->m_procCmdCache.clear();
     Send(101);
@@ -102,6 +152,7 @@ TEST_F(CmdAlarm, OfAProcessWithoutNameIsNotSent) {
     EXPECT_EQ(m_log.Texts(kDebug),
               std::vector<std::string>{
                   "Send Alarm: No alarm is sent because process(pid=101) name is empty."});
+    EXPECT_TRUE(m_task->m_cmdWarnInfo.empty());
 }
 
 TEST_F(CmdAlarm, OfANullRecordIsNotSent) {
@@ -182,6 +233,28 @@ TEST_F(CmdAlarm, LeavesTheCacheAfter300Seconds) {
     EXPECT_EQ(m_log.Count(kDebug, "Clean cmd warned information in alarm cache"), 1U);
     Send(101);
     EXPECT_EQ(Sent(), 3U);
+}
+
+TEST_F(CmdAlarm, LeavesTheCacheByItsAgeWhereverItStands) {
+    FakeClock clock;
+    clock.Advance(200);
+    Send(1);
+    clock.Advance(-200);
+    Send(2);
+    Send(3);
+    clock.Advance(300);
+    m_task->CleanWarnedInfo();
+    ASSERT_EQ(m_task->m_cmdWarnInfo.size(), 1U);
+    EXPECT_EQ(m_task->m_cmdWarnInfo.front().pid, 1);
+    EXPECT_EQ(m_log.Count(kDebug, "Clean cmd warned information in alarm cache"), 2U);
+}
+
+TEST_F(CmdAlarm, FromTheFutureStaysInTheCache) {
+    FakeClock clock;
+    Send(101);
+    clock.Advance(-1000);
+    m_task->CleanWarnedInfo();
+    EXPECT_EQ(m_task->m_cmdWarnInfo.size(), 1U);
 }
 
 TEST_F(CmdAlarm, WithoutAReporterIsCachedAllTheSame) {

@@ -77,6 +77,19 @@ TEST_F(CmdChecks, AProgramBelowTmpIsForbiddenDir) {
               1U);
 }
 
+TEST_F(CmdChecks, AShellBelowTmpIsShell) {
+    m_task->m_shellList = {"/tmp/sh"};
+    EXPECT_TRUE(Child("/tmp/sh -c id"));
+    EXPECT_EQ(m_task->m_sent, (Sent{{101, "qemu-kvm", "shell"}}));
+    EXPECT_FALSE(m_log.Contains("forbidden dir"));
+}
+
+TEST_F(CmdChecks, AProgramBelowTmpUnderAnAllowListIsSystemFork) {
+    m_task->Use({ALLOW_RULE});
+    EXPECT_TRUE(Child("/tmp/x", "/tmp/x"));
+    EXPECT_EQ(m_task->m_sent, (Sent{{101, "qemu-kvm", "system/fork"}}));
+}
+
 TEST_F(CmdChecks, AnOrdinaryCommandIsNoAlarm) {
     EXPECT_FALSE(Child("id", "/usr/bin/id"));
     EXPECT_TRUE(m_task->m_sent.empty());
@@ -104,6 +117,14 @@ TEST_F(CmdChecks, AGrandchildIsJudgedByTheRuleOfTheRoot) {
 TEST_F(CmdChecks, AnUntrackedParentIsKnownByItsName) {
     EXPECT_TRUE(m_task->CheckSensitiveCmd(Process(900, "wget", "wget", 899, "qemu-kvm")));
     EXPECT_EQ(m_task->m_sent, (Sent{{900, "qemu-kvm", "system/fork"}}));
+}
+
+TEST_F(CmdChecks, ATrackedParentCountsBeforeTheRuleOfItsName) {
+    m_task->Use({DENY_RULE, R"({"virtcmd":"swtpm","action":false,"cmdlist":["curl"]})"});
+    m_task->UpdateMonitorProcessList(Process(101, "swtpm", "swtpm", 100, "qemu-kvm"));
+    EXPECT_TRUE(m_task->CheckSensitiveCmd(Process(102, "wget", "wget", 101, "swtpm")));
+    EXPECT_FALSE(m_task->CheckSensitiveCmd(Process(103, "curl", "curl", 101, "swtpm")));
+    EXPECT_EQ(m_task->m_sent, (Sent{{102, "qemu-kvm", "system/fork"}}));
 }
 
 TEST_F(CmdChecks, AnUnrelatedProcessIsNoAlarm) {

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <fstream>
+
 namespace {
 
 using Framework::Message;
@@ -36,6 +39,18 @@ protected:
     void Stop() { m_agent.Engine().UnRegisterTask("qemu_cmd_detect_task"); }
     void Handle(Messages messages) { m_task->CheckSensitiveCmd(messages); }
     std::size_t LinesOf(const std::string& text) { return m_log.Count(kDebug, text); }
+    std::size_t Cleanings() { return LinesOf("Clean expired alarms from cache"); }
+
+    /// The running task has gone once through its loop since the call.
+    void Pass() {
+        // The line is written early in a pass: with the second one the first pass is over.
+        for (int i = 0; i < 2; ++i) {
+            const std::size_t before = LinesOf("MsgVector size is 1 in CheckSensitiveCmd");
+            m_task->GetInbox()->Send(std::make_shared<Message>("other"));
+            ASSERT_TRUE(WaitUntil(
+                [&] { return LinesOf("MsgVector size is 1 in CheckSensitiveCmd") > before; }));
+        }
+    }
 
     TestSupport::ScriptedAgent m_agent;
     CapturedLog m_log;
@@ -75,6 +90,12 @@ TEST_F(CmdTask, UnregistersInThisOrderAndForgetsEverything) {
               (Strings{"QemuCmdDetectTask uninit start", "QemuCmdDetectTask uninit finish"}));
 }
 
+TEST_F(CmdTask, LeavesNoMessageWaitingAtItsEnd) {
+    m_task->GetInbox()->Send(Started(Process(100, "qemu-kvm", "x")));
+    m_task->UnInit();
+    EXPECT_EQ(m_task->GetInbox()->Depth(), 0U);
+}
+
 TEST_F(CmdTask, AStartIsTrackedAndJudged) {
     Handle({Started(Process(100, "qemu-kvm", "qemu-kvm -name vm-01")),
             Event(1, 101, Process(101, "wget", "wget", 100, "qemu-kvm"))});
@@ -87,6 +108,13 @@ TEST_F(CmdTask, AnExitIsRecorded) {
     Handle({Started(Process(100, "qemu-kvm", "qemu-kvm")), Exited(100)});
     EXPECT_EQ(m_task->m_exitPidMap.count(100), 1U);
     EXPECT_EQ(LinesOf("Process(100) has exited"), 1U);
+}
+
+TEST_F(CmdTask, AStartIsLoggedUnderThePidOfItsEvent) {
+    Handle({Event(2, 555, Process(101, "wget", "w", 100, "qemu-kvm"))});
+    EXPECT_EQ(LinesOf("Process(pid:555, name:wget, ppid:100) has created"), 1U);
+    m_task->ProcsMessageAction(556, 2, Process(101, "wget", "w", 100, "qemu-kvm"));
+    EXPECT_EQ(LinesOf("Process(pid:556, name:wget, cmd:w, ppid:100) has created"), 1U);
 }
 
 TEST_F(CmdTask, OtherFlagsAreIgnored) {
@@ -149,6 +177,31 @@ TEST_F(CmdTask, TheSnapshotIsTrackedFirstAndThenJudgedInPidOrder) {
     ASSERT_EQ(alarms.size(), 2U);
     EXPECT_EQ(alarms[0]["process_info"][0]["process_pid"], 101);
     EXPECT_EQ(alarms[1]["process_info"][0]["process_pid"], 102);
+}
+
+TEST_F(CmdTask, AllOfTheSnapshotIsTrackedBeforeAnyOfItIsJudged) {
+    m_agent.Full().Add(Process(50, "wget", "wget", 101, "helper"));
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    m_agent.Full().Add(Process(101, "helper", "helper", 100, "qemu-kvm"));
+    EXPECT_TRUE(m_task->ProcessFullProcessInfo());
+    const auto alarms = m_agent.Reporter().Alarms();
+    ASSERT_EQ(alarms.size(), 1U);
+    EXPECT_EQ(alarms[0]["process_info"][0]["process_pid"], 50);
+    EXPECT_EQ(alarms[0]["forensic_info"]["monitor_process"], "qemu-kvm");
+    EXPECT_EQ(alarms[0]["forensic_info"]["escape_mode"], "system/fork");
+}
+
+TEST_F(CmdTask, TheSnapshotIsJudgedWithTheShellsOfTheSystem) {
+    std::ifstream file("/etc/shells");
+    std::string shell;
+    while (std::getline(file, shell) && shell.rfind('/', 0) != 0) {
+    }
+    ASSERT_EQ(shell.rfind('/', 0), 0U) << "a shell";
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    m_agent.Full().Add(Process(101, "helper", shell + " -i", 100, "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return m_agent.Reporter().Count() == 1; }));
+    EXPECT_EQ(m_agent.Reporter().Alarms().front()["forensic_info"]["escape_mode"], "shell");
 }
 
 TEST_F(CmdTask, WithoutACollectorTheSnapshotFailsWithALine) {
@@ -220,19 +273,62 @@ TEST_F(CmdTask, CleansTheAlarmsAndThenTheExitsAfter300SecondsButNotAfter299) {
     m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
     Run();
     ASSERT_TRUE(WaitUntil([&] { return LinesOf("ProccessMap size=1") == 1; }));
-    const auto passes = [&](const std::string& text) {
-        m_task->GetInbox()->Send(std::make_shared<Message>("other"));
-        return WaitUntil([&] { return LinesOf(text) > 0; });
-    };
     clock.Advance(299);
-    ASSERT_TRUE(passes("MsgVector size is 1 in CheckSensitiveCmd"));
-    EXPECT_EQ(LinesOf("Clean expired alarms from cache"), 0U);
+    Pass();
+    EXPECT_EQ(Cleanings(), 0U);
     clock.Advance(1);
-    ASSERT_TRUE(passes("Clean expired alarms from cache"));
-    ASSERT_TRUE(WaitUntil([&] { return LinesOf("ExitList size is 0") == 1; }));
+    Pass();
+    EXPECT_EQ(Cleanings(), 1U);
+    EXPECT_EQ(LinesOf("ExitList size is 0"), 1U);
     const Strings lines = m_log.Texts(kDebug);
     EXPECT_LT(std::find(lines.begin(), lines.end(), "Clean expired alarms from cache"),
               std::find(lines.begin(), lines.end(), "ExitList size is 0"));
+}
+
+TEST_F(CmdTask, CleansAgain300SecondsAfterTheLastCleaning) {
+    FakeClock clock;
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return LinesOf("ProccessMap size=1") == 1; }));
+    clock.Advance(300);
+    Pass();
+    ASSERT_EQ(Cleanings(), 1U);
+    clock.Advance(299);
+    Pass();
+    Pass();
+    EXPECT_EQ(Cleanings(), 1U);
+    clock.Advance(1);
+    Pass();
+    EXPECT_EQ(Cleanings(), 2U);
+}
+
+TEST_F(CmdTask, TheTimeToTheFirstCleaningRunsFromTheSnapshotThatSucceeds) {
+    FakeClock clock;
+    m_agent.Engine().UnRegisterTask("procs_full_task");
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    Run();
+    const auto tries = [&] { return m_log.Count(kError, "procsTask is null"); };
+    ASSERT_TRUE(WaitUntil([&] { return tries() > 0; }));
+    clock.Advance(300);
+    // Later tries than the one that may be under way have begun at the new time.
+    const std::size_t before = tries();
+    ASSERT_TRUE(WaitUntil([&] { return tries() > before + 1; }));
+    m_agent.Engine().RegisterTask(&m_agent.Full(), true);
+    ASSERT_TRUE(WaitUntil([&] { return LinesOf("ProccessMap size=1") == 1; }));
+    Pass();
+    EXPECT_EQ(Cleanings(), 0U);
+    clock.Advance(300);
+    Pass();
+    EXPECT_EQ(Cleanings(), 1U);
+}
+
+TEST_F(CmdTask, CleansWithinASecondWhenNothingWakesIt) {
+    FakeClock clock;
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return LinesOf("ProccessMap size=1") == 1; }));
+    clock.Advance(300);
+    EXPECT_TRUE(WaitUntil([&] { return Cleanings() == 1; }));
 }
 
 TEST_F(CmdTask, ARestartedTaskBeginsWithASnapshotAndEmptyCaches) {

@@ -73,6 +73,20 @@ TEST_F(CmdTracking, TheFirstCommandLineOfAProgramStays) {
     StartQemu();
     Start(Process(110, "qemu-kvm", "qemu-kvm -name vm-02"));
     EXPECT_EQ(m_task->m_procCmdCache.at("qemu-kvm"), "qemu-kvm -name vm-01");
+    EXPECT_EQ(m_log.Count(kDebug,
+                          "m_procCmdCache insert process info(name:qemu-kvm, "
+                          "cmd:qemu-kvm -name vm-02)"),
+              1U)
+        << "logged all the same";
+}
+
+TEST_F(CmdTracking, AProgramWithARuleBelowAnotherBelongsToTheRoot) {
+    m_task->Use({DENY_RULE, R"({"virtcmd":"swtpm","action":false,"cmdlist":["curl"]})"});
+    StartQemu();
+    Start(Process(101, "swtpm", "swtpm -x", 100, "qemu-kvm"));
+    EXPECT_EQ(m_task->m_monitorPidMap.at(101), "qemu-kvm");
+    EXPECT_EQ(m_task->m_procCmdCache.count("swtpm"), 0U);
+    EXPECT_EQ(m_log.Count(kDebug, "m_monitorPidMap insert process(101,swtpm)"), 0U);
 }
 
 TEST_F(CmdTracking, ANullRecordIsLogged) {
@@ -97,6 +111,25 @@ TEST_F(CmdTracking, WithTwentyThousandTrackedANewOneIsRefusedAndLogged) {
                           "Insert process(101,sh) failed, because PidMap size has exceeded "
                           "the threshold(20000)"),
               1U);
+}
+
+TEST_F(CmdTracking, WithTwentyThousandTrackedAMonitoredProgramIsRefusedToo) {
+    StartQemu();
+    Fill(20000);
+    Start(Process(5, "qemu-kvm", "x"));
+    EXPECT_EQ(m_task->m_monitorPidMap.count(5), 0U);
+    EXPECT_EQ(m_log.Count(kDebug,
+                          "Insert process(5,qemu-kvm) failed, because PidMap size has exceeded "
+                          "the threshold(20000)"),
+              1U);
+}
+
+TEST_F(CmdTracking, WithTwentyThousandTrackedAKnownPidIsStillKnown) {
+    StartQemu();
+    Fill(20000);
+    Start(Process(100, "qemu-kvm", "x"));
+    EXPECT_EQ(m_log.Count(kDebug, "m_monitorPidMap has exist process(100,qemu-kvm)"), 1U);
+    EXPECT_FALSE(m_log.Contains("Insert process(100,qemu-kvm) failed"));
 }
 
 TEST_F(CmdTracking, ASnapshotRebuildsTheViewAndKeepsTheOtherMaps) {
@@ -148,6 +181,14 @@ TEST_F(CmdTracking, TheExitListTakesTwentyThousandAndNoMore) {
     EXPECT_EQ(m_log.Count(kDebug, "ExitPidMap is full"), 1U);
 }
 
+TEST_F(CmdTracking, AFullExitListIsLoggedForUnmonitoredProcessesToo) {
+    for (int pid = 1000; pid < 1000 + 20000; ++pid) {
+        m_task->m_exitPidMap.emplace(pid, 0);
+    }
+    EXPECT_FALSE(m_task->RecordExitProcess(999999));
+    EXPECT_EQ(m_log.Count(kDebug, "ExitPidMap is full"), 1U);
+}
+
 TEST_F(CmdTracking, WhatExited299SecondsAgoIsKept) {
     FakeClock clock;
     StartQemu();
@@ -170,6 +211,34 @@ TEST_F(CmdTracking, WhatExited300SecondsAgoIsForgottenEverywhere) {
     EXPECT_TRUE(m_task->m_procCmdCache.empty());
     EXPECT_EQ(m_log.Count(kDebug, "Process(100) that exits erased in monitor list"), 1U);
     EXPECT_EQ(m_log.Count(kDebug, "Process(100) erased in exit list"), 1U);
+}
+
+TEST_F(CmdTracking, TheExitOfADescendantForgetsTheCommandLineOfTheRoot) {
+    FakeClock clock;
+    StartQemu();
+    Start(Process(101, "sh", "sh", 100, "qemu-kvm"));
+    m_task->RecordExitProcess(101);
+    clock.Advance(300);
+    m_task->ClearExitProcess();
+    EXPECT_EQ(m_task->m_monitorPidMap, (PidMap{{100, "qemu-kvm"}}));
+    EXPECT_TRUE(m_task->m_procCmdCache.empty());
+    EXPECT_EQ(m_log.Count(kDebug, "Process(101) that exits erased in monitor list"), 1U);
+}
+
+TEST_F(CmdTracking, AYoungExitDoesNotKeepOlderOnesBehindItInTheList) {
+    FakeClock clock;
+    StartQemu();
+    Start(Process(110, "qemu-kvm", "qemu-kvm -name vm-02"));
+    m_task->RecordExitProcess(110);
+    clock.Advance(1);
+    m_task->RecordExitProcess(100);
+    clock.Advance(299);
+    m_task->ClearExitProcess();
+    EXPECT_EQ(m_task->m_monitorPidMap, (PidMap{{100, "qemu-kvm"}}));
+    EXPECT_EQ(m_task->m_exitPidMap.size(), 1U);
+    EXPECT_EQ(m_task->m_exitPidMap.count(100), 1U);
+    EXPECT_EQ(m_log.Count(kDebug, "ExitList size is 2"), 1U);
+    EXPECT_EQ(m_log.Count(kDebug, "Process(110) erased in exit list"), 1U);
 }
 
 TEST_F(CmdTracking, AnExitWhosePidIsNoLongerTrackedOnlyLeavesTheExitList) {

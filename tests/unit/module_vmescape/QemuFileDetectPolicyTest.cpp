@@ -41,6 +41,12 @@ Strings Numbers(int count) {
     return numbers;
 }
 
+Strings HundredEqualAndALast() {
+    Strings texts(100, "/same");
+    texts.emplace_back("/last");
+    return texts;
+}
+
 std::string ManyRules(int count) {
     std::string rules;
     for (int i = 0; i < count; ++i) {
@@ -109,6 +115,14 @@ TEST_F(QemuFileDetectPolicyTest, TheHundredAndFirstDirectoryIsIgnoredAndLogged) 
                       "policy parsing."});
 }
 
+TEST_F(QemuFileDetectPolicyTest, TheLimitOfDirectoriesCountsEqualOnesToo) {
+    EXPECT_TRUE(m_policy.Parse(Text(Content(Rule("qemu"), JsonList(HundredEqualAndALast())))));
+    EXPECT_EQ(Dirs(), Set{"/same"});
+    EXPECT_EQ(m_log.Texts(kError),
+              Strings{"The sensitive dirs(ArrayIndex=100) exceeds the specification(100) during "
+                      "policy parsing."});
+}
+
 TEST_F(QemuFileDetectPolicyTest, WithoutMonitorListItIsRefusedAndTheOldRulesStay) {
     ASSERT_TRUE(m_policy.Parse(Text(Content(Rule("qemu")))));
     m_log.Clear();
@@ -142,10 +156,28 @@ TEST_F(QemuFileDetectPolicyTest, FiftyRulesAreAllStored) {
 }
 
 TEST_F(QemuFileDetectPolicyTest, TheFiftyFirstRuleIsIgnoredAndLogged) {
-    EXPECT_TRUE(m_policy.Parse(Text(Content(ManyRules(52)))));
-    EXPECT_FALSE(m_policy.IsMonitorProcess("qemu-50"));
-    EXPECT_EQ(m_log.Texts(kError),
-              Strings{"The monitoring list(ArrayIndex=50) exceeds the specification(50)."});
+    for (const int count : {51, 52}) {
+        m_log.Clear();
+        EXPECT_TRUE(m_policy.Parse(Text(Content(ManyRules(count)))));
+        EXPECT_TRUE(m_policy.IsMonitorProcess("qemu-49"));
+        EXPECT_FALSE(m_policy.IsMonitorProcess("qemu-50"));
+        EXPECT_EQ(m_log.Texts(kError),
+                  Strings{"The monitoring list(ArrayIndex=50) exceeds the specification(50)."});
+    }
+}
+
+TEST_F(QemuFileDetectPolicyTest, TheLimitOfRulesCountsBadOnesToo) {
+    std::string rules;
+    Strings lines;
+    for (int i = 0; i < 50; ++i) {
+        rules += "{},";
+        lines.push_back("Parse monitor filelist(ArrayIndex=" + std::to_string(i) +
+                        ") in policy content failed");
+    }
+    lines.emplace_back("The monitoring list(ArrayIndex=50) exceeds the specification(50).");
+    EXPECT_FALSE(m_policy.Parse(Text(Content(rules + Rule("qemu")))));
+    EXPECT_FALSE(m_policy.IsMonitorProcess("qemu"));
+    EXPECT_EQ(m_log.Texts(kError), lines);
 }
 
 TEST_F(QemuFileDetectPolicyTest, ABadRuleIsLoggedWithItsIndexAndTheOthersCount) {
@@ -160,6 +192,15 @@ TEST_F(QemuFileDetectPolicyTest, ARuleWithoutAProgramIsRefusedWithoutALine) {
     EXPECT_FALSE(m_policy.ParseMonitorRule(R"({"filelist":[]})"));
     EXPECT_TRUE(m_log.Lines().empty());
     EXPECT_FALSE(m_policy.Parse(Text(Content(Rule(""))))) << "it was the only one";
+}
+
+TEST_F(QemuFileDetectPolicyTest, AProgramThatIsNoTextIsLikeNone) {
+    for (const char* program : {"5", "null", "true", "[]", "{}"}) {
+        EXPECT_FALSE(m_policy.ParseMonitorRule(R"({"virtmonitor":)" + std::string(program) +
+                                               R"(,"filelist":[]})"))
+            << program;
+    }
+    EXPECT_TRUE(m_log.Lines().empty());
 }
 
 TEST_F(QemuFileDetectPolicyTest, ARuleWithoutFilesIsRefused) {
@@ -184,6 +225,16 @@ TEST_F(QemuFileDetectPolicyTest, TheHundredAndFirstFileIsIgnoredAndLoggedAsAComm
                       "parsing."});
 }
 
+TEST_F(QemuFileDetectPolicyTest, TheLimitOfFilesCountsEqualOnesToo) {
+    ASSERT_TRUE(m_policy.ParseMonitorRule(
+        Rule("qemu", R"("filelist":)" + JsonList(HundredEqualAndALast()))));
+    EXPECT_FALSE(m_policy.MatchMonitorRule("qemu", "/same"));
+    EXPECT_TRUE(m_policy.MatchMonitorRule("qemu", "/last"));
+    EXPECT_EQ(m_log.Texts(kError),
+              Strings{"The cmd list(ArrayIndex=100) exceeds the specification(100) during policy "
+                      "parsing."});
+}
+
 TEST_F(QemuFileDetectPolicyTest, StoringIsLogged) {
     ASSERT_TRUE(m_policy.ParseMonitorRule(Rule("qemu", R"("filelist":["/a"])")));
     EXPECT_EQ(m_log.Texts(kDebug), (Strings{"Insert file(filename=/a,virtmonitor:qemu)",
@@ -196,6 +247,7 @@ TEST_F(QemuFileDetectPolicyTest, ASecondRuleOfAProgramIsDroppedSilently) {
     EXPECT_FALSE(m_policy.MatchMonitorRule("qemu", "/a"));
     EXPECT_TRUE(m_policy.MatchMonitorRule("qemu", "/b"));
     EXPECT_TRUE(m_log.Texts(kError).empty());
+    EXPECT_EQ(m_log.Count(kDebug, "Insert monitor rule(virtmonitor:qemu)"), 2U);
 }
 
 TEST_F(QemuFileDetectPolicyTest, EntriesThatAreNoTextsAreConvertedWhereThatCanBe) {
@@ -203,6 +255,26 @@ TEST_F(QemuFileDetectPolicyTest, EntriesThatAreNoTextsAreConvertedWhereThatCanBe
     EXPECT_FALSE(m_policy.MatchMonitorRule("qemu", "7"));
     EXPECT_FALSE(m_policy.ParseMonitorRule(Rule("other", R"("filelist":[[]])")));
     EXPECT_FALSE(m_policy.ParseSenstiveDirs(R"({"senstive_dirs":[{}]})"));
+}
+
+TEST_F(QemuFileDetectPolicyTest, NumbersBooleansAndNullAreTakenAsTheirTexts) {
+    const std::string list = R"(["/a",7,-3,true,null,1.5,18446744073709551615])";
+    const Set texts{"", "-3", "/a", "1.5", "18446744073709551615", "7", "true"};
+    ASSERT_TRUE(m_policy.Parse(
+        Text(Content(Rule("qemu", R"("filelist":)" + list), list, R"(,"action":false)"))));
+    EXPECT_EQ(Dirs(), texts);
+    for (const std::string& text : texts) {
+        EXPECT_TRUE(m_policy.MatchMonitorRule("qemu", text)) << text;
+    }
+}
+
+TEST_F(QemuFileDetectPolicyTest, AnActionThatIsNoBooleanAllows) {
+    for (const char* action : {R"("false")", "0", "null"}) {
+        ASSERT_TRUE(m_policy.Parse(
+            Text(Content(Rule("qemu"), "[]", R"(,"action":)" + std::string(action)))))
+            << action;
+        EXPECT_TRUE(m_policy.MatchMonitorRule("qemu", "/unlisted")) << action;
+    }
 }
 
 TEST_F(QemuFileDetectPolicyTest, ListsAllowUnlessTheActionSaysDeny) {

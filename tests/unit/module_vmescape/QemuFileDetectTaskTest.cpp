@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace {
 
 using Engine::FileNotifyMessage;
@@ -16,6 +18,7 @@ using TestSupport::CapturedLog;
 using TestSupport::FakeClock;
 using TestSupport::Process;
 using TestSupport::WaitUntil;
+using Messages = std::vector<std::shared_ptr<Framework::Message>>;
 using Strings = std::vector<std::string>;
 
 constexpr auto kError = Poco::Message::PRIO_ERROR;
@@ -38,6 +41,19 @@ protected:
     void Stop() { m_agent.Engine().UnRegisterTask("qemu_file_detect_task"); }
     std::size_t Refreshes() {
         return m_log.Count(kDebug, "MonitorProcessList add process(pid:1,name:qemu-kvm)");
+    }
+
+    /// The running task has gone once through its loop since the call.
+    void Pass() {
+        // The line is written in the middle of a pass: with the second one the first pass is over.
+        for (int i = 0; i < 2; ++i) {
+            const auto handled = [&] {
+                return m_log.Count(kDebug, "MsgVector size is 1 in CheckSensitiveFile");
+            };
+            const std::size_t before = handled();
+            m_task->GetInbox()->Send(std::make_shared<Framework::Message>("other"));
+            ASSERT_TRUE(WaitUntil([&] { return handled() > before; }));
+        }
     }
 
     TestSupport::ScriptedAgent m_agent;
@@ -91,6 +107,13 @@ TEST_F(FileTask, TakesItsWatchesBackInOrderAndForgetsEverything) {
                        "QemuFileDetectTask uninit finish"}));
 }
 
+TEST_F(FileTask, LeavesNoMessageWaitingAtItsEnd) {
+    m_task->GetInbox()->Send(
+        std::make_shared<FileNotifyMessage>(1, FileNotifyMessage::OPEN, "/a/x"));
+    m_task->UnInit();
+    EXPECT_EQ(m_task->GetInbox()->Depth(), 0U);
+}
+
 TEST_F(FileTask, ARequestHasItsMaskAndTwoFlagsAndNothingElse) {
     EXPECT_TRUE(m_task->SendFileNotifyWatchMessage("/x", "add"));
     EXPECT_TRUE(m_task->SendFileNotifyWatchMessage("/x", "delete"));
@@ -123,6 +146,17 @@ TEST_F(FileTask, ARequestThatIsNotTakenIsToldAndLoggedAllTheSame) {
     EXPECT_TRUE(m_task->RegisterFileMonitorMessage()) << "the set changed";
     EXPECT_EQ(m_task->m_watchedDirs.size(), 2U);
     EXPECT_FALSE(m_task->RegisterFileMonitorMessage()) << "not tried again";
+}
+
+TEST_F(FileTask, ARequestThatIsNotTakenDoesNotHinderTheNext) {
+    m_agent.Engine().UnRegisterTask("filenotify_task");
+    EXPECT_TRUE(m_task->RegisterFileMonitorMessage());
+    EXPECT_FALSE(m_task->UnregisterFileMonitorMessage());
+    EXPECT_EQ(m_log.Texts(kInformation),
+              (Strings{"QemuFileDetectTask add file(path:/a) monitoring to filenotify_task ",
+                       "QemuFileDetectTask add file(path:/b) monitoring to filenotify_task ",
+                       "QemuFileDetectTask remove file(path:/a) monitoring to filenotify_task ",
+                       "QemuFileDetectTask remove file(path:/b) monitoring to filenotify_task "}));
 }
 
 TEST_F(FileTask, ChangesAreAskedForInTheOrderOfTheirPaths) {
@@ -173,6 +207,29 @@ TEST_F(FileTask, RefreshesItsProcessesUntilThatSucceedsAndThenOnlyOnChanges) {
     EXPECT_TRUE(WaitUntil([&] { return m_notifier->Requests().size() == 5; }));
 }
 
+TEST_F(FileTask, ARefreshThatFailsAfterAChangeIsNotTriedAgain) {
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return Refreshes() == 1; }));
+    m_agent.Engine().UnRegisterTask("procs_full_task");
+    m_task->Use(FilePolicy({"/c"}));
+    Pass();
+    ASSERT_EQ(m_log.Count(kError, "procsTask is null"), 1U);
+    m_agent.Engine().RegisterTask(&m_agent.Full(), true);
+    Pass();
+    EXPECT_EQ(Refreshes(), 1U);
+    EXPECT_EQ(m_log.Count(kError, "procsTask is null"), 1U);
+}
+
+TEST_F(FileTask, ABatchOf200MessagesIsHandledIn128And72) {
+    m_task->GetInbox()->SendBulk(
+        Messages(200, std::make_shared<FileNotifyMessage>(1, FileNotifyMessage::OPEN, "/a/x")));
+    Run();
+    EXPECT_TRUE(WaitUntil(
+        [&] { return m_log.Count(kDebug, "MsgVector size is 72 in CheckSensitiveFile") == 1; }));
+    EXPECT_EQ(m_log.Count(kDebug, "MsgVector size is 128 in CheckSensitiveFile"), 1U);
+}
+
 TEST_F(FileTask, JudgesItsMessages) {
     const TestSupport::TemporaryFolder folder;
     const std::string file = folder.Write("secret", "x");
@@ -203,6 +260,55 @@ TEST_F(FileTask, CleansAndRefreshesAfter300Seconds) {
     EXPECT_EQ(Refreshes(), 1U);
     clock.Advance(1);
     EXPECT_TRUE(WaitUntil([&] { return Refreshes() == 2; }));
+}
+
+TEST_F(FileTask, CleansItsAlarmsBeforeItRefreshes) {
+    FakeClock clock;
+    const TestSupport::TemporaryFolder folder;
+    const std::string file = folder.Write("secret", "x");
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return Refreshes() == 1; }));
+    m_task->GetInbox()->Send(std::make_shared<FileNotifyMessage>(1, FileNotifyMessage::OPEN, file));
+    ASSERT_TRUE(WaitUntil([&] { return m_agent.Reporter().Count() == 1; }));
+    Pass();
+    m_log.Clear();
+    clock.Advance(300);
+    Pass();
+    const std::string cleaned = "Clean file warned information in alarm cache";
+    EXPECT_EQ(m_log.Count(kDebug, cleaned), 1U);
+    EXPECT_EQ(Refreshes(), 1U);
+    const Strings lines = m_log.Texts(kDebug);
+    EXPECT_LT(std::find(lines.begin(), lines.end(), cleaned),
+              std::find(lines.begin(), lines.end(),
+                        "MonitorProcessList add process(pid:1,name:qemu-kvm)"));
+}
+
+TEST_F(FileTask, RefreshesAgain300SecondsAfterTheLastTime) {
+    FakeClock clock;
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
+    Run();
+    ASSERT_TRUE(WaitUntil([&] { return Refreshes() == 1; }));
+    clock.Advance(300);
+    Pass();
+    ASSERT_EQ(Refreshes(), 2U);
+    clock.Advance(299);
+    Pass();
+    Pass();
+    EXPECT_EQ(Refreshes(), 2U);
+    clock.Advance(1);
+    Pass();
+    EXPECT_EQ(Refreshes(), 3U);
+}
+
+TEST_F(FileTask, KeepsItsWatchesAtTheEndOfARunToTakeThemBack) {
+    m_task->Init();
+    m_notifier->Take();
+    m_task->cancel();
+    m_task->Run();
+    EXPECT_EQ(m_task->m_watchedDirs, (std::set<std::string>{"/a", "/b"}));
+    m_task->UnInit();
+    EXPECT_EQ(m_notifier->Take(), (Strings{"-/a", "-/b"}));
 }
 
 TEST_F(FileTask, ForgetsItsProcessesAndAlarmsAtTheEndOfARun) {
