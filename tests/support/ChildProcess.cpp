@@ -76,10 +76,11 @@ ChildProcess::~ChildProcess() {
     ::close(m_errorPipe);
 }
 
-ChildProcess::Result ChildProcess::Run(const std::vector<std::string>& arguments) {
+ChildProcess::Result ChildProcess::Run(const std::vector<std::string>& arguments,
+                                       std::chrono::milliseconds deadline) {
     ChildProcess child(arguments);
     Result result;
-    result.m_status = child.Wait().value_or(-1);
+    result.m_status = child.Wait(deadline).value_or(-1);
     result.m_output = child.Output();
     result.m_errors = child.Errors();
     return result;

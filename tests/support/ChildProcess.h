@@ -26,8 +26,9 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    /// Runs a program to its end.
-    static Result Run(const std::vector<std::string>& arguments);
+    /// Runs a program to its end, or until the deadline; then its status is -1.
+    static Result Run(const std::vector<std::string>& arguments,
+                      std::chrono::milliseconds deadline = std::chrono::seconds(20));
 
     pid_t Pid() const { return m_pid; }
 

@@ -34,7 +34,8 @@ TEST_F(Package, IsInstalledUsedReplacedAndRemovedWithoutATrace) {
     const TestSupport::TemporaryFolder folder;
     const ChildProcess::Result life = ChildProcess::Run(
         {"unshare", "--mount", "--propagation", "private",
-         SOURCE_FOLDER "/tests/support/programs/package_life.sh", m_package, folder.Path()});
+         SOURCE_FOLDER "/tests/support/programs/package_life.sh", m_package, folder.Path()},
+        std::chrono::seconds(60));
     if (life.m_status == 77) {
         GTEST_SKIP() << "no overlays here";
     }
