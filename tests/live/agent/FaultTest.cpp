@@ -1,10 +1,13 @@
 // What befalls an agent on a real host: it goes on, and says what it lost.
 
 #include "LiveTest.h"
+#include "sdk/UniqueDescriptor.h"
 #include "support/WaitUntil.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -143,6 +146,53 @@ TEST_F(Fault, AKilledAgentsSuccessorKnowsEveryMachineThatRuns) {
     Agent agent(BUILD_FOLDER, DenyList());
     first.RunShell("id");
     EXPECT_EQ(VmOf(agent, "id"), "vm-first");
+}
+
+TEST_F(Fault, AnAgentMayBeKilledAtAnyMomentOfItsStart) {
+    const TestSupport::TemporaryFolder folder;
+    folder.Write(Agent::POLICY_FILE, DenyList());
+    const std::string config = folder.Write("agent.json", "{}");
+    const std::vector<std::string> arguments = {BUILD_FOLDER "/bin/vmescape-agent",
+                                                "run",
+                                                "--config",
+                                                config,
+                                                "--policies",
+                                                folder.Path(),
+                                                "--log-level",
+                                                "debug",
+                                                "-o",
+                                                "status.socket=" + folder / "socket"};
+    const Qemu machine({"-name", "guest=vm-first"});
+    // Its log tells how far it has come.
+    for (std::size_t bytes = 0; bytes < 4096; bytes += 256) {
+        ChildProcess killed(arguments);
+        EXPECT_TRUE(WaitUntil([&] { return killed.Errors().size() >= bytes; })) << bytes;
+        killed.Signal(SIGKILL);
+        EXPECT_EQ(killed.Wait(), 128 + SIGKILL);
+    }
+    Agent agent(BUILD_FOLDER, DenyList(), {"-o", "status.socket=" + folder / "socket"});
+    EXPECT_EQ(agent.CountLog("Nobody can ask for the status"), 0) << agent.Log();
+    machine.RunShell("id");
+    EXPECT_EQ(VmOf(agent, "id"), "vm-first");
+}
+
+TEST_F(Fault, AnOutputThatNobodyReadsHoldsUpNoOther) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string pipe = folder / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    // Open for reading, and never read.
+    const SDK::UniqueDescriptor silent(::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    Agent agent(BUILD_FOLDER, DenyList(),
+                {"--output", "file:" + pipe + ",file:" + folder / "alarms"});
+    const Qemu storm({"-name", "guest=vm-storm"});
+    // Each alarm has about a thousand bytes, the pipe holds 65,536.
+    storm.RunShell("i=0; while [ $i -lt 300 ]; do i=$((i+1)); /usr/bin/true $i; done; exit 1");
+    EXPECT_TRUE(WaitUntil([&] {
+        return TestSupport::ReadText(folder / "alarms").find("\"/usr/bin/true 300\"") !=
+               std::string::npos;
+    }));
+    EXPECT_EQ(agent.Stop(SIGTERM), 0) << "and it ends all the same";
+    EXPECT_GT(agent.CountLog(pipe), 0) << "what was not written is said: " << agent.Log();
 }
 
 TEST_F(Fault, AFullFileSystemCostsAlarmsThatAreCountedAndNoMore) {
