@@ -237,7 +237,8 @@ bool Agent::Loop() {
         }
         if (waited[2].revents != 0) {
             m_statusServer.Answer([this] {
-                return SDK::JsonUtils::JsonToString(m_status.Document(m_engine->GetTaskStatus()));
+                return SDK::JsonUtils::JsonToString(
+                    m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll()));
             });
         }
         signalfd_siginfo info{};

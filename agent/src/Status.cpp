@@ -43,6 +43,50 @@ std::string PolicyLine(const Json::Value& policy) {
                         policy["since"].asString());
 }
 
+Json::Value ByReason(const std::map<std::string, std::uint64_t>& counts) {
+    Json::Value reasons = Json::objectValue;
+    for (const auto& [reason, count] : counts) {
+        reasons[reason] = Json::UInt64{count};
+    }
+    return reasons;
+}
+
+Json::Value BookEntry(const SDK::Ledger& ledger) {
+    Json::Value entry;
+    entry["name"] = ledger.m_name;
+    entry["by"] = ledger.m_by;
+    entry["seen"] = Json::UInt64{ledger.m_seen};
+    entry["delivered"] = Json::UInt64{ledger.m_delivered};
+    entry["waiting"] = Json::UInt64{ledger.m_waiting};
+    entry["filtered"] = ByReason(ledger.m_filtered);
+    entry["lost"] = ByReason(ledger.m_lost);
+    entry["trouble"] = ledger.m_trouble;
+    return entry;
+}
+
+/// "behind 3, in_kernel 1": those that are not 0.
+std::string Reasons(const Json::Value& counts) {
+    std::string text;
+    for (const std::string& reason : counts.getMemberNames()) {
+        if (counts[reason].asUInt64() > 0) {
+            text += (text.empty() ? "" : ", ") + reason + ' ' + Number(counts[reason]);
+        }
+    }
+    return text.empty() ? "0" : text;
+}
+
+/// The numbers side by side, and below them, for each kind that has any, the reasons.
+std::string BookLines(const Json::Value& book) {
+    const std::string by = book["by"].asString();
+    const std::string name = book["name"].asString() + (by.empty() ? "" : " (" + by + ')');
+    std::string text = Poco::format("%-36s%12s%12s%12s\n", Printable(name), Number(book["seen"]),
+                                    Number(book["delivered"]), Number(book["waiting"]));
+    for (const char* kind : {"filtered", "lost"}) {
+        text += Poco::format("    %s: %s\n", std::string(kind), Reasons(book[kind]));
+    }
+    return text;
+}
+
 }  // namespace
 
 void Status::TakePolicy(const std::string& feature, const std::string& path,
@@ -81,8 +125,13 @@ bool Status::TakeStuckTasks(const std::vector<std::string>& stuck) {
     return changed;
 }
 
-std::vector<std::string> Status::Reasons() const {
+std::vector<std::string> Status::Reasons(const std::vector<SDK::Ledger>& books) const {
     std::vector<std::string> reasons = m_stuck;
+    for (const SDK::Ledger& ledger : books) {
+        if (!ledger.m_trouble.empty()) {
+            reasons.push_back(ledger.m_trouble);
+        }
+    }
     bool inForce = false;
     for (const auto& [feature, policy] : m_policies) {
         inForce = inForce || policy.m_generation > 0;
@@ -96,9 +145,10 @@ std::vector<std::string> Status::Reasons() const {
     return reasons;
 }
 
-Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& tasks) const {
+Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& tasks,
+                             const std::vector<SDK::Ledger>& books) const {
     Json::Value document;
-    const std::vector<std::string> reasons = Reasons();
+    const std::vector<std::string> reasons = Reasons(books);
     document["version"] = VMESCAPE_VERSION;
     document["pid"] = ::getpid();
     document["started"] = Time(m_startedS);
@@ -107,18 +157,14 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
     for (const std::string& reason : reasons) {
         document["reasons"].append(reason);
     }
+    std::int64_t lastAlarmS = 0;
+    for (const SDK::Ledger& ledger : books) {
+        document["books"].append(BookEntry(ledger));
+        lastAlarmS = std::max(lastAlarmS, ledger.m_lastS);
+    }
+    document["last_alarm"] = lastAlarmS > 0 ? Time(lastAlarmS) : "";
     for (const Framework::Engine::TaskStatus& task : tasks) {
-        const bool stuck = std::any_of(m_stuck.begin(), m_stuck.end(), [&](const auto& line) {
-            return line.find('(' + task.m_name + ')') != std::string::npos;
-        });
-        Json::Value& entry = document["tasks"].append(Json::objectValue);
-        entry["name"] = task.m_name;
-        entry["feature"] = task.m_feature;
-        entry["state"] = stuck ? "down" : "up";
-        entry["waiting"] = task.m_inboxDepth;
-        entry["capacity"] = task.m_inboxCapacity;
-        entry["received"] = Json::UInt64{task.m_messagesAccepted};
-        entry["lost"] = Json::UInt64{task.m_messagesLost};
+        document["tasks"].append(TaskEntry(task));
     }
     for (const auto& [feature, policy] : m_policies) {
         Json::Value& entry = document["policies"].append(Json::objectValue);
@@ -132,6 +178,21 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
         }
     }
     return document;
+}
+
+Json::Value Status::TaskEntry(const Framework::Engine::TaskStatus& task) const {
+    const bool stuck = std::any_of(m_stuck.begin(), m_stuck.end(), [&](const auto& line) {
+        return line.find('(' + task.m_name + ')') != std::string::npos;
+    });
+    Json::Value entry;
+    entry["name"] = task.m_name;
+    entry["feature"] = task.m_feature;
+    entry["state"] = stuck ? "down" : "up";
+    entry["waiting"] = task.m_inboxDepth;
+    entry["capacity"] = task.m_inboxCapacity;
+    entry["received"] = Json::UInt64{task.m_messagesAccepted};
+    entry["lost"] = Json::UInt64{task.m_messagesLost};
+    return entry;
 }
 
 std::string Status::ToText(const Json::Value& document) {
@@ -151,7 +212,13 @@ std::string Status::ToText(const Json::Value& document) {
     for (const Json::Value& policy : document["policies"]) {
         text += PolicyLine(policy);
     }
-    return text;
+    text += Poco::format("\n%-36s%12s%12s%12s\n", std::string("books"), std::string("seen"),
+                         std::string("delivered"), std::string("waiting"));
+    for (const Json::Value& book : document["books"]) {
+        text += BookLines(book);
+    }
+    const std::string last = document["last_alarm"].asString();
+    return text + "\nlast alarm: " + (last.empty() ? "none yet" : last) + '\n';
 }
 
 }  // namespace Agent

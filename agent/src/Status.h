@@ -1,6 +1,7 @@
 #pragma once
 
 #include "framework/Engine.h"
+#include "sdk/Ledger.h"
 
 #include <json/value.h>
 
@@ -36,7 +37,9 @@ public:
 
     /// All of it.
     /// @param tasks  what the engine tells of its tasks now
-    Json::Value Document(const std::vector<Framework::Engine::TaskStatus>& tasks) const;
+    /// @param books  of the collectors and outputs, now
+    Json::Value Document(const std::vector<Framework::Engine::TaskStatus>& tasks,
+                         const std::vector<SDK::Ledger>& books) const;
 
     /// A document as a table for people. Safe for a terminal.
     static std::string ToText(const Json::Value& document);
@@ -50,7 +53,8 @@ private:
         std::string m_refusal;  // of a later text; "" when there is none
     };
 
-    std::vector<std::string> Reasons() const;
+    std::vector<std::string> Reasons(const std::vector<SDK::Ledger>& books) const;
+    Json::Value TaskEntry(const Framework::Engine::TaskStatus& task) const;
 
     const std::int64_t m_startedS;
     std::map<std::string, Policy> m_policies;

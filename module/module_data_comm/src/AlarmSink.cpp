@@ -1,8 +1,10 @@
 #include "AlarmSink.h"
 
 #include "DataCommLog.h"
+#include "sdk/TimeUtils.h"
 
 #include <Poco/Error.h>
+#include <Poco/Format.h>
 
 #include <cerrno>
 #include <chrono>
@@ -13,6 +15,10 @@ namespace Engine {
 namespace {
 
 constexpr std::chrono::seconds kDrainTime{2};
+
+// Reasons of losses.
+constexpr const char* kQueueFull = "queue_full";
+constexpr const char* kNotWritten = "not_written";
 
 unsigned long Shown(std::uint64_t count) { return static_cast<unsigned long>(count); }
 
@@ -28,8 +34,10 @@ AlarmSink::AlarmSink(std::unique_ptr<LineWriter> writer, AlarmFormatter formatte
 AlarmSink::~AlarmSink() { Stop(); }
 
 bool AlarmSink::Offer(const std::string& document) {
+    std::uint64_t dropped = 0;
     {
         const SDK::LockGuard lock(m_mutex);
+        ++m_offered;
         if (m_waiting.size() < m_capacity && !m_stopping) {
             m_waiting.push_back(document);
             // One free place does not end a burst, or a full queue would log every other alarm.
@@ -37,14 +45,14 @@ bool AlarmSink::Offer(const std::string& document) {
             m_changed.notify_one();
             return true;
         }
-        ++m_dropped;
+        dropped = ++m_dropped;
         if (std::exchange(m_dropping, true)) {
             return false;
         }
     }
     SDK::LogError(GetDataCommLogger(),
                   "The queue of output(%s) is full(%lu alarms). Alarms are dropped, %lu so far.",
-                  m_writer->Name(), Shown(m_capacity), Shown(m_dropped));
+                  m_writer->Name(), Shown(m_capacity), Shown(dropped));
     return false;
 }
 
@@ -59,9 +67,28 @@ void AlarmSink::Stop() {
     m_changed.notify_all();
     m_writer->SetDeadline(std::chrono::steady_clock::now() + kDrainTime);
     m_thread.join();
+    const SDK::Ledger books = GetLedger();
     SDK::LogInformation(GetDataCommLogger(),
-                        "Output(%s) ends: %lu alarms written, %lu dropped, %lu failed",
-                        m_writer->Name(), Shown(m_written), Shown(m_dropped), Shown(m_failed));
+                        "Output(%s) ends: %lu alarms written, %lu dropped, %lu failed", books.m_by,
+                        Shown(books.m_delivered), Shown(books.m_lost.at(kQueueFull)),
+                        Shown(books.m_lost.at(kNotWritten)));
+}
+
+SDK::Ledger AlarmSink::GetLedger() const {
+    const SDK::LockGuard lock(m_mutex);
+    SDK::Ledger books;
+    books.m_name = "alarms";
+    books.m_by = m_writer->Name();
+    books.m_seen = m_offered;
+    books.m_delivered = m_written;
+    books.m_waiting = m_waiting.size() + (m_writing ? 1 : 0);
+    books.m_lost = {{kQueueFull, m_dropped}, {kNotWritten, m_failed}};
+    books.m_lastS = m_lastS;
+    if (!m_trouble.empty()) {
+        books.m_trouble =
+            Poco::format("Output(%s) cannot be written: %s", m_writer->Name(), m_trouble);
+    }
+    return books;
 }
 
 void AlarmSink::Run() {
@@ -80,7 +107,8 @@ bool AlarmSink::Take(std::string& document) {
         m_dropped += m_waiting.size();
         m_waiting.clear();
     }
-    const bool taken = !m_waiting.empty();
+    m_writing = !m_waiting.empty();
+    const bool taken = m_writing;
     if (taken) {
         document = std::move(m_waiting.front());
         m_waiting.pop_front();
@@ -91,21 +119,42 @@ bool AlarmSink::Take(std::string& document) {
 
 void AlarmSink::Write(const std::string& document) {
     if (m_writer->Write(m_formatter.Format(document))) {
+        CountWritten();
+    } else {
+        CountFailed(Poco::Error::getMessage(errno));
+    }
+}
+
+void AlarmSink::CountWritten() {
+    std::uint64_t failed = 0;
+    {
+        const SDK::LockGuard lock(m_mutex);
+        m_writing = false;
         ++m_written;
-        if (std::exchange(m_failing, false)) {
-            SDK::LogInformation(GetDataCommLogger(),
-                                "Output(%s) can be written again. %lu alarms failed so far.",
-                                m_writer->Name(), Shown(m_failed));
+        m_lastS = SDK::TimeUtils::GetCurrentTimestampS();
+        if (std::exchange(m_trouble, "").empty()) {
+            return;
         }
-        return;
+        failed = m_failed;
     }
-    const int error = errno;
-    ++m_failed;
-    if (!std::exchange(m_failing, true)) {
-        SDK::LogError(GetDataCommLogger(),
-                      "Output(%s) cannot be written: %s. %lu alarms failed so far.",
-                      m_writer->Name(), Poco::Error::getMessage(error), Shown(m_failed));
+    SDK::LogInformation(GetDataCommLogger(),
+                        "Output(%s) can be written again. %lu alarms failed so far.",
+                        m_writer->Name(), Shown(failed));
+}
+
+void AlarmSink::CountFailed(const std::string& why) {
+    std::uint64_t failed = 0;
+    {
+        const SDK::LockGuard lock(m_mutex);
+        m_writing = false;
+        failed = ++m_failed;
+        if (!std::exchange(m_trouble, why).empty()) {
+            return;
+        }
     }
+    SDK::LogError(GetDataCommLogger(),
+                  "Output(%s) cannot be written: %s. %lu alarms failed so far.", m_writer->Name(),
+                  why, Shown(failed));
 }
 
 }  // namespace Engine

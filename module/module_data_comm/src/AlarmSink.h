@@ -2,9 +2,9 @@
 
 #include "AlarmFormatter.h"
 #include "LineWriter.h"
+#include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +16,7 @@
 namespace Engine {
 
 /// One place where alarms go, with a bounded queue and a thread of its own: a place that is slow,
-/// full or gone costs its own alarms only. seen = written + dropped + failed, once it is stopped.
+/// full or gone costs its own alarms only.
 ///
 /// Threads: Offer and the counters on any thread; Stop once.
 class AlarmSink {
@@ -37,30 +37,34 @@ public:
     /// as dropped. The totals are logged.
     void Stop();
 
-    std::uint64_t Written() const { return m_written; }
-    std::uint64_t Dropped() const { return m_dropped; }
-    std::uint64_t Failed() const { return m_failed; }
+    /// What was offered, and what became of it: delivered is what was written.
+    SDK::Ledger GetLedger() const;
 
 private:
     void Run();
     bool Take(std::string& document);
     void Write(const std::string& document);
+    void CountWritten();
+    void CountFailed(const std::string& why);
 
     const std::unique_ptr<LineWriter> m_writer;
     const AlarmFormatter m_formatter;
     const std::size_t m_capacity;
 
-    SDK::Mutex m_mutex;
+    mutable SDK::Mutex m_mutex;
     std::condition_variable_any m_changed;
     std::deque<std::string> m_waiting SDK_GUARDED_BY(m_mutex);
     bool m_stopping SDK_GUARDED_BY(m_mutex) = false;
     bool m_dropping SDK_GUARDED_BY(m_mutex) = false;
-
-    std::atomic<std::uint64_t> m_written{0};
-    std::atomic<std::uint64_t> m_dropped{0};
-    std::atomic<std::uint64_t> m_failed{0};
-    bool m_failing = false;  // the sink's thread only
+    bool m_writing SDK_GUARDED_BY(m_mutex) = false;
+    std::uint64_t m_offered SDK_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_written SDK_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_dropped SDK_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_failed SDK_GUARDED_BY(m_mutex) = 0;
+    std::int64_t m_lastS SDK_GUARDED_BY(m_mutex) = 0;  // when one was written, since the epoch
+    std::string m_trouble SDK_GUARDED_BY(m_mutex);     // why the last one was not; "" when it was
     std::thread m_thread;
+    const SDK::OpenLedger m_books{[this] { return GetLedger(); }};
 };
 
 }  // namespace Engine

@@ -87,6 +87,7 @@ int FileNotifier::Pass() {
     for (const EventRouter::SubscriberPtr& subscriber : m_router.DropAbandoned()) {
         m_tree.RemoveAll(subscriber);
     }
+    PublishBooks();
     if (m_tree.Scan(kScanStep)) {
         return 0;
     }
@@ -120,6 +121,42 @@ void FileNotifier::CheckAfterMounts() {
         m_nextMountCheck = now + kCheckEveryS;
         m_tree.CheckPlaces();
     }
+}
+
+void FileNotifier::PublishBooks() {
+    const SDK::LockGuard lock(m_booksMutex);
+    m_books = m_router.GetCounters();
+}
+
+Counters FileNotifier::PublishedBooks() const {
+    const SDK::LockGuard lock(m_booksMutex);
+    return m_books;
+}
+
+SDK::Ledger FileNotifier::EventLedger() const {
+    const Counters counters = PublishedBooks();
+    SDK::Ledger books;
+    books.m_name = "file_events";
+    books.m_by = "fanotify";
+    books.m_seen = counters.m_events;
+    books.m_delivered = counters.m_routed;
+    books.m_filtered = {{"own", counters.m_own},
+                        {"outside", counters.m_outside},
+                        {"of_directories", counters.m_changes}};
+    // How many each of the times cost, the kernel does not tell.
+    books.m_lost = {{"times_in_kernel", counters.m_overflows}};
+    return books;
+}
+
+SDK::Ledger FileNotifier::MessageLedger() const {
+    const Counters counters = PublishedBooks();
+    SDK::Ledger books;
+    books.m_name = "file_messages";
+    books.m_seen = counters.m_messages;
+    books.m_delivered = counters.m_delivered;
+    books.m_waiting = counters.m_waiting;
+    books.m_lost = {{"behind", counters.m_lostBehind}, {"with_subscriber", counters.m_lostGone}};
+    return books;
 }
 
 void FileNotifier::LogBooks() const {

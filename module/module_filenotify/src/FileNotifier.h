@@ -7,6 +7,8 @@
 #include "MountFeed.h"
 #include "WatchTree.h"
 #include "framework/Inbox.h"
+#include "sdk/Ledger.h"
+#include "sdk/Mutex.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +21,7 @@ namespace FileNotify {
 /// The heart of the module: keeps the marks in step with the file system and takes events from the
 /// kernel to the subscribers.
 ///
-/// Threads: one at a time.
+/// Threads: one at a time. The ledgers are read on any.
 class FileNotifier {
 public:
     /// @param backlog  messages kept at the most for a subscriber whose inbox is full
@@ -51,6 +53,10 @@ private:
     void CheckAfterOverflow();
     void CheckAfterMounts();
     void LogBooks() const;
+    void PublishBooks();
+    Counters PublishedBooks() const;
+    SDK::Ledger EventLedger() const;
+    SDK::Ledger MessageLedger() const;
 
     FileMarks m_marks;
     ChangeFeed m_changes;
@@ -62,6 +68,10 @@ private:
     bool m_mountsChanged = false;
     std::int64_t m_nextCheck = 0;  // seconds of the steady clock
     std::int64_t m_nextMountCheck = 0;
+    mutable SDK::Mutex m_booksMutex;
+    Counters m_books SDK_GUARDED_BY(m_booksMutex);  // as of the last pass
+    const SDK::OpenLedger m_eventBooks{[this] { return EventLedger(); }};
+    const SDK::OpenLedger m_messageBooks{[this] { return MessageLedger(); }};
 };
 
 }  // namespace FileNotify

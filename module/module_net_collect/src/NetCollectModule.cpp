@@ -31,10 +31,13 @@ int NetCollectModule::Init() {
         UnInit();
         return -1;
     }
+    m_books =
+        std::make_unique<SDK::OpenLedger>([sockets = m_sockets] { return sockets->GetLedger(); });
     return 0;
 }
 
 int NetCollectModule::UnInit() {
+    m_books.reset();
     const int result = Framework::Module::UnInit();
     if (m_sockets != nullptr) {
         LogBooks();

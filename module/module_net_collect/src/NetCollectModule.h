@@ -1,6 +1,7 @@
 #pragma once
 
 #include "framework/Module.h"
+#include "sdk/Ledger.h"
 
 #include <Poco/AutoPtr.h>
 
@@ -31,6 +32,7 @@ private:
     void LogBooks() const;
 
     std::shared_ptr<SocketTable> m_sockets;
+    std::unique_ptr<SDK::OpenLedger> m_books;
     // A Poco task is counted; this reference is the module's.
     Poco::AutoPtr<NetFullTask> m_task;
 };

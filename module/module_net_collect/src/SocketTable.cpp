@@ -116,6 +116,20 @@ void SocketTable::Fill(const std::vector<Socket>& sockets, const Holders& holder
     }
 }
 
+SDK::Ledger SocketTable::GetLedger() const {
+    const SDK::LockGuard lock(m_mutex);
+    SDK::Ledger books;
+    books.m_name = "socket_tables";
+    books.m_by = m_holders->Name();
+    books.m_seen = m_counters.m_tables + m_counters.m_failedTables;
+    books.m_delivered = m_counters.m_tables;
+    books.m_lost = {{"incomplete", m_counters.m_failedTables}};
+    if (m_failing) {
+        books.m_trouble = "The last table of sockets could not be read in full";
+    }
+    return books;
+}
+
 SocketTable::Counters SocketTable::GetCounters() const {
     const SDK::LockGuard lock(m_mutex);
     return m_counters;

@@ -4,6 +4,7 @@
 #include "NetNamespaces.h"
 #include "ProcHolderSource.h"
 #include "net_collect/NetProcsMessage.h"
+#include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 
 #include <cstdint>
@@ -45,6 +46,9 @@ public:
     void Read(Table& table);
 
     Counters GetCounters() const;
+
+    /// How many tables were asked for, and how many could not be read in full.
+    SDK::Ledger GetLedger() const;
 
 private:
     bool ReadSockets(std::vector<Socket>& sockets) SDK_REQUIRES(m_mutex);

@@ -22,6 +22,10 @@ constexpr std::uint64_t kDefaultRingBytes = std::uint64_t{4} << 20;
 // The kernel takes at most this much in one ring (RINGBUF_MAX_DATA_SZ is beyond it).
 constexpr std::uint64_t kMaxRingBytes = std::uint64_t{1} << 30;
 
+std::string ReadChoice() {
+    return Poco::Util::Application::instance().config().getString("process_collect.source", "auto");
+}
+
 }  // namespace
 
 ProcessCollectModule::ProcessCollectModule() : Framework::Module("process_collect_module") {}
@@ -41,11 +45,13 @@ int ProcessCollectModule::Init() {
         [collector = m_collector](int pid, SDK::ProcessUtils::procRecord& record) {
             return collector->Lookup(pid, record);
         });
+    OpenBooks();
     return 0;
 }
 
 int ProcessCollectModule::UnInit() {
     SDK::ProcessUtils::SetLookup(nullptr);
+    m_books.reset();
     const int result = Framework::Module::UnInit();
     if (m_collector != nullptr) {
         m_collector->Stop();
@@ -61,9 +67,7 @@ bool ProcessCollectModule::StartCollector() {
         ReadNumber("process_collect.ring_bytes", kDefaultRingBytes, kMaxRingBytes);
     ProcessCollector::Limits limits;
     limits.m_backlog = ReadNumber("process_collect.backlog", limits.m_backlog, UINT32_MAX);
-    const std::string choice =
-        Poco::Util::Application::instance().config().getString("process_collect.source", "auto");
-    std::unique_ptr<ProcessSource> source = StartSource(choice, ringBytes);
+    std::unique_ptr<ProcessSource> source = StartSource(ReadChoice(), ringBytes);
     if (source == nullptr) {
         return false;
     }
@@ -75,6 +79,18 @@ bool ProcessCollectModule::StartTasks() {
     m_realTask = new RealTask(m_collector);
     m_fullTask = new FullTask(m_collector);
     return RegisterTask(m_realTask.get(), false) == 0 && RegisterTask(m_fullTask.get(), true) == 0;
+}
+
+void ProcessCollectModule::OpenBooks() {
+    const bool fallback = m_collector->SourceName() != "bpf" && ReadChoice() == "auto";
+    m_books = std::make_unique<SDK::OpenLedger>([collector = m_collector, fallback] {
+        SDK::Ledger books = collector->GetLedger();
+        if (fallback) {
+            books.m_trouble =
+                "eBPF does not work here, so commands of processes that end at once may be missed";
+        }
+        return books;
+    });
 }
 
 }  // namespace ProcessCollect

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "framework/Module.h"
+#include "sdk/Ledger.h"
 
 #include <Poco/AutoPtr.h>
 
@@ -34,8 +35,10 @@ public:
 private:
     bool StartCollector();
     bool StartTasks();
+    void OpenBooks();
 
     std::shared_ptr<ProcessCollector> m_collector;
+    std::unique_ptr<SDK::OpenLedger> m_books;
     // A Poco task is counted; these references are the module's.
     Poco::AutoPtr<RealTask> m_realTask;
     Poco::AutoPtr<FullTask> m_fullTask;

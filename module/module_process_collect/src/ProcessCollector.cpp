@@ -118,6 +118,22 @@ Counters ProcessCollector::GetCounters() {
     return m_dispatcher.GetCounters();
 }
 
+SDK::Ledger ProcessCollector::GetLedger() {
+    const Counters counters = GetCounters();
+    SDK::Ledger books;
+    books.m_name = "process_events";
+    books.m_by = SourceName();
+    books.m_seen = counters.m_seen;
+    books.m_delivered = counters.m_delivered;
+    books.m_waiting = counters.m_waiting;
+    books.m_filtered = {{"unwanted", counters.m_filteredUnwanted},
+                        {"repeated", counters.m_filteredRepeated}};
+    books.m_lost = {{"in_kernel", counters.m_lostInKernel},
+                    {"behind", counters.m_lostBehind},
+                    {"with_subscriber", counters.m_lostGone}};
+    return books;
+}
+
 std::size_t ProcessCollector::DrainLocked() {
     const SDK::LockGuard lock(m_mutex);
     return Drain();

@@ -4,6 +4,7 @@
 #include "EventDispatcher.h"
 #include "ProcessSource.h"
 #include "ProcessTable.h"
+#include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 #include "sdk/ProcessUtils.h"
 
@@ -62,6 +63,11 @@ public:
     void Snapshot(std::map<int, std::shared_ptr<Info>>& procs);
 
     Counters GetCounters();
+
+    /// The same as a ledger, for who does not know this module.
+    SDK::Ledger GetLedger();
+
+    std::string SourceName() const { return m_source->Name(); }
 
     /// Times the process list was read again after a loss.
     std::uint64_t Rescans() const { return m_rescans.load(std::memory_order_relaxed); }

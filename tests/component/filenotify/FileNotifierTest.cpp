@@ -159,6 +159,24 @@ TEST_F(FileNotifier, AccountsForEveryEvent) {
     EXPECT_EQ(counters.m_overflows, 0U);
 }
 
+TEST_F(FileNotifier, ItsLedgersSayWhatItsCountersSay) {
+    const std::string file = File("shadow");
+    Watch(m_folder.Path());
+    { std::ifstream own(file); }
+    InChild([&] { ReadFile(file); });
+    Settle();
+    const FileNotify::Counters counters = m_notifier.GetCounters();
+    const std::vector<SDK::Ledger> books = SDK::OpenLedger::ReadAll();
+    ASSERT_EQ(books.size(), 2U);
+    EXPECT_EQ(books[0].m_name, "file_events");
+    EXPECT_EQ(books[0].m_seen, counters.m_events);
+    EXPECT_EQ(books[0].m_filtered.at("own"), counters.m_own);
+    EXPECT_TRUE(books[0].Balanced());
+    EXPECT_EQ(books[1].m_name, "file_messages");
+    EXPECT_EQ(books[1].m_delivered, 3U);
+    EXPECT_TRUE(books[1].Balanced());
+}
+
 TEST_F(FileNotifier, WritesItsBooksWhenItStops) {
     const std::string file = File("shadow");
     Watch(m_folder.Path());

@@ -281,6 +281,17 @@ TEST_F(SocketTableTest, UsesTheSlowerSourceWhenTheFasterFails) {
     EXPECT_EQ(table.GetCounters().m_tables, 1U);
 }
 
+TEST_F(SocketTableTest, CountsItsReadingsInALedger) {
+    Read();
+    Read();
+    const SDK::Ledger books = m_table->GetLedger();
+    EXPECT_EQ(books.m_name, "socket_tables");
+    EXPECT_EQ(books.m_seen, 2U);
+    EXPECT_EQ(books.m_delivered, 2U);
+    EXPECT_TRUE(books.Balanced());
+    EXPECT_EQ(books.m_trouble, "");
+}
+
 TEST_F(SocketTableTest, IsAddedToWhatIsThere) {
     SocketTable::Table table{{-1, nullptr}};
     m_table->Read(table);

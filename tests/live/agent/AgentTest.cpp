@@ -1,9 +1,11 @@
 #include "LiveTest.h"
+#include "sdk/JsonUtils.h"
 #include "support/WaitUntil.h"
 
 #include <signal.h>
 
 #include <filesystem>
+#include <map>
 
 namespace {
 
@@ -218,6 +220,41 @@ TEST_F(AgentProgram, TellsItsStatusWhileItRuns) {
     EXPECT_EQ(gone.m_status, 1);
     EXPECT_EQ(gone.m_errors, "vmescape-agent: no agent answers at " + agent.StatusSocket() +
                                  ": No such file or directory\n");
+}
+
+TEST_F(AgentProgram, ItsBooksBalanceAndTellOfTheLastAlarm) {
+    Agent agent(BUILD_FOLDER,
+                {{Agent::POLICY_FILE, DenyList()},
+                 {Agent::FILE_POLICY_FILE, Agent::FilePolicy(true, {"/etc/cron.d"}, {})},
+                 {Agent::PORT_POLICY_FILE, Agent::PortPolicy({})}});
+    const auto status = [&agent] {
+        Json::Value document;
+        const std::string text =
+            Run({"status", "--json", "--socket", agent.StatusSocket()}).m_output;
+        SDK::JsonUtils::ParseJsonStr(text.c_str(), text.length(), document);
+        return document;
+    };
+    EXPECT_EQ(status()["last_alarm"].asString(), "");
+    const TestSupport::QemuProcess qemu({"-name", "guest=vm-books"});
+    qemu.RunShell("id");
+    EXPECT_FALSE(WaitFor(agent, "system/fork", "id").isNull());
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return !status()["last_alarm"].asString().empty(); }));
+    std::map<std::string, Json::UInt64> seen;
+    const Json::Value document = status();
+    for (const Json::Value& book : document["books"]) {
+        Json::UInt64 sum = book["delivered"].asUInt64() + book["waiting"].asUInt64();
+        for (const char* kind : {"filtered", "lost"}) {
+            for (const Json::Value& count : book[kind]) {
+                sum += count.asUInt64();
+            }
+        }
+        EXPECT_EQ(book["seen"].asUInt64(), sum) << book.toStyledString();
+        seen[book["name"].asString()] = sum;
+    }
+    EXPECT_GT(seen["process_events"], 0U);
+    EXPECT_GT(seen["alarms"], 0U);
+    EXPECT_GT(seen["socket_tables"], 0U);
+    EXPECT_TRUE(seen.count("file_events") == 1 && seen.count("file_messages") == 1);
 }
 
 }  // namespace

@@ -17,20 +17,32 @@ Tasks OneTask() {
     return {task};
 }
 
+SDK::Ledger AlarmBooks() {
+    SDK::Ledger books;
+    books.m_name = "alarms";
+    books.m_by = "stdout";
+    books.m_seen = 10;
+    books.m_delivered = 6;
+    books.m_waiting = 1;
+    books.m_lost = {{"queue_full", 3}, {"not_written", 0}};
+    books.m_lastS = 86400;
+    return books;
+}
+
 class Status : public testing::Test {
 protected:
     void Take(const std::string& hash = "abc") {
         m_status.TakePolicy("f", "/p/f.json", R"({"hash":")" + hash + R"("})", 86400);
     }
-    std::string State() const { return m_status.Document(OneTask())["state"].asString(); }
-    std::string Reason() const { return m_status.Document(OneTask())["reasons"][0].asString(); }
+    std::string State() const { return m_status.Document(OneTask(), {})["state"].asString(); }
+    std::string Reason() const { return m_status.Document(OneTask(), {})["reasons"][0].asString(); }
 
     Agent::Status m_status{0};
 };
 
 TEST_F(Status, IsUpWhenAPolicyIsInForceAndAllTasksWork) {
     Take();
-    const Json::Value document = m_status.Document(OneTask());
+    const Json::Value document = m_status.Document(OneTask(), {});
     EXPECT_EQ(document["state"].asString(), "up");
     EXPECT_TRUE(document["reasons"].empty());
     EXPECT_EQ(document["version"].asString(), VMESCAPE_VERSION);
@@ -44,7 +56,7 @@ TEST_F(Status, IsDegradedWithoutAPolicy) {
 }
 
 TEST_F(Status, ShowsEachTask) {
-    const Json::Value task = m_status.Document(OneTask())["tasks"][0];
+    const Json::Value task = m_status.Document(OneTask(), {})["tasks"][0];
     EXPECT_EQ(task["name"].asString(), "qemu_cmd_detect_task");
     EXPECT_EQ(task["state"].asString(), "up");
     EXPECT_EQ(task["waiting"].asInt(), 3);
@@ -53,13 +65,51 @@ TEST_F(Status, ShowsEachTask) {
     EXPECT_EQ(task["lost"].asInt(), 1);
 }
 
+TEST_F(Status, ShowsBooksByReasonAndTheLastAlarm) {
+    Take();
+    const Json::Value document = m_status.Document({}, {SDK::Ledger(), AlarmBooks()});
+    EXPECT_EQ(document["state"].asString(), "up");
+    EXPECT_EQ(document["last_alarm"].asString(), "1970-01-02T00:00:00Z");
+    const Json::Value& books = document["books"][1];
+    EXPECT_EQ(books["name"].asString(), "alarms");
+    EXPECT_EQ(books["by"].asString(), "stdout");
+    EXPECT_EQ(books["seen"].asUInt64(), 10U);
+    EXPECT_EQ(books["delivered"].asUInt64(), 6U);
+    EXPECT_EQ(books["waiting"].asUInt64(), 1U);
+    EXPECT_EQ(books["lost"]["queue_full"].asUInt64(), 3U);
+    EXPECT_TRUE(books["filtered"].isObject());
+}
+
+TEST_F(Status, IsDegradedByTheTroubleOfACollectorOrAnOutput) {
+    Take();
+    SDK::Ledger books = AlarmBooks();
+    books.m_trouble = "Output(stdout) cannot be written: Broken pipe";
+    const Json::Value document = m_status.Document({}, {books});
+    EXPECT_EQ(document["state"].asString(), "degraded");
+    EXPECT_EQ(document["reasons"][0].asString(), books.m_trouble);
+}
+
+TEST_F(Status, AsTextNamesTheReasonsOfWhatDidNotArrive) {
+    SDK::Ledger books = AlarmBooks();
+    books.m_by = "file:/tmp/\x1b[2J";
+    const std::string text = Agent::Status::ToText(m_status.Document({}, {books}));
+    EXPECT_NE(text.find("alarms (file:/tmp/?[2J)                       10           6           1\n"
+                        "    filtered: 0\n"
+                        "    lost: queue_full 3\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("\nlast alarm: 1970-01-02T00:00:00Z\n"), std::string::npos) << text;
+    EXPECT_NE(Agent::Status::ToText(m_status.Document({}, {})).find("\nlast alarm: none yet\n"),
+              std::string::npos);
+}
+
 TEST_F(Status, ShowsATaskThatDoesNotWorkAsDownAndSaysWhy) {
     Take();
     EXPECT_TRUE(m_status.TakeStuckTasks({"Task(qemu_cmd_detect_task) has ended"}));
     EXPECT_FALSE(m_status.TakeStuckTasks({"Task(qemu_cmd_detect_task) has ended"}));
     EXPECT_EQ(State(), "degraded");
     EXPECT_EQ(Reason(), "Task(qemu_cmd_detect_task) has ended");
-    EXPECT_EQ(m_status.Document(OneTask())["tasks"][0]["state"].asString(), "down");
+    EXPECT_EQ(m_status.Document(OneTask(), {})["tasks"][0]["state"].asString(), "down");
     EXPECT_TRUE(m_status.TakeStuckTasks({}));
     EXPECT_EQ(State(), "up");
 }
@@ -67,7 +117,7 @@ TEST_F(Status, ShowsATaskThatDoesNotWorkAsDownAndSaysWhy) {
 TEST_F(Status, CountsTheGenerationsOfAPolicyAndShowsItsHash) {
     Take("first");
     Take("second");
-    const Json::Value policy = m_status.Document({})["policies"][0];
+    const Json::Value policy = m_status.Document({}, {})["policies"][0];
     EXPECT_EQ(policy["feature"].asString(), "f");
     EXPECT_EQ(policy["file"].asString(), "/p/f.json");
     EXPECT_EQ(policy["generation"].asInt(), 2);
@@ -78,10 +128,10 @@ TEST_F(Status, CountsTheGenerationsOfAPolicyAndShowsItsHash) {
 TEST_F(Status, ForgetsARefusedPolicyThatWasNeverInForceWhenItsFileIsGone) {
     Take();
     m_status.RefusePolicy("g", "/p/g.json", "expected JSON");
-    EXPECT_EQ(m_status.Document({})["policies"].size(), 2U);
+    EXPECT_EQ(m_status.Document({}, {})["policies"].size(), 2U);
     m_status.ForgetRefusal("g");
     m_status.ForgetRefusal("never heard of");
-    EXPECT_EQ(m_status.Document({})["policies"].size(), 1U);
+    EXPECT_EQ(m_status.Document({}, {})["policies"].size(), 1U);
     EXPECT_EQ(State(), "up");
 }
 
@@ -90,7 +140,7 @@ TEST_F(Status, IsDegradedWhileALaterPolicyIsRefused) {
     m_status.RefusePolicy("f", "/p/f.json", "expected JSON");
     EXPECT_EQ(State(), "degraded");
     EXPECT_EQ(Reason(), "Policy(f) is refused: expected JSON");
-    EXPECT_EQ(m_status.Document({})["policies"][0]["generation"].asInt(), 1);
+    EXPECT_EQ(m_status.Document({}, {})["policies"][0]["generation"].asInt(), 1);
     m_status.ForgetRefusal("f");
     EXPECT_EQ(State(), "up");
 }
@@ -98,7 +148,7 @@ TEST_F(Status, IsDegradedWhileALaterPolicyIsRefused) {
 TEST_F(Status, ReadsAsATable) {
     Take("a\x1b[31m\n");
     m_status.RefusePolicy("f", "/p/f.json", "why\x07");
-    const std::string text = Agent::Status::ToText(m_status.Document(OneTask()));
+    const std::string text = Agent::Status::ToText(m_status.Document(OneTask(), {}));
     EXPECT_NE(text.find(", since 1970-01-01T00:00:00Z: degraded\n  Policy(f) is refused: why?\n"),
               std::string::npos)
         << text;

@@ -1,5 +1,6 @@
 #include "AlarmSink.h"
 
+#include "SinkBooks.h"
 #include "TestPipe.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
@@ -38,7 +39,7 @@ TEST_F(AlarmSinkOnAPipe, WritesEveryDocumentInOrder) {
     EXPECT_TRUE(sink->Offer("{\"a\":2}"));
     sink->Stop();
     EXPECT_EQ(m_pipe.Read(), "{\"a\":1}\n{\"a\":2}\n");
-    EXPECT_EQ(sink->Written(), 2U);
+    EXPECT_EQ(Written(*sink), 2U);
     EXPECT_TRUE(m_log.Contains("Output(pipe) ends: 2 alarms written, 0 dropped, 0 failed"));
 }
 
@@ -55,7 +56,7 @@ TEST_F(AlarmSinkOnAPipe, WritesWhatStillWaitsWhenItIsStopped) {
         return std::count(seen.begin(), seen.end(), '\n') == 10;
     }));
     stopper.join();
-    EXPECT_EQ(sink->Written(), 10U);
+    EXPECT_EQ(Written(*sink), 10U);
 }
 
 TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDropsWhatItsQueueDoesNotHoldAndSaysSoOnce) {
@@ -68,7 +69,7 @@ TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDropsWhatItsQueueDoesNotHoldAndSaysSoOnc
     // One may be in the writer's hands already.
     EXPECT_GE(queued, 3);
     EXPECT_LE(queued, 4);
-    EXPECT_EQ(sink->Dropped(), 20U - static_cast<unsigned>(queued));
+    EXPECT_EQ(Dropped(*sink), 20U - static_cast<unsigned>(queued));
     EXPECT_EQ(m_log.Count(kError,
                           "The queue of output(pipe) is full(3 alarms). Alarms are dropped, 1 so "
                           "far."),
@@ -83,8 +84,8 @@ TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDoesNotHoldUpTheStopForever) {
         sink->Offer("document");
     }
     sink->Stop();
-    EXPECT_EQ(sink->Written(), 0U);
-    EXPECT_EQ(sink->Written() + sink->Dropped() + sink->Failed(), 20U);
+    EXPECT_EQ(Written(*sink), 0U);
+    EXPECT_EQ(Written(*sink) + Dropped(*sink) + Failed(*sink), 20U);
 }
 
 TEST_F(AlarmSinkOnAPipe, WithoutReaderCountsEveryFailureAndSaysSoOnce) {
@@ -93,7 +94,7 @@ TEST_F(AlarmSinkOnAPipe, WithoutReaderCountsEveryFailureAndSaysSoOnce) {
     sink->Offer("one");
     sink->Offer("two");
     sink->Stop();
-    EXPECT_EQ(sink->Failed(), 2U);
+    EXPECT_EQ(Failed(*sink), 2U);
     EXPECT_EQ(
         m_log.Count(kError, "Output(pipe) cannot be written: Broken pipe. 1 alarms failed so far."),
         1U);
@@ -105,10 +106,10 @@ TEST_F(AlarmSinkOnAPipe, GoesOnWhenItsPlaceTakesLinesAgain) {
     m_pipe.CloseReader();
     const auto sink = Sink();
     sink->Offer("lost");
-    ASSERT_TRUE(WaitUntil([&] { return sink->Failed() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return Failed(*sink) == 1; }));
     ASSERT_GE(::dup2(good.WriteEnd(), m_pipe.WriteEnd()), 0);
     sink->Offer("kept");
-    ASSERT_TRUE(WaitUntil([&] { return sink->Written() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 1; }));
     sink->Stop();
     EXPECT_EQ(good.Read(), "kept\n");
     EXPECT_TRUE(m_log.Contains("Output(pipe) can be written again. 1 alarms failed so far."));
@@ -145,7 +146,7 @@ TEST(AlarmSink, OnAFullDiskKeepsRunningAndCounts) {
     sink.Offer("one");
     sink.Offer("two");
     sink.Stop();
-    EXPECT_EQ(sink.Failed(), 2U);
+    EXPECT_EQ(Failed(sink), 2U);
     EXPECT_EQ(log.Count(kError,
                         "Output(/dev/full) cannot be written: No space left on device. 1 alarms "
                         "failed so far."),
@@ -160,7 +161,7 @@ TEST(AlarmSink, TakesNothingAfterItsStop) {
     sink.Stop();
     sink.Stop();
     EXPECT_FALSE(sink.Offer("late"));
-    EXPECT_EQ(sink.Dropped(), 1U);
+    EXPECT_EQ(Dropped(sink), 1U);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "ReportTask.h"
 
+#include "SinkBooks.h"
 #include "TestPipe.h"
 #include "framework/Engine.h"
 #include "framework/Message.h"
@@ -46,12 +47,12 @@ TEST_F(ReportTask, IsNotHeldUpByASinkThatNobodyReads) {
     ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
     for (std::uint64_t sent = 1; sent <= 100; ++sent) {
         Send();
-        ASSERT_TRUE(TestSupport::WaitUntil([&] { return good->Written() == sent; }));
+        ASSERT_TRUE(TestSupport::WaitUntil([&] { return Written(*good) == sent; }));
     }
-    EXPECT_EQ(stuck->Written(), 0U);
-    EXPECT_GE(stuck->Dropped(), 95U);
+    EXPECT_EQ(Written(*stuck), 0U);
+    EXPECT_GE(Dropped(*stuck), 95U);
     EXPECT_EQ(m_engine->UnRegisterTask("data_comm_report_task"), 0);
-    EXPECT_EQ(stuck->Dropped() + stuck->Failed(), 100U);
+    EXPECT_EQ(Dropped(*stuck) + Failed(*stuck), 100U);
 }
 
 TEST_F(ReportTask, WithoutSinksTakesAlarmsAllTheSame) {

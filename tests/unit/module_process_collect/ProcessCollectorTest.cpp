@@ -143,6 +143,27 @@ TEST_F(ProcessCollectorTest, CountsWhatASlowSubscriberLoses) {
     EXPECT_GT(counters.m_lostBehind, 0U);
 }
 
+TEST_F(ProcessCollectorTest, ItsLedgerSaysWhatItsCountersSay) {
+    m_inbox = std::make_shared<Framework::Inbox>("reader", 1);
+    ASSERT_TRUE(m_collector->Start());
+    Subscribe();
+    for (int i = 0; i < 10; ++i) {
+        m_source->Add(ProcsMessage::FORK, kPid + i, 1, 5);
+    }
+    m_source->Add(ProcsMessage::FORK, kPid, 1, 5);
+    m_collector->Pass();
+    const Counters counters = m_collector->GetCounters();
+    const SDK::Ledger books = m_collector->GetLedger();
+    EXPECT_EQ(books.m_name, "process_events");
+    EXPECT_EQ(books.m_by, "script");
+    EXPECT_TRUE(books.Balanced());
+    EXPECT_EQ(books.m_seen, 11U);
+    EXPECT_EQ(books.m_delivered, 1U);
+    EXPECT_EQ(books.m_waiting, counters.m_waiting);
+    EXPECT_EQ(books.m_filtered.at("repeated"), 1U);
+    EXPECT_EQ(books.m_lost.at("behind"), counters.m_lostBehind);
+}
+
 TEST_F(ProcessCollectorTest, ReadsTheProcessListAgainAfterALoss) {
     ASSERT_TRUE(m_collector->Start());
     Subscribe();

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace SDK {
+
+/// What one part of the agent was given, and where it went, so that nothing is lost silently:
+///
+///     m_seen == m_delivered + m_waiting + Filtered() + Lost()
+struct Ledger {
+    std::string m_name;  ///< what is counted, as one word: "process_events"
+    std::string m_by;    ///< by what means, or where to: "bpf", "file:/var/log/alarms"
+    std::uint64_t m_seen = 0;
+    std::uint64_t m_delivered = 0;
+    std::uint64_t m_waiting = 0;
+    std::map<std::string, std::uint64_t> m_filtered;  ///< left out on purpose, by reason
+    std::map<std::string, std::uint64_t> m_lost;      ///< by reason
+    std::int64_t m_lastS = 0;  ///< when the last was delivered, in seconds since the epoch; 0: not
+                               ///< yet, or nobody keeps it
+    std::string m_trouble;     ///< why the part does not do all that it should; "" when it does
+
+    std::uint64_t Filtered() const;
+    std::uint64_t Lost() const;
+
+    /// True when everything is accounted for.
+    bool Balanced() const { return m_seen == m_delivered + m_waiting + Filtered() + Lost(); }
+};
+
+/// Keeps a ledger open for readers for as long as it lives.
+///
+/// Threads: any. The source is called on the readers' threads, one at a time; when the destructor
+/// returns, no reader is inside it any more. The source must not open or close ledgers.
+class OpenLedger {
+public:
+    /// Gives the ledger as it is at the moment.
+    using Source = std::function<Ledger()>;
+
+    explicit OpenLedger(Source source);
+    ~OpenLedger();
+    OpenLedger(const OpenLedger&) = delete;
+    OpenLedger& operator=(const OpenLedger&) = delete;
+
+    /// All that are open, in the order of their opening.
+    static std::vector<Ledger> ReadAll();
+
+private:
+    const std::uint64_t m_number;
+};
+
+}  // namespace SDK
