@@ -1,10 +1,10 @@
 // OpenStorm: file accesses as a load.
 //
-//     OpenStorm make ROOT DIRECTORIES            a tree: ROOT/dN/file
-//     OpenStorm storm ROOT DIRECTORIES OPENS     opens and closes the files in turn; prints the
-//     seconds OpenStorm touch ROOT DIRECTORIES TIMES RATE OUT
-//         opens files of its own, so many in a second, and writes the path and the moment of each
-//         (nanoseconds of the monotonic clock) to OUT
+//   OpenStorm make ROOT DIRECTORIES                   makes a tree: ROOT/dN/file
+//   OpenStorm storm ROOT DIRECTORIES OPENS            opens its files in turn; prints the seconds
+//   OpenStorm touch ROOT DIRECTORIES TIMES RATE OUT   opens files of its own, RATE a second
+//
+// touch writes the path and the moment of each access, nanoseconds of the monotonic clock, to OUT.
 
 #include <fcntl.h>
 #include <sys/stat.h>

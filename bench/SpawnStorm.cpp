@@ -2,9 +2,8 @@
 // The load of the agent's benchmarks: copied under a virtual machine's name it is a guest gone
 // wild.
 //
-//   SpawnStorm storm COUNT RATE TIMES PROGRAM [ARG...]   RATE in commands a second, 0: no limit
-//   SpawnStorm hold COUNT                                 COUNT sleeping children until stdin
-//   closes
+//   SpawnStorm storm COUNT RATE TIMES PROGRAM [ARG...]  RATE commands a second, 0: no limit
+//   SpawnStorm hold COUNT                               sleeping children until stdin closes
 //
 // storm gives each command its number as last argument and, unless TIMES is "-", writes one line a
 // command to the file TIMES: pid and CLOCK_MONOTONIC nanoseconds just before the spawn.

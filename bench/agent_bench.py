@@ -12,7 +12,7 @@ import sys
 import tempfile
 import time
 
-from harness import (MONITORED, Agent, Peer, alarm_lines, main, med, ratio_of, resident_mb, row,
+from harness import (MONITORED, Agent, Peer, alarm_lines, end_with_us, main, med, ratio_of, resident_mb, row,
                      run_storm, schedstat_seconds, show)
 
 RUNS = 5
@@ -26,8 +26,8 @@ def run_storms(storm, tag):
     start = time.monotonic()
     children = [subprocess.Popen([storm, "storm", str(STORM), "0", "-", "/bin/true", f"{tag}{i}"],
                                  stdout=subprocess.DEVNULL) for i in range(STORMS)]
-    for child in children:
-        child.wait()
+    if any([child.wait() for child in children]):
+        sys.exit("agent_bench: a storm failed")
     return time.monotonic() - start
 
 
@@ -74,6 +74,15 @@ def measure_forkstat(folder, plain, run, results, execs):
     results["forkstat_seen"].append(count_seen(lines, f"f{run}-") / execs * 100)
 
 
+def auditctl(*arguments):
+    return subprocess.run(["auditctl", *arguments], check=False, capture_output=True, text=True)
+
+
+def audit_settings():
+    """How the kernel's auditing is set now, as "enabled" and "backlog_limit"; empty without auditing."""
+    return dict(line.split(None, 1) for line in auditctl("-s").stdout.splitlines() if " " in line)
+
+
 def measure_auditd(folder, plain, run, results, execs):
     """auditd with one rule for execve, in a configuration of its own; the rule goes again."""
     if not (shutil.which("auditd") and shutil.which("auditctl")):
@@ -84,24 +93,27 @@ def measure_auditd(folder, plain, run, results, execs):
                      "max_log_file = 500\nmax_log_file_action = IGNORE\nspace_left = 75\n"
                      "admin_space_left = 50\nfreq = 0\nnum_logs = 2\n")
     os.chmod(config, 0o750)
-    daemon = subprocess.Popen(["auditd", "-n", "-c", config], stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL)
+    before_us = audit_settings()
+    daemon = end_with_us(subprocess.Popen(["auditd", "-n", "-c", config], stdout=subprocess.DEVNULL,
+                                          stderr=subprocess.DEVNULL))
     time.sleep(1.0)
     rule = ["always,exit", "-F", "arch=b64", "-S", "execve", "-k", "vmescape_bench"]
-    if daemon.poll() is not None or subprocess.run(["auditctl", "-b", "65536"],
-                                                   capture_output=True, check=False).returncode:
+    if daemon.poll() is not None or not before_us:
         daemon.kill()
         return
-    subprocess.run(["auditctl", "-a", *rule], check=False, capture_output=True)
     try:
+        auditctl("-b", "65536")
+        auditctl("-a", *rule)
         before = schedstat_seconds(daemon.pid)
         results["auditd"].append(run_storms(plain, f"d{run}-"))
         time.sleep(1.0)
         results["auditd_cpu"].append((schedstat_seconds(daemon.pid) - before) / execs * 1e6)
     finally:
-        subprocess.run(["auditctl", "-d", *rule], check=False, capture_output=True)
+        auditctl("-d", *rule)
         daemon.send_signal(signal.SIGTERM)
         daemon.wait(timeout=10)
+        auditctl("-b", before_us["backlog_limit"])
+        auditctl("-e", before_us["enabled"])
     with open(f"{config}/audit.log", encoding="utf-8", errors="replace") as stream:
         lines = []
         for line in stream:

@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
 """growth_bench.py BUILD [--json FILE]: how cost grows with what there is to watch.
 
-Each series is measured in turns with its peers, from the smallest size to the largest, five times over, in
-this one run. How the command task grows with tracked processes and rules is CommandTaskBench's. Needs root.
+Each size is measured five times, in turns with its peers and with the other sizes, in this one run. How the command task grows with tracked processes and rules is CommandTaskBench's. Needs root.
 """
 import os
 import shutil
@@ -17,7 +16,7 @@ from harness import (MONITORED, Agent, Peer, main, med, quiet, ratio_of, residen
 from net_bench import DESCRIPTORS, measure_tables
 
 RUNS = 5
-SECONDS = 3
+SECONDS = 5
 RATES = (10, 100, 1000, 0)  # execs a second; 0: as many as one program can start
 LIMIT_EXECS = 5000
 TRACKED = (100, 1000, 5000, 20000)
@@ -33,13 +32,14 @@ def turns(sizes):
 
 
 def cpu_of_execs(pid, storm, count, rate):
-    """Microseconds of a watcher for each exec, its share of a core meanwhile, and execs a second."""
+    """Microseconds of a watcher for each exec, its share of a core meanwhile, and execs a second. What it
+    does without execs is in it, which counts where they are few."""
     quiet(pid)
-    before, start = schedstat_seconds(pid), time.monotonic()
+    before = schedstat_seconds(pid)
     seconds = run_storm(storm, count, rate)
     quiet(pid)
     used = schedstat_seconds(pid) - before
-    return used / count * 1e6, used / (time.monotonic() - start) * 100, count / seconds
+    return used / count * 1e6, used / seconds * 100, count / seconds
 
 
 def measure_rates(build, folder, storm, plain):
@@ -97,7 +97,11 @@ def measure_directories(build, folder):
 
 
 def measure_descriptors(build):
-    return {size: measure_tables(build, size, 3 * size, RUNS)[0] for size in PROCESSES}
+    results = {size: {"bpf": [], "proc": [], "ss": [], "lsof": []} for size in PROCESSES}
+    for size in turns(PROCESSES):
+        for source, milliseconds in measure_tables(build, size, 3 * size, 1)[0].items():
+            results[size][source] += milliseconds
+    return results
 
 
 def medians(results):

@@ -4,6 +4,7 @@ A row of the table says what was measured, our figure, the peer's, the ratio of 
 reached, and whether it was. Raw values go to the JSON file beside the rows.
 """
 import argparse
+import atexit
 import json
 import os
 import signal
@@ -17,6 +18,21 @@ import time
 MONITORED = "qemu-bench"
 COMMAND_POLICY = {"qemu_cmd_detect_feature": {
     "monitor_list": [{"virtcmd": MONITORED, "action": True, "cmdlist": []}]}}
+
+
+def end_with_us(process):
+    """Takes a child along when this program ends early."""
+    def end():
+        if process.poll() is None:
+            process.kill()
+            process.wait()
+    atexit.register(end)
+    return process
+
+
+def end_on_signals():
+    """Lets what has to be undone be undone when somebody ends this program."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended by SIGTERM"))
 
 
 def schedstat_seconds(pid):
@@ -47,11 +63,15 @@ class Agent:
                       "content": content}
             with open(os.path.join(policies, feature + ".json"), "w", encoding="utf-8") as stream:
                 json.dump(policy, stream)
+        # Not the host's own configuration, nor its socket.
+        config = os.path.join(folder, "agent.json")
+        with open(config, "w", encoding="utf-8") as stream:
+            json.dump({"status": {"socket": os.path.join(folder, "socket")}}, stream)
         self.log = open(os.path.join(folder, "agent.log"), "w+b")
-        self.process = subprocess.Popen(
-            [os.path.join(build, "bin/vmescape-agent"), "run", "--policies", policies, "--format",
-             "json", "--log-level", log_level],
-            stdout=subprocess.PIPE, stderr=self.log, env=environment)
+        self.process = end_with_us(subprocess.Popen(
+            [os.path.join(build, "bin/vmescape-agent"), "run", "--config", config, "--policies", policies,
+             "--format", "json", "--log-level", log_level],
+            stdout=subprocess.PIPE, stderr=self.log, env=environment))
         self.alarms = []  # (arrival in ns, line)
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
@@ -105,8 +125,8 @@ class Peer:
     def __init__(self, command, folder, name, cwd=None):
         self.path = os.path.join(folder, name + ".out")
         self.stream = open(self.path, "wb")
-        self.process = subprocess.Popen(command, stdout=self.stream, stderr=subprocess.DEVNULL,
-                                        cwd=cwd)
+        self.process = end_with_us(subprocess.Popen(command, stdout=self.stream,
+                                                    stderr=subprocess.DEVNULL, cwd=cwd))
         time.sleep(1.0)
 
     def stop(self):
@@ -159,7 +179,7 @@ def row(rows, what, ours, peer, target, met, ratio="-"):
 
 def ratio_of(ours, peer):
     """How many times the peer's figure ours is."""
-    return "-" if not peer or ours is None else f"{ours / peer:.2f}"
+    return "-" if ours is None or peer is None or min(ours, peer) <= 0 else f"{ours / peer:.2f}"
 
 
 def main(description, measure):
@@ -168,6 +188,7 @@ def main(description, measure):
     parser.add_argument("build")
     parser.add_argument("--json")
     options = parser.parse_args()
+    end_on_signals()
     with tempfile.TemporaryDirectory() as folder:
         rows, raw = measure(os.path.abspath(options.build), folder)
     for one in rows:

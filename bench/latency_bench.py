@@ -12,7 +12,8 @@ import sys
 import tempfile
 import time
 
-from harness import COMMAND_POLICY, MONITORED, Agent, main, percentile, row, run_storm
+from harness import (COMMAND_POLICY, MONITORED, Agent, end_with_us, main, percentile, row,
+                     run_storm)
 
 SAMPLES = 5000
 RATE = 250  # a second
@@ -30,11 +31,13 @@ class Noise:
 
     def __enter__(self):
         if self.command:
-            self.process = subprocess.Popen(self.command, stdout=subprocess.DEVNULL)
+            self.process = end_with_us(subprocess.Popen(self.command, stdout=subprocess.DEVNULL))
             time.sleep(1)  # until it is in full swing
 
     def __exit__(self, *_):
         if self.process:
+            if self.process.poll() is not None:
+                sys.exit("latency_bench: the load ended before the measurement")
             self.process.kill()
             self.process.wait()
 
@@ -89,6 +92,9 @@ def histogram(values):
 
 
 def latency_row(rows, what, values, target, good):
+    if not values:
+        row(rows, what, "none seen", "-", target, False)
+        return
     p50, p99, p999 = (percentile(values, share) for share in (0.5, 0.99, 0.999))
     row(rows, what, f"p50 {p50:.2f}, p99 {p99:.2f}, p99.9 {p999:.2f}, worst {max(values):.2f} ms, "
         f"{len(values)} of {SAMPLES} seen", "-", target, len(values) == SAMPLES and good(p50, p99))
@@ -104,7 +110,7 @@ def measure(build, folder):
         shutil.copy(program, guest[program])
     root = os.path.join(folder, "tree")
     subprocess.run([opens, "make", root, str(DIRECTORIES)], check=True)
-    execs = [spawn, "storm", "100000000", str(STORM_RATE), "-", "/bin/true", "noise"]
+    execs = [spawn, "storm", str(600 * STORM_RATE), str(STORM_RATE), "-", "/bin/true", "noise"]
     storm_of_opens = [opens, "storm", root, str(DIRECTORIES), "1000000000"]
     for kind, loads in (("exec", (("idle", None), (f"under {STORM_RATE} exec/s", execs))),
                         ("access", (("idle", None), (f"under {STORM_RATE} exec/s", execs),

@@ -19,11 +19,11 @@ import sys
 import tempfile
 import time
 
-from harness import MONITORED, Agent, med, resident_mb, schedstat_seconds
+from harness import MONITORED, Agent, end_on_signals, med, resident_mb, schedstat_seconds
 
 DIRECTORIES = 200
 POLICY_EVERY = 5  # rounds
-PAUSE_AFTER = 8  # rounds
+PAUSE_AFTER = 2  # rounds: in the first third, which is not compared
 MEMORY_SHARE = 1.05  # a twentieth, and a megabyte, is the allocator's to move in
 MEMORY_MB = 1.0
 ROUNDS_NEEDED = 9
@@ -67,12 +67,14 @@ def settle(pid):
         time.sleep(0.3)
 
 
-def wait_for_marks(pid, marks):
+def wait_for_marks(agent, marks):
     """Waits until exactly what the policy names is watched."""
     deadline = time.monotonic() + 30
-    while count(pid)["marks"] != marks:
+    while count(agent.process.pid)["marks"] != marks:
+        if agent.process.poll() is not None:
+            sys.exit("soak: the agent ended:\n" + agent.read_log()[-4000:])
         if time.monotonic() > deadline:
-            sys.exit(f"soak: {count(pid)['marks']} directories are watched, expected {marks}")
+            sys.exit(f"soak: {count(agent.process.pid)['marks']} directories are watched, expected {marks}")
         time.sleep(0.1)
 
 
@@ -167,15 +169,13 @@ def soak(agent, load, agent_folder, seconds, standstill):
         load.round()
         if number % POLICY_EVERY == 0:
             write_policy(agent_folder, [third])
-            wait_for_marks(agent.process.pid, DIRECTORIES + 1)
+            wait_for_marks(agent, DIRECTORIES + 1)
             load.files()
             write_policy(agent_folder, [first, second])
         if number == PAUSE_AFTER and standstill:
             pause(agent, load, standstill)
-        wait_for_marks(agent.process.pid, 2 * (DIRECTORIES + 1))
+        wait_for_marks(agent, 2 * (DIRECTORIES + 1))
         settle(agent.process.pid)
-        if agent.process.poll() is not None:
-            sys.exit("soak: the agent ended:\n" + agent.read_log()[-4000:])
         samples.append(count(agent.process.pid))
         left = end - time.monotonic()
         print(f"soak: round {number}, {max(0, left):.0f} s left: " +
@@ -209,8 +209,12 @@ def main():
     options = parser.parse_args()
     build = os.path.abspath(options.build)
     environment = dict(os.environ)
+    end_on_signals()
+    clock = os.path.join(build, "bin/libMovedClock.so")
+    if not os.path.exists(clock):
+        sys.exit(f"soak: {clock} is missing")
     if options.lapse > 1:
-        environment.update(LD_PRELOAD=os.path.join(build, "bin/libMovedClock.so"),
+        environment.update(LD_PRELOAD=clock,
                            CLOCK_SPEED=str(options.lapse))
     with tempfile.TemporaryDirectory() as folder:
         load = Load(build, folder)

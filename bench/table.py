@@ -65,10 +65,11 @@ def main():
     rows = [*agent["rows"], *latency["rows"], *files["rows"], *net["rows"], *inbox_rows(folder),
             *task_rows(folder, False)]
     print_table("What it has to reach", rows)
-    print_table("How cost grows", [*growth["rows"], *task_rows(folder, True)])
+    growing = [*growth["rows"], *task_rows(folder, True)]
+    print_table("How cost grows", growing)
     print_histograms(latency["raw"])
     with open(os.path.join(folder, "table.json"), "w", encoding="utf-8") as stream:
-        json.dump(rows, stream, indent=1)
+        json.dump({"reach": rows, "growth": growing}, stream, indent=1)
     return 0
 
 

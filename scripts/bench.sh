@@ -8,6 +8,7 @@ cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build/release}")
 results=$build/bench/results
 mkdir -p "$results"
+rm -f "$results"/*
 
 echo "bench: inbox" >&2
 "$build/bench/InboxBench" --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \
@@ -19,7 +20,7 @@ echo "bench: command task" >&2
 # name|what
 while IFS='|' read -r name what; do
     echo "bench: $what" >&2
-    python3 "bench/${name}_bench.py" "$build" --json "$results/$name.json" >/dev/null
+    python3 "bench/${name}_bench.py" "$build" --json "$results/$name.json" </dev/null >/dev/null
 done <<'END'
 agent|agent (several minutes)
 latency|latencies (three minutes)

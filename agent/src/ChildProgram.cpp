@@ -48,6 +48,16 @@ std::array<SDK::UniqueDescriptor, 2> MakeSockets() {
     return {SDK::UniqueDescriptor(ends[0]), SDK::UniqueDescriptor(ends[1])};
 }
 
+/// Gives a descriptor its number for the program that is run. It may have it already, when this
+/// program was started without.
+void TakeAs(int number, int descriptor) {
+    if (number == descriptor) {
+        ::fcntl(descriptor, F_SETFD, 0);
+    } else {
+        ::dup2(descriptor, number);
+    }
+}
+
 milliseconds Left(ChildProgram::Deadline deadline) {
     return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - Clock::now()));
 }
@@ -71,9 +81,9 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
     }
     if (m_pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
-        ::dup2(input[0].Get(), STDIN_FILENO);
-        ::dup2(output.m_write.Get(), STDOUT_FILENO);
-        ::dup2(errors.m_write.Get(), STDERR_FILENO);
+        TakeAs(STDIN_FILENO, input[0].Get());
+        TakeAs(STDOUT_FILENO, output.m_write.Get());
+        TakeAs(STDERR_FILENO, errors.m_write.Get());
         // A parent that ended before the call above would never be missed.
         if (::getppid() == parent) {
             ::execv(program.c_str(), pointers.data());

@@ -151,6 +151,11 @@ const Shape* FindShape(std::string_view feature) {
     return found == kShapes.end() ? nullptr : found;
 }
 
+// Neither a program's name, nor a command, nor a path can hold one: the kernel ends them there.
+constexpr const char* kNoNul = "expected a string without NUL characters (\\u0000)";
+
+bool HasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
+
 void CheckTexts(Findings& check, const Json::Value& object, const std::string& above,
                 const TextList& list) {
     if (!check.Expect(object, above, list.m_key, Json::arrayValue, "a list of strings",
@@ -167,6 +172,10 @@ void CheckTexts(Findings& check, const Json::Value& object, const std::string& a
         const std::string entry = Pointer(place, std::to_string(i));
         if (!texts[i].isString()) {
             check.Error(entry, "expected a non-empty string, found " + DescribeType(texts[i]));
+            continue;
+        }
+        if (HasNul(texts[i].asString())) {
+            check.Error(entry, kNoNul);
             continue;
         }
         const std::string odd = list.m_oddity(texts[i].asString());
@@ -190,6 +199,8 @@ void CheckProgram(Findings& check, const Json::Value& rule, const std::string& a
     const std::string place = Pointer(above, key);
     if (name.empty()) {
         check.Error(place, "expected a non-empty string, found an empty string");
+    } else if (HasNul(name)) {
+        check.Error(place, kNoNul);
     } else if (!seen.insert(name).second) {
         check.Warn(place, "\"" + name + "\" has a rule already; this one is ignored");
     }

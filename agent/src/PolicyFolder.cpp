@@ -73,6 +73,12 @@ int PolicyFolder::ReadAll() {
     } catch (const Poco::Exception& exception) {
         SDK::LogError(Logger(), "Policy folder(%s) cannot be read: %s", m_folder,
                       exception.displayText());
+        return 0;
+    }
+    for (const std::string& name : std::set<std::string>(m_names)) {
+        if (names.count(name) == 0) {
+            Forget(name);
+        }
     }
     int read = 0;
     for (const std::string& name : names) {
@@ -84,8 +90,7 @@ int PolicyFolder::ReadAll() {
 void PolicyFolder::HandleChanges() {
     const Changes changes = CollectChanges();
     for (const std::string& name : changes.m_removed) {
-        SDK::LogWarning(Logger(), "Policy file(%s) is gone, its policy stays in force", name);
-        m_receiver.m_gone(m_folder + '/' + name);
+        Forget(name);
     }
     if (changes.m_folderGone || m_watch < 0) {
         Reattach();
@@ -145,6 +150,9 @@ void PolicyFolder::Reattach() {
         ::inotify_rm_watch(m_descriptor, std::exchange(m_watch, -1));
         SDK::LogWarning(Logger(), "Policy folder(%s) is gone, its policies stay in force",
                         m_folder);
+        for (const std::string& name : std::exchange(m_names, {})) {
+            m_receiver.m_gone(m_folder + '/' + name);
+        }
     }
     if (Watch() || (WatchAbove() && m_watch >= 0)) {
         LogNotice("Policy folder(%s) is there again", m_folder);
@@ -182,10 +190,17 @@ bool PolicyFolder::WatchAbove() {
     return true;
 }
 
+void PolicyFolder::Forget(const std::string& name) {
+    SDK::LogWarning(Logger(), "Policy file(%s) is gone, what was in force stays", name);
+    m_names.erase(name);
+    m_receiver.m_gone(m_folder + '/' + name);
+}
+
 bool PolicyFolder::ReadFile(const std::string& name) {
     const std::string path = m_folder + '/' + name;
     std::vector<Problem> problems;
     std::string text;
+    m_names.insert(name);
     if (const std::string wrong = FileTrust::WhyNot(path); !wrong.empty()) {
         SDK::LogError(Logger(), "Policy(%s) is refused, what was in force stays: %s", path, wrong);
         m_receiver.m_refused(path, wrong);

@@ -57,9 +57,11 @@ private:
     bool WatchAbove();
     void Reattach();
     bool ReadFile(const std::string& name);
+    void Forget(const std::string& name);
 
     const std::string m_folder;
     const Receiver m_receiver;
+    std::set<std::string> m_names;  // of the files that were read or refused
     int m_descriptor = -1;
     int m_watch = -1;       // -1: the folder is not there, and one above it is watched
     int m_watchAbove = -1;  // -1: the folder itself is watched

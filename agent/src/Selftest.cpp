@@ -8,6 +8,7 @@
 #include <Poco/NumberParser.h>
 #include <json/value.h>
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +39,18 @@ constexpr std::chrono::seconds kEndPatience(2);
 constexpr int kPromptS = 5;
 constexpr int kPortS = 20;
 
+// The signal that interrupts the test. What it made is taken away all the same.
+volatile sig_atomic_t g_signal = 0;
+
+void CatchSignals() {
+    struct sigaction action {};
+    // Without SA_RESTART: what waits for a line comes back.
+    action.sa_handler = [](int signal) { g_signal = signal; };
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        ::sigaction(signal, &action, nullptr);
+    }
+}
+
 std::string OwnProgram() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
 
 }  // namespace
@@ -58,6 +71,7 @@ Selftest::~Selftest() {
 }
 
 int Selftest::Run() {
+    CatchSignals();
     WriteFiles();
     if (const int code = StartAgent(); code != EXIT_GOOD) {
         return code;
@@ -74,6 +88,10 @@ int Selftest::Run() {
     };
     for (Step& step : steps) {
         Play(step);
+        if (g_signal != 0) {
+            Complain("interrupted");
+            return EXIT_FAILED;
+        }
     }
     return Report(steps);
 }

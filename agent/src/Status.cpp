@@ -14,6 +14,9 @@ namespace Agent {
 
 namespace {
 
+// Whoever may put files into the folder of policies must not make the answer endless.
+constexpr std::size_t kMaxPolicies = 64;
+
 std::string Time(std::int64_t seconds) {
     return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(seconds),
                                            "%Y-%m-%dT%H:%M:%SZ");
@@ -37,7 +40,7 @@ std::string TaskLine(const Json::Value& task) {
 }
 
 std::string PolicyLine(const Json::Value& policy) {
-    return Poco::format("%-26s%-10s%12s  %s  %s\n", policy["feature"].asString(),
+    return Poco::format("%-26s%-10s%12s  %s  %s\n", Printable(policy["feature"].asString()),
                         std::string(policy.isMember("refused") ? "refused" : "in force"),
                         Number(policy["generation"]), Printable(policy["hash"].asString()),
                         policy["since"].asString());
@@ -114,6 +117,10 @@ void Status::ForgetRefusal(const std::string& feature) {
 
 void Status::RefusePolicy(const std::string& feature, const std::string& path,
                           const std::string& why) {
+    if (m_policies.count(feature) == 0 && m_policies.size() >= kMaxPolicies) {
+        m_unshown = true;
+        return;
+    }
     Policy& policy = m_policies[feature];
     policy.m_path = path;
     policy.m_refusal = why;
@@ -138,6 +145,9 @@ std::vector<std::string> Status::Reasons(const std::vector<SDK::Ledger>& books) 
         if (!policy.m_refusal.empty()) {
             reasons.push_back(Poco::format("Policy(%s) is refused: %s", feature, policy.m_refusal));
         }
+    }
+    if (m_unshown) {
+        reasons.emplace_back("More policies were refused than are shown, the log names them");
     }
     if (!inForce) {
         reasons.emplace_back("No policy is in force, nothing is detected");

@@ -58,6 +58,7 @@ private:
 
     const std::int64_t m_startedS;
     std::map<std::string, Policy> m_policies;
+    bool m_unshown = false;  // there were more than are kept
     std::vector<std::string> m_stuck;
 };
 

@@ -22,6 +22,10 @@ int PrintStatus(const Options& options) {
         }
         path = settings.Get("status.socket");
     }
+    if (path.empty()) {
+        std::cerr << "vmescape-agent: status.socket is empty: the agent answers nowhere\n";
+        return EXIT_FAILED;
+    }
     std::string answer;
     const std::string wrong = StatusServer::Ask(path, answer);
     if (!wrong.empty()) {

@@ -2,6 +2,11 @@
 
 #include "LiveTest.h"
 #include "sdk/JsonUtils.h"
+#include "support/WaitUntil.h"
+
+#include <signal.h>
+
+#include <filesystem>
 
 namespace {
 
@@ -31,6 +36,30 @@ TEST_F(Selftest, ShowsTheAlarmOfEachClassAndHowLongItTook) {
     EXPECT_EQ(alarms["command"]["event_classid"].asString(), "vmescape_0001");
     EXPECT_EQ(alarms["file"]["event_classid"].asString(), "vmescape_0002");
     EXPECT_EQ(alarms["port"]["event_classid"].asString(), "vmescape_0003");
+}
+
+TEST_F(Selftest, LeavesNothingBehindWhenItIsInterrupted) {
+    const auto folders = [] {
+        std::size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+            count += entry.path().filename().string().rfind("vmescape-selftest-", 0) == 0 ? 1 : 0;
+        }
+        return count;
+    };
+    const std::size_t before = folders();
+    ChildProcess selftest({kAgent, "selftest"});
+    // The port is looked at every ten seconds: there is time.
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return folders() == before + 1; }));
+    selftest.Signal(SIGTERM);
+    EXPECT_EQ(selftest.Wait(), 1);
+    EXPECT_EQ(folders(), before);
+    EXPECT_NE(selftest.Errors().find("selftest: "), std::string::npos) << selftest.Errors();
+}
+
+TEST_F(Selftest, WorksWithoutAStandardInput) {
+    const ChildProcess::Result result =
+        ChildProcess::Run({"/bin/sh", "-c", kAgent + " selftest <&-"}, std::chrono::seconds(60));
+    EXPECT_EQ(result.m_status, 0) << result.m_output << result.m_errors;
 }
 
 TEST_F(Selftest, FailsWhenAModuleThatDetectsIsMissing) {

@@ -1,10 +1,9 @@
 // To be preloaded: moves what time(2) tells. Clocks for waiting are left alone.
 //
-//   CLOCK_SPEED=N    from the program's start on it runs N times as fast: what the detection
-//   forgets
-//                    after minutes it then forgets after moments
-//   CLOCK_SHIFT=FILE the seconds in FILE, eight bytes in this machine's order, are added, whatever
-//                    stands there at the time
+//   CLOCK_SPEED=N     from the program's start on it runs N times as fast
+//   CLOCK_SHIFT=FILE  the seconds that FILE holds, as eight bytes, are added at each call
+//
+// What the detection forgets after minutes it then forgets after moments.
 
 #include <fcntl.h>
 #include <sys/mman.h>

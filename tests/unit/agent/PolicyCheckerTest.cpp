@@ -134,6 +134,15 @@ TEST_F(PolicyChecker, RefusesWrongTypesInARule) {
                              "found a number"});
 }
 
+TEST_F(PolicyChecker, RefusesNamesThatNoProcessCanHave) {
+    Rules()[1]["virtcmd"] = std::string("qemu\0kvm", 8);
+    Rules()[1]["cmdlist"][0] = std::string("id\0", 3);
+    EXPECT_EQ(Check(), (Lines{"/content/monitor_list/1/virtcmd: expected a string without NUL "
+                              "characters (\\u0000)",
+                              "/content/monitor_list/1/cmdlist/0: expected a string without NUL "
+                              "characters (\\u0000)"}));
+}
+
 TEST_F(PolicyChecker, WarnsOfACommandWithoutName) {
     Rules()[0]["cmdlist"].append("");
     EXPECT_EQ(Check(), Lines{"/content/monitor_list/0/cmdlist/1: warning: an empty string names "

@@ -130,7 +130,7 @@ TEST_F(PolicyFolder, SaysThatARemovedPolicyStaysInForce) {
     Start(m_files.Path());
     fs::remove(m_files / "a.json");
     EXPECT_EQ(Handle(), Reads());
-    EXPECT_EQ(m_log.Count(kWarning, "Policy file(a.json) is gone, its policy stays in force"), 1U);
+    EXPECT_EQ(m_log.Count(kWarning, "Policy file(a.json) is gone, what was in force stays"), 1U);
 }
 
 TEST_F(PolicyFolder, DoesNotCallAFileGoneThatAnEditorExchanged) {
@@ -140,6 +140,30 @@ TEST_F(PolicyFolder, DoesNotCallAFileGoneThatAnEditorExchanged) {
     m_files.Write("a.json", "2");
     EXPECT_EQ(Handle(), Reads{"a.json=2"});
     EXPECT_FALSE(m_log.Contains("is gone"));
+}
+
+TEST_F(PolicyFolder, TellsOfEveryFileThatWentWithItsFolder) {
+    fs::create_directory(m_files / "p");
+    m_files.Write("p/a.json", "1");
+    m_files.Write("p/b.json", "2");
+    Start(m_files / "p");
+    m_folder->ReadAll();
+    fs::rename(m_files / "p", m_files / "q");
+    fs::create_directory(m_files / "p");
+    m_files.Write("p/a.json", "3");
+    Handle();
+    EXPECT_EQ(m_gone, (std::vector<std::string>{"a.json", "b.json"}));
+    EXPECT_EQ(m_reads.back(), "a.json=3");
+}
+
+TEST_F(PolicyFolder, TellsOfFilesThatAreMissingWhenAllAreRead) {
+    m_files.Write("a.json", "1");
+    m_files.Write("b.json", "2");
+    Start(m_files.Path());
+    m_folder->ReadAll();
+    fs::remove(m_files / "b.json");
+    EXPECT_EQ(m_folder->ReadAll(), 1);
+    EXPECT_EQ(m_gone, std::vector<std::string>{"b.json"});
 }
 
 TEST_F(PolicyFolder, RefusesAFileThatIsTooLarge) {

@@ -89,6 +89,27 @@ TEST_F(Status, IsDegradedByTheTroubleOfACollectorOrAnOutput) {
     EXPECT_EQ(document["reasons"][0].asString(), books.m_trouble);
 }
 
+TEST_F(Status, KeepsRefusalsOfAtMost64PoliciesAndSaysThatThereAreMore) {
+    Take();
+    for (int i = 0; i < 63; ++i) {
+        m_status.RefusePolicy("junk" + std::to_string(i), "/p/x", "why");
+    }
+    EXPECT_EQ(m_status.Document({}, {})["reasons"].size(), 63U);
+    m_status.RefusePolicy("one too many", "/p/x", "why");
+    m_status.RefusePolicy("f", "/p/f.json", "why");
+    const Json::Value document = m_status.Document({}, {});
+    EXPECT_EQ(document["policies"].size(), 64U);
+    EXPECT_EQ(document["reasons"].size(), 65U);
+    EXPECT_EQ(document["reasons"][64].asString(),
+              "More policies were refused than are shown, the log names them");
+}
+
+TEST_F(Status, AsTextShowsNoControlCharactersOfFileNames) {
+    m_status.RefusePolicy("\x1b]0;owned\a", "/p/x", "why");
+    const std::string text = Agent::Status::ToText(m_status.Document({}, {}));
+    EXPECT_EQ(text.find_first_of("\x1b\a"), std::string::npos) << text;
+}
+
 TEST_F(Status, AsTextNamesTheReasonsOfWhatDidNotArrive) {
     SDK::Ledger books = AlarmBooks();
     books.m_by = "file:/tmp/\x1b[2J";

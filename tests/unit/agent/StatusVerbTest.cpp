@@ -88,6 +88,13 @@ TEST_F(StatusVerb, AsksAtTheSocketOfTheConfiguration) {
     EXPECT_NE(m_complaint.find("at " + options.m_socket), std::string::npos) << m_complaint;
 }
 
+TEST_F(StatusVerb, SaysSoWhenTheConfigurationLetsTheAgentAnswerNowhere) {
+    m_options.m_config = m_folder.Write("agent.json", R"({"status":{"socket":""}})");
+    m_options.m_socket.clear();
+    EXPECT_EQ(Ask(), Agent::EXIT_FAILED);
+    EXPECT_EQ(m_complaint, "vmescape-agent: status.socket is empty: the agent answers nowhere\n");
+}
+
 TEST_F(StatusVerb, EndsWithSixWhenTheConfigurationIsWrong) {
     m_options.m_config = m_folder.Write("agent.json", "[]");
     m_options.m_socket.clear();
