@@ -1,8 +1,25 @@
 #!/bin/bash
 # service_life.sh UNIT AGENT FOLDER: runs the agent as the service manager runs it, sandbox and watchdog
 # included: in a manager of its own, below a copy of the unit file that only has other paths and a shorter
-# watchdog. Run it in a mount namespace of its own. Ends with 77 where no such manager starts.
+# watchdog. Ends with 77 where no such manager starts.
 set -eu
+
+# A manager takes the control group that it sees as the root of all for its own, moves everybody in it, and
+# limits them. So it is shown one that was made for it.
+if [ "${1:-}" != --inside ]; then
+    tree=$(findmnt --noheadings --output TARGET --types cgroup2 | head -1)
+    [ -n "$tree" ] || exit 77
+    group=$tree/vmescape-test-$$
+    mkdir "$group"
+    trap 'find "$group" -depth -type d -exec rmdir {} +' EXIT
+    status=0
+    setpriv --pdeathsig KILL bash -c 'echo $$ >"$1/cgroup.procs"; shift; exec "$@"' - "$group" \
+        unshare --mount --cgroup --propagation private "$0" --inside "$@" || status=$?
+    exit "$status"
+fi
+shift
+mount -t cgroup2 none /sys/fs/cgroup
+
 unit=$1
 agent=$2
 folder=$(realpath "$3")
@@ -31,9 +48,9 @@ chmod 755 "$folder"
 mkdir -p -m 700 "$folder/run"
 mkdir -p "$folder/.config/systemd/user" "$folder/policies" "$folder/secrets"
 export XDG_RUNTIME_DIR=$folder/run HOME=$folder
-/lib/systemd/systemd --user --log-target=console >"$folder/log" 2>&1 &
+setpriv --pdeathsig TERM /lib/systemd/systemd --user --log-target=console >"$folder/log" 2>&1 &
 manager=$!
-trap 'kill $manager; wait $manager || true' EXIT
+trap 'kill $manager 2>/dev/null || true; wait $manager || true' EXIT
 answers() { manage is-system-running 2>&1 | grep -qE 'running|degraded'; }
 wait_for 20 answers || exit 77
 
