@@ -7,6 +7,7 @@
 #include <Poco/File.h>
 #include <Poco/Format.h>
 #include <Poco/NumberParser.h>
+#include <Poco/RegularExpression.h>
 #include <Poco/StringTokenizer.h>
 
 #include <algorithm>
@@ -86,17 +87,18 @@ std::string Expected(const Row& row) {
         return "a list of strings";
     }
     if (row.m_kind == Kind::OUTPUTS) {
-        return "stdout or file:PATH, or several of them";
+        return "stdout, file:PATH, syslog, syslog:unix:PATH or syslog:tcp:HOST:PORT, or several of "
+               "them";
     }
     return *row.m_allowed == '\0' ? std::string("a string")
                                   : "one of: " + std::string(row.m_allowed);
 }
 
-/// "stdout" or "file:PATH", with or without a format before it.
+/// One place for alarms, with or without a format before it.
 bool IsOutput(const std::string& text) {
-    const std::string bare = text.substr(
-        text.rfind("text:", 0) == 0 || text.rfind("json:", 0) == 0 ? text.find(':') + 1 : 0);
-    return bare == "stdout" || (bare.rfind("file:", 0) == 0 && bare != "file:");
+    static const Poco::RegularExpression output(
+        "^((text|json):)?(stdout|file:.+|syslog|syslog:unix:/.+|syslog:tcp:.+:[0-9]{1,5})$");
+    return output.match(text);
 }
 
 bool AreOutputs(const std::string& text) {

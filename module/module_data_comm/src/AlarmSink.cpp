@@ -3,10 +3,9 @@
 #include "DataCommLog.h"
 #include "sdk/TimeUtils.h"
 
-#include <Poco/Error.h>
 #include <Poco/Format.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -16,6 +15,10 @@ namespace {
 
 constexpr std::chrono::seconds kDrainTime{2};
 
+// Between two tries to write to a place that may come back.
+constexpr std::chrono::milliseconds kFirstPause{100};
+constexpr std::chrono::milliseconds kLongestPause{5000};
+
 // Reasons of losses.
 constexpr const char* kQueueFull = "queue_full";
 constexpr const char* kNotWritten = "not_written";
@@ -24,7 +27,7 @@ unsigned long Shown(std::uint64_t count) { return static_cast<unsigned long>(cou
 
 }  // namespace
 
-AlarmSink::AlarmSink(std::unique_ptr<LineWriter> writer, AlarmFormatter formatter,
+AlarmSink::AlarmSink(std::unique_ptr<AlarmWriter> writer, AlarmFormatter formatter,
                      std::size_t capacity)
     : m_writer(std::move(writer)),
       m_formatter(formatter),
@@ -68,10 +71,11 @@ void AlarmSink::Stop() {
     m_writer->SetDeadline(std::chrono::steady_clock::now() + kDrainTime);
     m_thread.join();
     const SDK::Ledger books = GetLedger();
-    SDK::LogInformation(GetDataCommLogger(),
-                        "Output(%s) ends: %lu alarms written, %lu dropped, %lu failed", books.m_by,
-                        Shown(books.m_delivered), Shown(books.m_lost.at(kQueueFull)),
-                        Shown(books.m_lost.at(kNotWritten)));
+    SDK::Log(GetDataCommLogger(),
+             books.Lost() > 0 ? Poco::Message::PRIO_WARNING : Poco::Message::PRIO_INFORMATION,
+             "Output(%s) ends: %lu alarms written, %lu dropped, %lu failed", books.m_by,
+             Shown(books.m_delivered), Shown(books.m_lost.at(kQueueFull)),
+             Shown(books.m_lost.at(kNotWritten)));
 }
 
 SDK::Ledger AlarmSink::GetLedger() const {
@@ -118,11 +122,40 @@ bool AlarmSink::Take(std::string& document) {
 }
 
 void AlarmSink::Write(const std::string& document) {
-    if (m_writer->Write(m_formatter.Format(document))) {
-        CountWritten();
-    } else {
-        CountFailed(Poco::Error::getMessage(errno));
+    const std::string line = m_formatter.Format(document);
+    std::string why;
+    std::chrono::milliseconds pause = kFirstPause;
+    while (!m_writer->Write(line, why)) {
+        const bool retry = m_writer->ShouldRetry();
+        if (!retry) {
+            CountFailed();
+        }
+        NoteTrouble(why);
+        if (!retry) {
+            return;
+        }
+        if (!Rest(pause)) {
+            CountFailed();
+            return;
+        }
+        pause = std::min(2 * pause, kLongestPause);
     }
+    CountWritten();
+}
+
+/// Waits before another try. While the sink stops, the pauses are short, as there is little time.
+/// @return false when there is no time for another try
+bool AlarmSink::Rest(std::chrono::milliseconds pause) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + pause;
+    const Clock::time_point shortEnd = Clock::now() + kFirstPause;
+    m_mutex.lock();
+    while (Clock::now() < (m_stopping ? shortEnd : end)) {
+        m_changed.wait_until(m_mutex, m_stopping ? shortEnd : end);
+    }
+    const bool stopping = m_stopping;
+    m_mutex.unlock();
+    return !stopping || !m_writer->DeadlinePassed();
 }
 
 void AlarmSink::CountWritten() {
@@ -142,12 +175,17 @@ void AlarmSink::CountWritten() {
                         m_writer->Name(), Shown(failed));
 }
 
-void AlarmSink::CountFailed(const std::string& why) {
+void AlarmSink::CountFailed() {
+    const SDK::LockGuard lock(m_mutex);
+    m_writing = false;
+    ++m_failed;
+}
+
+void AlarmSink::NoteTrouble(const std::string& why) {
     std::uint64_t failed = 0;
     {
         const SDK::LockGuard lock(m_mutex);
-        m_writing = false;
-        failed = ++m_failed;
+        failed = m_failed;
         if (!std::exchange(m_trouble, why).empty()) {
             return;
         }

@@ -1,10 +1,11 @@
 #pragma once
 
 #include "AlarmFormatter.h"
-#include "LineWriter.h"
+#include "AlarmWriter.h"
 #include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +17,8 @@
 namespace Engine {
 
 /// One place where alarms go, with a bounded queue and a thread of its own: a place that is slow,
-/// full or gone costs its own alarms only.
+/// full or gone costs its own alarms only. Where the place may come back, an alarm is kept and
+/// tried again, after pauses of 100 ms up to five seconds.
 ///
 /// Threads: Offer and the counters on any thread; Stop once.
 class AlarmSink {
@@ -24,7 +26,7 @@ public:
     /// @param writer     where lines go; owned by the sink
     /// @param formatter  how a document becomes a line
     /// @param capacity   documents that may wait
-    AlarmSink(std::unique_ptr<LineWriter> writer, AlarmFormatter formatter, std::size_t capacity);
+    AlarmSink(std::unique_ptr<AlarmWriter> writer, AlarmFormatter formatter, std::size_t capacity);
     ~AlarmSink();
     AlarmSink(const AlarmSink&) = delete;
     AlarmSink& operator=(const AlarmSink&) = delete;
@@ -44,10 +46,12 @@ private:
     void Run();
     bool Take(std::string& document);
     void Write(const std::string& document);
+    bool Rest(std::chrono::milliseconds pause);
     void CountWritten();
-    void CountFailed(const std::string& why);
+    void CountFailed();
+    void NoteTrouble(const std::string& why);
 
-    const std::unique_ptr<LineWriter> m_writer;
+    const std::unique_ptr<AlarmWriter> m_writer;
     const AlarmFormatter m_formatter;
     const std::size_t m_capacity;
 

@@ -5,6 +5,7 @@
 #include "DataCommLog.h"
 #include "LineWriter.h"
 #include "ReportTask.h"
+#include "SyslogWriter.h"
 #include "sdk/StrUtils.h"
 
 #include <Poco/Util/Application.h>
@@ -22,18 +23,31 @@ namespace {
 
 constexpr int kDefaultQueue = 8192;
 constexpr const char* kFilePrefix = "file:";
+constexpr const char* kSyslog = "syslog";
+constexpr const char* kSyslogPrefix = "syslog:";
 constexpr const char* kFormats[] = {"text", "json"};
 
 using Settings = Poco::Util::AbstractConfiguration;
 
 /// The output that the configuration names, or null when it cannot be opened (logged).
-std::unique_ptr<LineWriter> OpenOutput(const std::string& output) {
+std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
+    const auto behind = [&output](const char* prefix) {
+        return output.substr(std::char_traits<char>::length(prefix));
+    };
     if (output.rfind(kFilePrefix, 0) == 0) {
-        return LineWriter::OpenFile(output.substr(std::char_traits<char>::length(kFilePrefix)));
+        return LineWriter::OpenFile(behind(kFilePrefix));
+    }
+    if (output == kSyslog) {
+        return SyslogWriter::Open("");
+    }
+    if (output.rfind(kSyslogPrefix, 0) == 0) {
+        return SyslogWriter::Open(behind(kSyslogPrefix));
     }
     if (output != "stdout") {
         SDK::LogError(GetDataCommLogger(),
-                      "report.output(%s) is not understood, expected stdout or file:PATH", output);
+                      "report.output(%s) is not understood, expected stdout, file:PATH, syslog, "
+                      "syslog:unix:PATH or syslog:tcp:HOST:PORT",
+                      output);
         return nullptr;
     }
     return std::make_unique<LineWriter>(STDOUT_FILENO, "stdout");
@@ -62,7 +76,7 @@ AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format
 /// @return null when the output cannot be had (logged)
 std::unique_ptr<AlarmSink> MakeSink(const Settings& settings, std::string output) {
     const std::string format = TakeFormat(output, settings.getString("report.format", "auto"));
-    std::unique_ptr<LineWriter> writer = OpenOutput(output);
+    std::unique_ptr<AlarmWriter> writer = OpenOutput(output);
     if (writer == nullptr) {
         return nullptr;
     }

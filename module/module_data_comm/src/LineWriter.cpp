@@ -41,7 +41,7 @@ bool IsSameFile(const std::string& path, int descriptor) {
 }  // namespace
 
 LineWriter::LineWriter(int descriptor, std::string name)
-    : m_descriptor(descriptor), m_name(std::move(name)) {}
+    : AlarmWriter(std::move(name)), m_descriptor(descriptor) {}
 
 LineWriter::~LineWriter() {
     if (m_isFile) {
@@ -61,41 +61,34 @@ std::unique_ptr<LineWriter> LineWriter::OpenFile(const std::string& path) {
     return writer;
 }
 
-bool LineWriter::Write(const std::string& line) {
+bool LineWriter::Write(const std::string& line, std::string& why) {
     FollowRename();
     const off_t before = m_isFile ? ::lseek(m_descriptor, 0, SEEK_END) : -1;
     if (WriteAll(line + '\n')) {
         return true;
     }
-    const int error = errno;
+    why = Poco::Error::getMessage(errno);
     if (before >= 0) {
         // Fails on devices, which keep nothing anyway.
         [[maybe_unused]] const int result = ::ftruncate(m_descriptor, before);
     }
-    errno = error;
     return false;
-}
-
-void LineWriter::SetDeadline(TimePoint deadline) { m_deadline = deadline; }
-
-bool LineWriter::DeadlinePassed() const {
-    return std::chrono::steady_clock::now() >= m_deadline.load();
 }
 
 bool LineWriter::IsTerminal() const { return ::isatty(m_descriptor) == 1; }
 
 void LineWriter::FollowRename() {
-    if (!m_isFile || IsSameFile(m_name, m_descriptor)) {
+    if (!m_isFile || IsSameFile(Name(), m_descriptor)) {
         return;
     }
-    const int descriptor = OpenToAppend(m_name);
+    const int descriptor = OpenToAppend(Name());
     if (descriptor < 0) {
         // The old file still takes lines, and the next line tries again.
         return;
     }
     ::close(std::exchange(m_descriptor, descriptor));
     SDK::LogInformation(GetDataCommLogger(), "Output file(%s) was moved away, it is made anew",
-                        m_name);
+                        Name());
 }
 
 bool LineWriter::WaitWritable() const {

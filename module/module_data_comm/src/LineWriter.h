@@ -1,7 +1,7 @@
 #pragma once
 
-#include <atomic>
-#include <chrono>
+#include "AlarmWriter.h"
+
 #include <memory>
 #include <string>
 
@@ -11,18 +11,13 @@ namespace Engine {
 /// so that the file never holds a torn one. A file that was renamed or removed, as log rotation
 /// does, is made anew.
 ///
-/// Threads: Write on one thread; SetDeadline on any.
 /// Ownership: closes the descriptor of a file that it opened; leaves others alone.
-class LineWriter {
+class LineWriter : public AlarmWriter {
 public:
-    using TimePoint = std::chrono::steady_clock::time_point;
-
     /// Writes to a descriptor that stays the caller's.
     /// @param name  for the log
     LineWriter(int descriptor, std::string name);
-    ~LineWriter();
-    LineWriter(const LineWriter&) = delete;
-    LineWriter& operator=(const LineWriter&) = delete;
+    ~LineWriter() override;
 
     /// Opens a file to append to; a new one may be read by its owner and group. A named pipe must
     /// have a reader.
@@ -30,17 +25,11 @@ public:
     static std::unique_ptr<LineWriter> OpenFile(const std::string& path);
 
     /// Writes a line and its end. Waits while a pipe is full, until the deadline.
-    /// @return false when it could not be written; errno says why (ETIMEDOUT: the deadline)
-    bool Write(const std::string& line);
+    bool Write(const std::string& line, std::string& why) override;
 
-    /// Ends all waiting at a point in time, now and later. Before the first call there is no end.
-    void SetDeadline(TimePoint deadline);
-    bool DeadlinePassed() const;
-
-    /// Whether a person reads along.
-    bool IsTerminal() const;
-
-    const std::string& Name() const { return m_name; }
+    /// Never: a pipe may have taken a part of the line.
+    bool ShouldRetry() const override { return false; }
+    bool IsTerminal() const override;
 
 private:
     void FollowRename();
@@ -48,9 +37,7 @@ private:
     bool WriteAll(const std::string& text) const;
 
     int m_descriptor;
-    const std::string m_name;  // of a file: its path
-    bool m_isFile = false;
-    std::atomic<TimePoint> m_deadline{TimePoint::max()};
+    bool m_isFile = false;  // whose path is the writer's name
 };
 
 }  // namespace Engine

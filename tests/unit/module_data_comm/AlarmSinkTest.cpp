@@ -1,5 +1,6 @@
 #include "AlarmSink.h"
 
+#include "LineWriter.h"
 #include "SinkBooks.h"
 #include "TestPipe.h"
 #include "support/CapturedLog.h"

@@ -1,5 +1,6 @@
 #include "ReportTask.h"
 
+#include "LineWriter.h"
 #include "SinkBooks.h"
 #include "TestPipe.h"
 #include "framework/Engine.h"

@@ -1,0 +1,238 @@
+#include "SyslogWriter.h"
+
+#include "AlarmSink.h"
+#include "SinkBooks.h"
+#include "support/CapturedLog.h"
+#include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
+
+#include <Poco/Environment.h>
+#include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+
+namespace {
+
+using Engine::AlarmFormatter;
+using Engine::AlarmSink;
+using Engine::SyslogWriter;
+using Poco::Net::SocketAddress;
+using TestSupport::WaitUntil;
+
+/// What stands before every alarm, but for the time.
+std::string Head() {
+    return ' ' + Poco::Environment::nodeName() + " vmescape-agent " + std::to_string(::getpid()) +
+           " ALARM - ";
+}
+
+/// A server of the local kind.
+class LocalServer {
+public:
+    explicit LocalServer(const std::string& path) {
+        std::filesystem::remove(path);
+        m_socket.bind(SocketAddress(SocketAddress::UNIX_LOCAL, path));
+        m_socket.setReceiveTimeout(Poco::Timespan(20, 0));
+    }
+    std::string Receive() {
+        std::array<char, 65536> buffer{};
+        const int size = m_socket.receiveBytes(buffer.data(), static_cast<int>(buffer.size()));
+        return {buffer.data(), static_cast<std::size_t>(size)};
+    }
+
+private:
+    Poco::Net::DatagramSocket m_socket{SocketAddress::UNIX_LOCAL};
+};
+
+/// A server on TCP, on a port of its own.
+class TcpServer {
+public:
+    explicit TcpServer(std::uint16_t port = 0) {
+        m_listener.bind(SocketAddress("127.0.0.1", port), true);
+        m_listener.listen();
+    }
+    std::string Place() const { return "tcp:127.0.0.1:" + std::to_string(Port()); }
+    std::uint16_t Port() const { return m_listener.address().port(); }
+
+    void Accept() {
+        m_connection = m_listener.acceptConnection();
+        m_connection.setReceiveTimeout(Poco::Timespan(20, 0));
+    }
+
+    /// The next frame, by its length.
+    std::string Receive() {
+        std::string length;
+        for (char byte = Byte(); byte != ' '; byte = Byte()) {
+            length += byte;
+        }
+        std::string message(std::stoul(length), '\0');
+        for (char& byte : message) {
+            byte = Byte();
+        }
+        return message;
+    }
+
+private:
+    char Byte() {
+        char byte = 0;
+        if (m_connection.receiveBytes(&byte, 1) != 1) {
+            throw Poco::Exception("the connection has ended");
+        }
+        return byte;
+    }
+
+    Poco::Net::ServerSocket m_listener;
+    Poco::Net::StreamSocket m_connection;
+};
+
+class Syslog : public testing::Test {
+protected:
+    std::string Why(SyslogWriter& writer, const std::string& alarm = "alarm") {
+        std::string why;
+        EXPECT_FALSE(writer.Write(alarm, why));
+        return why;
+    }
+    bool Put(SyslogWriter& writer, const std::string& alarm) {
+        std::string why;
+        const bool written = writer.Write(alarm, why);
+        EXPECT_EQ(why, "");
+        return written;
+    }
+
+    TestSupport::CapturedLog m_log;
+    TestSupport::TemporaryFolder m_folder;
+    const std::string m_path = m_folder / "log";
+};
+
+TEST_F(Syslog, MessagesHaveTheHeaderOfTheProtocolsFirstVersion) {
+    const Poco::Timestamp when(Poco::Timestamp::fromEpochTime(86400) + 1500);
+    // 81: facility authpriv (10), severity alert (1).
+    EXPECT_EQ(SyslogWriter::Message(R"({"a":1})", "host-1", 812, when),
+              R"(<81>1 1970-01-02T00:00:00.001500Z host-1 vmescape-agent 812 ALARM - {"a":1})");
+}
+
+TEST_F(Syslog, MessagesNameNoHostThatWouldBreakTheirHeader) {
+    EXPECT_NE(SyslogWriter::Message("x", "", 1, {}).find("Z - vmescape"), std::string::npos);
+    EXPECT_NE(SyslogWriter::Message("x", "a b\nc\xff", 1, {}).find("Z abc vmescape"),
+              std::string::npos);
+    EXPECT_NE(SyslogWriter::Message("x", std::string(300, 'h'), 1, {})
+                  .find(' ' + std::string(255, 'h') + " vmescape"),
+              std::string::npos);
+}
+
+TEST_F(Syslog, GivesTheLocalServerOneMessageADatagram) {
+    LocalServer server(m_path);
+    const auto writer = SyslogWriter::Open("unix:" + m_path);
+    EXPECT_EQ(writer->Name(), "syslog:unix:" + m_path);
+    ASSERT_TRUE(Put(*writer, "one"));
+    ASSERT_TRUE(Put(*writer, "two"));
+    EXPECT_TRUE(server.Receive().ends_with(Head() + "one"));
+    EXPECT_TRUE(server.Receive().ends_with(Head() + "two"));
+}
+
+TEST_F(Syslog, FindsTheLocalServerAgainAfterItWasStartedAnew) {
+    const auto writer = SyslogWriter::Open("unix:" + m_path);
+    EXPECT_NE(Why(*writer), "");
+    EXPECT_TRUE(writer->ShouldRetry());
+    {
+        LocalServer server(m_path);
+        ASSERT_TRUE(Put(*writer, "one"));
+        server.Receive();
+    }
+    EXPECT_NE(Why(*writer), "");
+    EXPECT_TRUE(writer->ShouldRetry());
+    LocalServer server(m_path);
+    ASSERT_TRUE(Put(*writer, "two"));
+    EXPECT_TRUE(server.Receive().ends_with("two"));
+}
+
+TEST_F(Syslog, DoesNotTryAgainWhatIsTooLongForADatagram) {
+    LocalServer server(m_path);
+    const auto writer = SyslogWriter::Open("unix:" + m_path);
+    EXPECT_NE(Why(*writer, std::string(4 << 20, 'x')), "");
+    EXPECT_FALSE(writer->ShouldRetry());
+    ASSERT_TRUE(Put(*writer, "next"));
+    EXPECT_TRUE(server.Receive().ends_with("next"));
+}
+
+TEST_F(Syslog, SendsTheLengthBeforeEachMessageOverTcp) {
+    TcpServer server;
+    const auto writer = SyslogWriter::Open(server.Place());
+    ASSERT_TRUE(Put(*writer, "one\nwith two lines"));
+    ASSERT_TRUE(Put(*writer, std::string(100000, 'x')));
+    server.Accept();
+    EXPECT_TRUE(server.Receive().ends_with(Head() + "one\nwith two lines"));
+    EXPECT_TRUE(server.Receive().ends_with(Head() + std::string(100000, 'x')));
+}
+
+TEST_F(Syslog, ConnectsAnewWhenTheServerHasGone) {
+    auto server = std::make_unique<TcpServer>();
+    const std::uint16_t port = server->Port();
+    const auto writer = SyslogWriter::Open(server->Place());
+    ASSERT_TRUE(Put(*writer, "one"));
+    server->Accept();
+    server->Receive();
+    server.reset();
+    EXPECT_NE(Why(*writer), "") << "the end of the connection is noticed before anything is sent";
+    EXPECT_TRUE(writer->ShouldRetry());
+    server = std::make_unique<TcpServer>(port);
+    ASSERT_TRUE(Put(*writer, "two"));
+    server->Accept();
+    EXPECT_TRUE(server->Receive().ends_with("two"));
+}
+
+TEST_F(Syslog, KeepsAlarmsUntilTheServerIsThere) {
+    auto server = std::make_unique<TcpServer>();
+    const std::uint16_t port = server->Port();
+    const std::string place = server->Place();
+    server.reset();
+    AlarmSink sink(SyslogWriter::Open(place), AlarmFormatter(AlarmFormatter::Style::JSON, false),
+                   2);
+    sink.Offer("one");
+    ASSERT_TRUE(WaitUntil([&] { return !sink.GetLedger().m_trouble.empty(); }));
+    EXPECT_EQ(BooksOf(sink).m_waiting, 1U) << "the one that is tried again counts as waiting";
+    for (const char* alarm : {"two", "three", "four"}) {
+        sink.Offer(alarm);
+    }
+    EXPECT_EQ(Dropped(sink), 1U);
+    server = std::make_unique<TcpServer>(port);
+    server->Accept();
+    for (const char* alarm : {"one", "two", "three"}) {
+        EXPECT_TRUE(server->Receive().ends_with(alarm)) << alarm;
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Written(sink) == 3; }));
+    EXPECT_EQ(sink.GetLedger().m_trouble, "");
+    EXPECT_EQ(Failed(sink), 0U);
+    EXPECT_EQ(m_log.Texts(Poco::Message::PRIO_ERROR).size(), 2U)
+        << "the trouble and the full queue, once each";
+    EXPECT_TRUE(m_log.Contains("can be written again. 0 alarms failed so far."));
+}
+
+TEST_F(Syslog, DoesNotHoldUpTheStopForAServerThatIsNotThere) {
+    AlarmSink sink(SyslogWriter::Open("unix:" + m_path),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    for (int i = 0; i < 5; ++i) {
+        sink.Offer("alarm");
+    }
+    sink.Stop();
+    EXPECT_EQ(Failed(sink) + Dropped(sink), 5U);
+}
+
+TEST_F(Syslog, RefusesAPlaceThatItDoesNotKnow) {
+    for (const char* place : {"udp:host:514", "tcp:host", "unix:", "somewhere"}) {
+        m_log.Clear();
+        EXPECT_EQ(SyslogWriter::Open(place), nullptr) << place;
+        EXPECT_TRUE(m_log.Contains("report.output(syslog:" + std::string(place) +
+                                   ") is not understood, expected syslog, syslog:unix:PATH or "
+                                   "syslog:tcp:HOST:PORT"));
+    }
+    EXPECT_EQ(SyslogWriter::Open("")->Name(), "syslog");
+}
+
+}  // namespace
