@@ -42,6 +42,7 @@ dpkg-dev|finds what the Debian package depends on
 file|tells which of its files are programs
 lintian|checks the Debian package
 procps|process tools for scripts
+rsyslog|the syslog server that a live test sends alarms to
 '
 
 missing=()

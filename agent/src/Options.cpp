@@ -28,7 +28,8 @@ void AddRun(CLI::App& app, Options& options) {
     AddSetting(*run, options, "--modules", "modules", "Folder of the modules");
     AddSetting(*run, options, "--format", "report.format", "Alarms as text or json");
     AddSetting(*run, options, "--output", "report.output",
-               "Alarms to stdout or file:PATH, or several with commas");
+               "Alarms to stdout, file:PATH, syslog, syslog:unix:PATH or syslog:tcp:HOST:PORT, "
+               "or several with commas");
     AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
     run->add_option_function<std::vector<std::string>>(
            "-o",

@@ -170,9 +170,9 @@ void AlarmSink::CountWritten() {
         }
         failed = m_failed;
     }
-    SDK::LogInformation(GetDataCommLogger(),
-                        "Output(%s) can be written again. %lu alarms failed so far.",
-                        m_writer->Name(), Shown(failed));
+    SDK::Log(GetDataCommLogger(), Poco::Message::PRIO_NOTICE,
+             "Output(%s) can be written again. %lu alarms failed so far.", m_writer->Name(),
+             Shown(failed));
 }
 
 void AlarmSink::CountFailed() {
