@@ -1,4 +1,6 @@
 #include "OpenCmdTask.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "support/BurnTime.h"
 #include "support/CapturedLog.h"
 #include "support/FakeClock.h"
 #include "support/VirtualSlot.h"
@@ -62,6 +64,37 @@ TEST_F(CmdTask, KnowsItsNameFeatureTypeAndCapacity) {
     EXPECT_EQ(m_task->GetFeatureName(), "qemu_cmd_detect_feature");
     EXPECT_EQ(static_cast<int>(m_task->GetTaskType()), 4);
     EXPECT_EQ(m_task->GetInbox()->Capacity(), 4096U);
+}
+
+/// Alarms take it long.
+class BusyCmdTask : public OpenCmdTask {
+public:
+    void SendAlarm(std::shared_ptr<Engine::ProcsMessage::procInfo> /*info*/,
+                   const std::string& /*monitorProcess*/, const std::string& /*mode*/) override {
+        TestSupport::BurnTime(std::chrono::milliseconds(200));
+    }
+};
+
+TEST_F(CmdTask, KeepsToItsShareOfTheProcessor) {
+    m_task = new BusyCmdTask;
+    m_task->Use({ALLOW_RULE});
+    m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
+    SDK::InnerCpuCtrlUtils::SetShare(50);
+    Run();
+    int pid = 100;
+    EXPECT_TRUE(WaitUntil([&] {
+        ++pid;
+        m_task->GetInbox()->Send(
+            Event(2, pid, Process(pid, "wget", "wget", 100, "qemu-kvm", "/usr/bin/wget")));
+        const std::vector<CapturedLog::Line> lines = m_log.Lines();
+        return std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
+            return line.text.rfind("Task(qemu_cmd_detect_task) is ahead of its share(50%)", 0) ==
+                       0 &&
+                   line.file == "QemuCmdDetectTask.cpp" && line.line == 46;
+        });
+    }));
+    Stop();
+    SDK::InnerCpuCtrlUtils::SetShare(0);
 }
 
 TEST_F(CmdTask, RegistersForForksExecsAndExitsInThisOrder) {

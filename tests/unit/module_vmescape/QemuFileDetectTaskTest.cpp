@@ -1,6 +1,8 @@
 #include "OpenFileTask.h"
 #include "filenotify/FileNotifyMessage.h"
 #include "framework/AbstractMessageReceiver.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "support/BurnTime.h"
 #include "support/CapturedLog.h"
 #include "support/FakeClock.h"
 #include "support/TemporaryFolder.h"
@@ -67,6 +69,42 @@ TEST_F(FileTask, KnowsItsNameFeatureTypeAndCapacity) {
     EXPECT_EQ(m_task->GetFeatureName(), "qemu_file_detect_feature");
     EXPECT_EQ(static_cast<int>(m_task->GetTaskType()), 4);
     EXPECT_EQ(m_task->GetInbox()->Capacity(), 1024U);
+}
+
+/// Alarms take it long.
+class BusyFileTask : public OpenFileTask {
+public:
+    void SendAlarm(const std::string& /*monitorProcess*/, const std::string& /*processName*/,
+                   int /*pid*/, const std::string& /*filePath*/,
+                   const std::string& /*fileAction*/) override {
+        TestSupport::BurnTime(std::chrono::milliseconds(200));
+    }
+};
+
+TEST_F(FileTask, KeepsToItsShareOfTheProcessor) {
+    const TestSupport::TemporaryFolder folder;
+    m_task = new BusyFileTask;
+    m_task->Use(FilePolicy({}));
+    m_task->m_monitorPidMap[1] = "qemu-kvm";
+    m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
+    SDK::InnerCpuCtrlUtils::SetShare(50);
+    Run();
+    const std::string file = folder.Write("secret", "");
+    const auto slept = [this] {
+        const std::vector<CapturedLog::Line> lines = m_log.Lines();
+        return std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
+            return line.text.rfind("Task(qemu_file_detect_task) is ahead of its share(50%)", 0) ==
+                       0 &&
+                   line.file == "QemuFileDetectTask.cpp";
+        });
+    };
+    EXPECT_TRUE(WaitUntil([&] {
+        m_task->GetInbox()->Send(
+            std::make_shared<FileNotifyMessage>(1, FileNotifyMessage::OPEN, file));
+        return slept();
+    }));
+    Stop();
+    SDK::InnerCpuCtrlUtils::SetShare(0);
 }
 
 TEST_F(FileTask, AsksForTheWatchesOfItsPolicyAtOnce) {

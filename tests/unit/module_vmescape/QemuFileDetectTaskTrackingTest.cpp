@@ -1,7 +1,11 @@
 #include "OpenFileTask.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "support/BurnTime.h"
 #include "support/CapturedLog.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -231,6 +235,19 @@ TEST_F(FileTracking, EndsAtAShellFurtherUp) {
     EXPECT_FALSE(CheckParent(200));
     EXPECT_TRUE(m_task->m_monitorPidMap.empty());
     EXPECT_TRUE(m_log.Lines().empty());
+}
+
+TEST_F(FileTracking, KeepsToItsShareOfTheProcessorOnItsWayUp) {
+    SDK::InnerCpuCtrlUtils::SetShare(50);
+    CheckParent(-1);
+    TestSupport::BurnTime(std::chrono::milliseconds(200));
+    CheckParent(-1);
+    SDK::InnerCpuCtrlUtils::SetShare(0);
+    const std::vector<CapturedLog::Line> lines = m_log.Lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
+        return line.text.rfind("Task(qemu_file_detect_task) is ahead of its share(50%)", 0) == 0 &&
+               line.file == "QemuFileDetectTaskTracking.cpp";
+    }));
 }
 
 TEST_F(FileTracking, LooksAtTheNameBeforeTheStop) {

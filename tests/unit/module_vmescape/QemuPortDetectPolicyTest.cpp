@@ -111,6 +111,40 @@ TEST_F(QemuPortDetectPolicyTest, TheFiftyFirstRuleIsIgnoredAndLoggedOnce) {
                       "policy parsing."});
 }
 
+TEST_F(QemuPortDetectPolicyTest, BadRulesCountAmongTheFifty) {
+    Strings rules(50, Rule(""));
+    rules.push_back(Rule("qemu"));
+    EXPECT_FALSE(Parse(rules));
+    EXPECT_FALSE(m_policy.IsMonitorProcess("qemu"));
+    const Strings errors = m_log.Texts(kError);
+    EXPECT_EQ(errors.size(), 101U) << "two for each, and the limit";
+    EXPECT_EQ(errors.back(),
+              "The monitoring list(ArrayIndex=50) exceeds the specification(50) during policy "
+              "parsing.");
+    EXPECT_EQ(m_policy.Find("qemu_port_detect_task"), nullptr);
+}
+
+TEST_F(QemuPortDetectPolicyTest, RepeatedPortsCountAmongTheHundred) {
+    std::string list = R"("portlist":[)";
+    for (int i = 0; i < 100; ++i) {
+        list += R"("1",)";
+    }
+    ASSERT_TRUE(Parse({Rule("qemu", list + R"("2"])")}));
+    EXPECT_FALSE(Forbids("1"));
+    EXPECT_TRUE(Forbids("2"));
+    EXPECT_EQ(m_log.Texts(kError),
+              Strings{"The port list(ArrayIndex=100) exceeds the specification(100) during policy "
+                      "parsing."});
+    EXPECT_TRUE(m_policy.ParseMonitorRule(Rule("other", list + "[]]")))
+        << "what comes after them is not looked at";
+}
+
+TEST_F(QemuPortDetectPolicyTest, ItsTaskPolicyIsThereWhateverItsConditionIs) {
+    EXPECT_TRUE(m_policy.Parse(
+        R"({"content":{"monitor_list":[{"virtmonitor":"q","portlist":[]}],"qemu_port_detect_task":"{}"}})"));
+    EXPECT_NE(m_policy.Find("qemu_port_detect_task"), nullptr);
+}
+
 TEST_F(QemuPortDetectPolicyTest, AHundredPortsAreAllStored) {
     ASSERT_TRUE(Parse({Rule("qemu", Ports(100))}));
     EXPECT_FALSE(Forbids("99"));

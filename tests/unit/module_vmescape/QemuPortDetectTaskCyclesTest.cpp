@@ -1,31 +1,15 @@
 #include "OpenPortTask.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "support/BurnTime.h"
 #include "support/CapturedLog.h"
 #include "support/FakeClock.h"
+#include "support/ReplacedSleep.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <functional>
-#include <thread>
 #include <utility>
-
-namespace {
-
-// What is called in place of a sleep of this thread; empty: it sleeps.
-thread_local std::function<void(useconds_t)> g_sleep;
-
-}  // namespace
-
-/// Stands before the C library's function for the program.
-extern "C" int usleep(useconds_t microseconds) {
-    if (g_sleep) {
-        g_sleep(microseconds);
-    } else {
-        std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
-    }
-    return 0;
-}
 
 namespace {
 
@@ -43,10 +27,7 @@ protected:
         m_task->Use({R"({"virtmonitor":"qemu-kvm","portlist":[]})"});
         m_log.Clear();
     }
-    ~PortTaskCycles() override {
-        g_sleep = nullptr;
-        m_agent.Engine().UnRegisterTask("netproc_full_task");
-    }
+    ~PortTaskCycles() override { m_agent.Engine().UnRegisterTask("netproc_full_task"); }
 
     void Collect() { ASSERT_EQ(m_agent.Engine().RegisterTask(m_collector, true), 0); }
 
@@ -56,15 +37,14 @@ protected:
         steps.emplace_back([this] { m_task->cancel(); });
         int pieces = 0;
         std::size_t step = 0;
-        g_sleep = [&, steps = std::move(steps)](useconds_t microseconds) {
+        const TestSupport::ReplacedSleep sleep([&](useconds_t microseconds) {
             EXPECT_EQ(microseconds, 100000U);
             if (++pieces == 100 && step < steps.size()) {
                 pieces = 0;
                 steps[step++]();
             }
-        };
+        });
         m_task->Run();
-        g_sleep = nullptr;
     }
     std::size_t Cleaned() {
         return m_log.Count(kDebug, "Clean net warned information in alarm cache");
@@ -123,6 +103,17 @@ TEST_F(PortTaskCycles, FindACollectorThatComesLaterAndMissOneThatGoes) {
          [&] { EXPECT_EQ(m_collector->Reads(), 1); }, [&] { Collect(); },
          [&] { EXPECT_EQ(m_collector->Reads(), 2); }});
     EXPECT_TRUE(m_log.Texts(Poco::Message::PRIO_ERROR).empty());
+}
+
+TEST_F(PortTaskCycles, KeepToTheirShareOfTheProcessor) {
+    SDK::InnerCpuCtrlUtils::SetShare(50);
+    Run({[] {}, [] { TestSupport::BurnTime(std::chrono::milliseconds(200)); }, [] {}});
+    SDK::InnerCpuCtrlUtils::SetShare(0);
+    const std::vector<CapturedLog::Line> lines = m_log.Lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
+        return line.text.rfind("Task(qemu_port_detect_task) is ahead of its share(50%)", 0) == 0 &&
+               line.file == "QemuPortDetectTask.cpp";
+    }));
 }
 
 TEST_F(PortTaskCycles, BeginWithAnEmptyTable) {
