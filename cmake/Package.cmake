@@ -18,7 +18,7 @@ foreach(text changelog vmescape-agent.8)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/${text})
 endforeach()
 install(FILES ${PROJECT_BINARY_DIR}/vmescape-agent.8.gz DESTINATION /usr/share/man/man8)
-install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright
+install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright packaging/prometheus-alerts.yml
     DESTINATION /usr/share/doc/vmescape-agent)
 install(FILES packaging/completion.bash RENAME vmescape-agent
     DESTINATION /usr/share/bash-completion/completions)

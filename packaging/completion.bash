@@ -3,7 +3,7 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check status selftest --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics selftest --help --version' -- "$word")
         return
     fi
     case $before in
@@ -18,6 +18,8 @@ _vmescape_agent() {
                 mapfile -t COMPREPLY < <(compgen -f -X '!*.json' -- "$word")
             elif [ "$verb" = status ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--json --config --socket --help' -- "$word")
+            elif [ "$verb" = metrics ]; then
+                mapfile -t COMPREPLY < <(compgen -W '--listen --config --socket --help' -- "$word")
             elif [ "$verb" = selftest ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--json --modules --help' -- "$word")
             else

@@ -42,6 +42,7 @@ dpkg-dev|finds what the Debian package depends on
 file|tells which of its files are programs
 lintian|checks the Debian package
 procps|process tools for scripts
+python3-prometheus-client|reads the metrics in a live test
 rsyslog|the syslog server that a live test sends alarms to
 '
 

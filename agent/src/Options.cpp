@@ -60,19 +60,37 @@ void AddCheck(CLI::App& app, Options& options) {
     check->callback([&options] { options.m_verb = Options::Verb::CHECK; });
 }
 
+void AddWhereItAnswers(CLI::App& verb, Options& options) {
+    verb.add_option("--config", options.m_config,
+                    "The agent's configuration file (/etc/vmescape/agent.json)")
+        ->type_name("FILE");
+    verb.add_option("--socket", options.m_socket, "Where it answers, if not as configured")
+        ->type_name("PATH");
+}
+
 void AddStatus(CLI::App& app, Options& options) {
     CLI::App* status = app.add_subcommand("status", "Ask the agent that runs how it is");
     status->add_flag("--json", options.m_json, "Print the answer as it comes, as JSON");
-    status
-        ->add_option("--config", options.m_config,
-                     "The agent's configuration file (/etc/vmescape/agent.json)")
-        ->type_name("FILE");
-    status->add_option("--socket", options.m_socket, "Where it answers, if not as configured")
-        ->type_name("PATH");
+    AddWhereItAnswers(*status, options);
     status->footer(
         "Exit status: 0 all is well, 1 it is degraded or there is no agent, 2 usage, 6 "
         "bad configuration.");
     status->callback([&options] { options.m_verb = Options::Verb::STATUS; });
+}
+
+void AddMetrics(CLI::App& app, Options& options) {
+    CLI::App* metrics =
+        app.add_subcommand("metrics", "The agent's status as metrics in Prometheus' text format");
+    metrics
+        ->add_option("--listen", options.m_listen,
+                     "Serve /metrics and /health at a loopback address until stopped")
+        ->type_name("HOST:PORT");
+    AddWhereItAnswers(*metrics, options);
+    metrics->footer(
+        "Without --listen they are printed once.\n"
+        "Exit status: 0 good, 1 no agent answers, or the address cannot be had, 2 usage, 6 bad "
+        "configuration.");
+    metrics->callback([&options] { options.m_verb = Options::Verb::METRICS; });
 }
 
 void AddSelftest(CLI::App& app, Options& options) {
@@ -100,6 +118,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddRun(app, options);
     AddCheck(app, options);
     AddStatus(app, options);
+    AddMetrics(app, options);
     AddSelftest(app, options);
     try {
         app.parse(argc, argv);

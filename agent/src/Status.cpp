@@ -46,12 +46,12 @@ std::string PolicyLine(const Json::Value& policy) {
                         policy["since"].asString());
 }
 
-Json::Value ByReason(const std::map<std::string, std::uint64_t>& counts) {
-    Json::Value reasons = Json::objectValue;
-    for (const auto& [reason, count] : counts) {
-        reasons[reason] = Json::UInt64{count};
+Json::Value ByName(const std::map<std::string, std::uint64_t>& counts) {
+    Json::Value named = Json::objectValue;
+    for (const auto& [name, count] : counts) {
+        named[name] = Json::UInt64{count};
     }
-    return reasons;
+    return named;
 }
 
 Json::Value BookEntry(const SDK::Ledger& ledger) {
@@ -61,8 +61,9 @@ Json::Value BookEntry(const SDK::Ledger& ledger) {
     entry["seen"] = Json::UInt64{ledger.m_seen};
     entry["delivered"] = Json::UInt64{ledger.m_delivered};
     entry["waiting"] = Json::UInt64{ledger.m_waiting};
-    entry["filtered"] = ByReason(ledger.m_filtered);
-    entry["lost"] = ByReason(ledger.m_lost);
+    entry["filtered"] = ByName(ledger.m_filtered);
+    entry["lost"] = ByName(ledger.m_lost);
+    entry["kinds"] = ByName(ledger.m_kinds);
     entry["trouble"] = ledger.m_trouble;
     return entry;
 }
@@ -84,6 +85,9 @@ std::string BookLines(const Json::Value& book) {
     const std::string name = book["name"].asString() + (by.empty() ? "" : " (" + by + ')');
     std::string text = Poco::format("%-36s%12s%12s%12s\n", Printable(name), Number(book["seen"]),
                                     Number(book["delivered"]), Number(book["waiting"]));
+    if (!book["kinds"].empty()) {
+        text += "    kinds: " + Reasons(book["kinds"]) + '\n';
+    }
     for (const char* kind : {"filtered", "lost"}) {
         text += Poco::format("    %s: %s\n", std::string(kind), Reasons(book[kind]));
     }

@@ -1,4 +1,5 @@
 #include "Agent.h"
+#include "MetricsVerb.h"
 #include "Options.h"
 #include "PolicyChecker.h"
 #include "Selftest.h"
@@ -34,6 +35,8 @@ int Obey(const Agent::Options& options) {
             return CheckFiles(options.m_files);
         case Agent::Options::Verb::STATUS:
             return Agent::PrintStatus(options);
+        case Agent::Options::Verb::METRICS:
+            return Agent::ExportMetrics(options);
         case Agent::Options::Verb::SELFTEST:
             return Agent::Selftest(options).Run();
         case Agent::Options::Verb::SELFTEST_ACTOR:

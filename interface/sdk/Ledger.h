@@ -19,6 +19,7 @@ struct Ledger {
     std::uint64_t m_waiting = 0;
     std::map<std::string, std::uint64_t> m_filtered;  ///< left out on purpose, by reason
     std::map<std::string, std::uint64_t> m_lost;      ///< by reason
+    std::map<std::string, std::uint64_t> m_kinds;  ///< of the delivered; empty where nobody tells
     std::int64_t m_lastS = 0;  ///< when the last was delivered, in seconds since the epoch; 0: not
                                ///< yet, or nobody keeps it
     std::string m_trouble;     ///< why the part does not do all that it should; "" when it does

@@ -1,6 +1,7 @@
 #include "ReportTask.h"
 
 #include "DataCommLog.h"
+#include "sdk/JsonUtils.h"
 
 #include <utility>
 
@@ -11,6 +12,9 @@ namespace {
 constexpr unsigned int kInboxCapacity = 8192;
 constexpr int kWaitMs = 60000;  // a stop wakes the task, and so does every message
 constexpr int kBatch = 128;
+
+constexpr const char* kNoClass = "other";
+constexpr std::size_t kMaxClasses = 16;
 
 }  // namespace
 
@@ -49,10 +53,32 @@ int ReportTask::HandleMsg(const Framework::Message* message) {
                         message == nullptr ? std::string() : message->GetMsgType());
         return -1;
     }
+    CountAlarm(data->GetData());
     for (const std::unique_ptr<AlarmSink>& sink : m_sinks) {
         sink->Offer(data->GetData());
     }
     return 0;
+}
+
+void ReportTask::CountAlarm(const std::string& document) {
+    Json::Value alarm;
+    SDK::JsonUtils::ParseJsonStr(document.c_str(), document.length(), alarm);
+    const std::string kind = SDK::JsonUtils::GetStringValue(alarm, "event_classid", kNoClass);
+    const SDK::LockGuard lock(m_mutex);
+    // The classes are the detection's; a document that is none of its must not fill the memory.
+    ++m_alarms[m_alarms.size() < kMaxClasses || m_alarms.count(kind) > 0 ? kind : kNoClass];
+}
+
+SDK::Ledger ReportTask::GetLedger() const {
+    const SDK::LockGuard lock(m_mutex);
+    SDK::Ledger books;
+    books.m_name = "detections";
+    books.m_kinds = m_alarms;
+    for (const auto& [kind, count] : m_alarms) {
+        books.m_seen += count;
+    }
+    books.m_delivered = books.m_seen;
+    return books;
 }
 
 }  // namespace Engine

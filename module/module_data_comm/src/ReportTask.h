@@ -2,8 +2,13 @@
 
 #include "AlarmSink.h"
 #include "framework/Task.h"
+#include "sdk/Ledger.h"
+#include "sdk/Mutex.h"
 
+#include <cstdint>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace Engine {
@@ -32,7 +37,13 @@ public:
     int HandleMsg(const Framework::Message* message) override;
 
 private:
+    void CountAlarm(const std::string& document);
+    SDK::Ledger GetLedger() const;
+
     std::vector<std::unique_ptr<AlarmSink>> m_sinks;
+    mutable SDK::Mutex m_mutex;
+    std::map<std::string, std::uint64_t> m_alarms SDK_GUARDED_BY(m_mutex);  // by class
+    const SDK::OpenLedger m_books{[this] { return GetLedger(); }};
 };
 
 }  // namespace Engine

@@ -109,6 +109,13 @@ TEST_F(CommandLine, TheActorOfTheSelftestIsHiddenAndTakesAMachinesArguments) {
     EXPECT_EQ(m_output.find("selftest-actor"), std::string::npos);
 }
 
+TEST_F(CommandLine, MetricsTakesWhereToServeAndWhereToAsk) {
+    ASSERT_TRUE(Parse({"metrics", "--listen", "127.0.0.1:9464", "--socket", "/s"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::METRICS);
+    EXPECT_EQ(m_options.m_listen, "127.0.0.1:9464");
+    EXPECT_EQ(m_options.m_socket, "/s");
+}
+
 TEST_F(CommandLine, StatusTakesWhereToAsk) {
     ASSERT_TRUE(Parse({"status", "--json", "--socket", "s", "--config", "c"}));
     EXPECT_EQ(m_options.m_verb, Options::Verb::STATUS);

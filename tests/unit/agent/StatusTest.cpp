@@ -25,6 +25,7 @@ SDK::Ledger AlarmBooks() {
     books.m_delivered = 6;
     books.m_waiting = 1;
     books.m_lost = {{"queue_full", 3}, {"not_written", 0}};
+    books.m_kinds = {{"vmescape_0001", 6}};
     books.m_lastS = 86400;
     return books;
 }
@@ -115,6 +116,7 @@ TEST_F(Status, AsTextNamesTheReasonsOfWhatDidNotArrive) {
     books.m_by = "file:/tmp/\x1b[2J";
     const std::string text = Agent::Status::ToText(m_status.Document({}, {books}));
     EXPECT_NE(text.find("alarms (file:/tmp/?[2J)                       10           6           1\n"
+                        "    kinds: vmescape_0001 6\n"
                         "    filtered: 0\n"
                         "    lost: queue_full 3\n"),
               std::string::npos)

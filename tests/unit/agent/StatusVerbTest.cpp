@@ -16,6 +16,8 @@ const char* const kDocument =
 
 class StatusVerb : public testing::Test {
 protected:
+    StatusVerb() { m_options.m_socket = m_folder / "agent.sock"; }
+
     /// Runs the verb while an agent answers. @return its exit status
     int AskWhileAnswering(const std::string& answer) {
         Agent::StatusServer server;
@@ -40,11 +42,7 @@ protected:
     }
 
     TestSupport::TemporaryFolder m_folder;
-    Agent::Options m_options{.m_verb = Agent::Options::Verb::STATUS,
-                             .m_config = {},
-                             .m_settings = {},
-                             .m_files = {},
-                             .m_socket = m_folder / "agent.sock"};
+    Agent::Options m_options;
     std::string m_output;
     std::string m_complaint;
 };

@@ -56,6 +56,34 @@ TEST_F(ReportTask, IsNotHeldUpByASinkThatNobodyReads) {
     EXPECT_EQ(Dropped(*stuck) + Failed(*stuck), 100U);
 }
 
+TEST_F(ReportTask, CountsAlarmsByClass) {
+    const auto send = [this](const std::string& document) {
+        const Framework::DataMessage message("2", document);
+        EXPECT_EQ(m_task->HandleMsg(&message), 0);
+    };
+    send(R"({"event_classid":"vmescape_0001"})");
+    send(R"({"event_classid":"vmescape_0001"})");
+    send(R"({"event_classid":"vmescape_0003"})");
+    send("no document");
+    const SDK::Ledger books = SDK::OpenLedger::ReadAll().at(0);
+    EXPECT_EQ(books.m_name, "detections");
+    EXPECT_EQ(books.m_seen, 4U);
+    EXPECT_TRUE(books.Balanced());
+    EXPECT_EQ(books.m_kinds, (std::map<std::string, std::uint64_t>{
+                                 {"other", 1}, {"vmescape_0001", 2}, {"vmescape_0003", 1}}));
+}
+
+TEST_F(ReportTask, CountsNoMoreThanAFewClasses) {
+    for (int i = 0; i < 100; ++i) {
+        const Framework::DataMessage message("2",
+                                             R"({"event_classid":")" + std::to_string(i) + "\"}");
+        m_task->HandleMsg(&message);
+    }
+    const SDK::Ledger books = SDK::OpenLedger::ReadAll().at(0);
+    EXPECT_LE(books.m_kinds.size(), 17U);
+    EXPECT_EQ(books.m_seen, 100U);
+}
+
 TEST_F(ReportTask, WithoutSinksTakesAlarmsAllTheSame) {
     ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
     Send();

@@ -37,7 +37,7 @@ protected:
         steps.emplace_back([this] { m_task->cancel(); });
         int pieces = 0;
         std::size_t step = 0;
-        const TestSupport::ReplacedSleep sleep([&](useconds_t microseconds) {
+        const TestSupport::ReplacedSleep instead([&](useconds_t microseconds) {
             EXPECT_EQ(microseconds, 100000U);
             if (++pieces == 100 && step < steps.size()) {
                 pieces = 0;

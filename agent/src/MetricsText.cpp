@@ -1,0 +1,150 @@
+#include "MetricsText.h"
+
+#include <Poco/DateTime.h>
+#include <Poco/DateTimeFormat.h>
+#include <Poco/DateTimeParser.h>
+#include <Poco/String.h>
+#include <Poco/Timestamp.h>
+
+#include <functional>
+#include <initializer_list>
+#include <tuple>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+using Label = std::pair<const char*, std::string>;
+
+/// Collects the samples of one metric behind its head.
+class Metric {
+public:
+    Metric(std::string& text, std::string name, const char* type, const char* help)
+        : m_text(text), m_name(std::move(name)) {
+        m_text += "# HELP " + m_name + ' ' + help + "\n# TYPE " + m_name + ' ' + type + '\n';
+    }
+
+    void Add(std::uint64_t value, std::initializer_list<Label> labels = {}) {
+        std::string shown;
+        for (const auto& [name, text] : labels) {
+            shown += (shown.empty() ? "{" : ",") + std::string(name) + "=\"" + Escape(text) + '"';
+        }
+        m_text += m_name + shown + (shown.empty() ? "" : "}") + ' ' + std::to_string(value) + '\n';
+    }
+
+private:
+    /// As the format wants it in the value of a label.
+    static std::string Escape(const std::string& text) {
+        return Poco::replace(Poco::replace(Poco::replace(text, "\\", "\\\\"), "\"", "\\\""), "\n",
+                             "\\n");
+    }
+
+    std::string& m_text;
+    const std::string m_name;
+};
+
+constexpr const char* kGauge = "gauge";
+constexpr const char* kCounter = "counter";
+
+/// @return seconds since the epoch; 0 for an empty text
+std::uint64_t Seconds(const std::string& time) {
+    Poco::DateTime parsed;
+    int zone = 0;
+    return Poco::DateTimeParser::tryParse(Poco::DateTimeFormat::ISO8601_FORMAT, time, parsed, zone)
+               ? static_cast<std::uint64_t>(parsed.timestamp().epochTime())
+               : 0;
+}
+
+void AddAgent(std::string& text, const Json::Value& status) {
+    Metric(text, "vmescape_up", kGauge, "Whether the agent answers.").Add(status.isNull() ? 0 : 1);
+    if (status.isNull()) {
+        return;
+    }
+    Metric(text, "vmescape_degraded", kGauge, "Whether something of it does not work as it should.")
+        .Add(status["state"] == "up" ? 0 : 1);
+    Metric(text, "vmescape_build_info", kGauge, "Always 1; the label tells the version.")
+        .Add(1, {{"version", status["version"].asString()}});
+    Metric(text, "vmescape_start_time_seconds", kGauge, "When it started, since the epoch.")
+        .Add(Seconds(status["started"].asString()));
+    Metric(text, "vmescape_last_alarm_time_seconds", kGauge,
+           "When an output last took an alarm, since the epoch; 0: never.")
+        .Add(Seconds(status["last_alarm"].asString()));
+}
+
+void AddTasks(std::string& text, const Json::Value& tasks) {
+    const auto each = [&](const char* name, const char* type, const char* help,
+                          const std::function<std::uint64_t(const Json::Value&)>& value) {
+        Metric metric(text, name, type, help);
+        for (const Json::Value& task : tasks) {
+            metric.Add(value(task), {{"task", task["name"].asString()}});
+        }
+    };
+    each("vmescape_task_up", kGauge, "Whether the task works.",
+         [](const Json::Value& task) { return task["state"] == "up" ? 1 : 0; });
+    each("vmescape_task_inbox_messages", kGauge, "Messages that wait for the task.",
+         [](const Json::Value& task) { return task["waiting"].asUInt64(); });
+    each("vmescape_task_inbox_capacity", kGauge, "Messages that may wait for the task.",
+         [](const Json::Value& task) { return task["capacity"].asUInt64(); });
+    each("vmescape_task_messages_total", kCounter, "Messages that the task was given.",
+         [](const Json::Value& task) { return task["received"].asUInt64(); });
+    each("vmescape_task_messages_lost_total", kCounter,
+         "Messages that found the task's inbox full and had nowhere else to wait.",
+         [](const Json::Value& task) { return task["lost"].asUInt64(); });
+}
+
+void AddBooks(std::string& text, const Json::Value& books) {
+    for (const auto& [key, type, help] : {std::tuple{"seen", kCounter, "What the part was given."},
+                                          std::tuple{"delivered", kCounter, "What it delivered."},
+                                          std::tuple{"waiting", kGauge, "What waits in it."}}) {
+        const bool counts = type == kCounter;
+        Metric metric(text, std::string("vmescape_") + key + (counts ? "_total" : ""), type, help);
+        for (const Json::Value& book : books) {
+            metric.Add(book[key].asUInt64(),
+                       {{"book", book["name"].asString()}, {"by", book["by"].asString()}});
+        }
+    }
+    for (const auto& [key, label, help] :
+         {std::tuple{"filtered", "reason", "What it left out on purpose."},
+          std::tuple{"lost", "reason", "What it lost."},
+          std::tuple{"kinds", "kind", "What it delivered, where it tells kinds apart."}}) {
+        Metric metric(text, std::string("vmescape_") + key + "_total", kCounter, help);
+        for (const Json::Value& book : books) {
+            for (const std::string& name : book[key].getMemberNames()) {
+                metric.Add(book[key][name].asUInt64(), {{"book", book["name"].asString()},
+                                                        {"by", book["by"].asString()},
+                                                        {label, name}});
+            }
+        }
+    }
+}
+
+void AddPolicies(std::string& text, const Json::Value& policies) {
+    Metric generation(text, "vmescape_policy_generation", kGauge,
+                      "How often the feature got a policy; 0: it has none.");
+    for (const Json::Value& policy : policies) {
+        generation.Add(policy["generation"].asUInt64(),
+                       {{"feature", policy["feature"].asString()}});
+    }
+    Metric refused(text, "vmescape_policy_refused", kGauge,
+                   "Whether the newest policy of the feature was refused.");
+    for (const Json::Value& policy : policies) {
+        refused.Add(policy.isMember("refused") ? 1 : 0,
+                    {{"feature", policy["feature"].asString()}});
+    }
+}
+
+}  // namespace
+
+std::string ToMetrics(const Json::Value& status) {
+    std::string text;
+    AddAgent(text, status);
+    if (!status.isNull()) {
+        AddTasks(text, status["tasks"]);
+        AddBooks(text, status["books"]);
+        AddPolicies(text, status["policies"]);
+    }
+    return text;
+}
+
+}  // namespace Agent

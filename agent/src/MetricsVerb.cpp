@@ -1,0 +1,152 @@
+#include "MetricsVerb.h"
+
+#include "MetricsText.h"
+#include "StatusQuery.h"
+#include "sdk/JsonUtils.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Timespan.h>
+
+#include <signal.h>
+
+#include <iostream>
+#include <memory>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+using Poco::Net::HTTPResponse;
+
+constexpr int kTooManyRequests = 429;  // to checks that know only three states it means "warning"
+constexpr int kMaxThreads = 2;
+constexpr int kMaxQueued = 16;
+constexpr int kPatienceS = 5;  // with a client that does not go on
+
+/// Answers one request with what the agent says at this moment.
+class Handler : public Poco::Net::HTTPRequestHandler {
+public:
+    explicit Handler(std::string socket) : m_socket(std::move(socket)) {}
+
+    void handleRequest(Poco::Net::HTTPServerRequest& request,
+                       Poco::Net::HTTPServerResponse& response) override {
+        const std::string path = request.getURI().substr(0, request.getURI().find('?'));
+        std::string answer;
+        Json::Value document;
+        const std::string wrong = QueryStatus(m_socket, answer, document);
+        if (!wrong.empty()) {
+            document = Json::Value();
+        }
+        if (path == "/metrics") {
+            Send(response, HTTPResponse::HTTP_OK, "text/plain; version=0.0.4; charset=utf-8",
+                 ToMetrics(document));
+        } else if (path == "/health") {
+            const Health health = JudgeHealth(document, wrong);
+            Send(response, health.m_status, "application/json", health.m_text + '\n');
+        } else {
+            Send(response, HTTPResponse::HTTP_NOT_FOUND, "text/plain",
+                 "There are /metrics and /health.\n");
+        }
+    }
+
+private:
+    static void Send(Poco::Net::HTTPServerResponse& response, int status, const char* type,
+                     const std::string& body) {
+        response.setStatusAndReason(static_cast<HTTPResponse::HTTPStatus>(status));
+        response.setContentType(type);
+        response.sendBuffer(body.data(), body.size());
+    }
+
+    const std::string m_socket;
+};
+
+class HandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
+public:
+    explicit HandlerFactory(std::string socket) : m_socket(std::move(socket)) {}
+    Poco::Net::HTTPRequestHandler* createRequestHandler(
+        const Poco::Net::HTTPServerRequest& /*request*/) override {
+        return new Handler(m_socket);  // the server's, as its interface asks for
+    }
+
+private:
+    const std::string m_socket;
+};
+
+void Complain(const std::string& text) { std::cerr << "vmescape-agent: metrics: " << text << '\n'; }
+
+int PrintOnce(const std::string& socket) {
+    std::string answer;
+    Json::Value document;
+    const std::string wrong = QueryStatus(socket, answer, document);
+    std::cout << ToMetrics(wrong.empty() ? document : Json::Value()) << std::flush;
+    if (!wrong.empty()) {
+        Complain(wrong);
+    }
+    return wrong.empty() ? EXIT_GOOD : EXIT_FAILED;
+}
+
+int Serve(const std::string& listen, const std::string& socket) {
+    // Blocked before the server's threads start, so that they come here.
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGINT);
+    ::sigaddset(&signals, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    try {
+        const Poco::Net::SocketAddress address(listen);
+        if (!address.host().isLoopback()) {
+            Complain("--listen: expected a loopback address, found " + listen);
+            return EXIT_USAGE;
+        }
+        Poco::Net::ServerSocket listener(address, kMaxQueued);
+        auto* parameters = new Poco::Net::HTTPServerParams;  // the server's
+        parameters->setMaxThreads(kMaxThreads);
+        parameters->setMaxQueued(kMaxQueued);
+        parameters->setKeepAlive(false);
+        parameters->setTimeout(Poco::Timespan(kPatienceS, 0));
+        Poco::Net::HTTPServer server(new HandlerFactory(socket), listener, parameters);
+        server.start();
+        std::cerr << "vmescape-agent: metrics at http://" << listener.address().toString()
+                  << "/metrics, health at /health\n";
+        int signal = 0;
+        ::sigwait(&signals, &signal);
+        server.stopAll(true);
+        return EXIT_GOOD;
+    } catch (const Poco::Exception& exception) {
+        Complain("--listen " + listen + ": " + exception.displayText());
+        return EXIT_FAILED;
+    }
+}
+
+}  // namespace
+
+Health JudgeHealth(const Json::Value& status, const std::string& wrong) {
+    Json::Value document;
+    document["state"] = status.isNull() ? Json::Value("down") : status["state"];
+    document["reasons"] = status.isNull() ? Json::Value(Json::arrayValue) : status["reasons"];
+    if (status.isNull()) {
+        document["reasons"].append(wrong);
+    }
+    const int answering = status["state"] == "up" ? HTTPResponse::HTTP_OK : kTooManyRequests;
+    return {status.isNull() ? HTTPResponse::HTTP_SERVICE_UNAVAILABLE : answering,
+            SDK::JsonUtils::JsonToString(document)};
+}
+
+int ExportMetrics(const Options& options) {
+    std::string socket;
+    if (const int code = FindStatusSocket(options, socket); code != EXIT_GOOD) {
+        return code;
+    }
+    return options.m_listen.empty() ? PrintOnce(socket) : Serve(options.m_listen, socket);
+}
+
+}  // namespace Agent

@@ -1,0 +1,45 @@
+#include "StatusQuery.h"
+
+#include "Settings.h"
+#include "StatusServer.h"
+#include "sdk/JsonUtils.h"
+
+#include <iostream>
+
+namespace Agent {
+
+int FindStatusSocket(const Options& options, std::string& path) {
+    path = options.m_socket;
+    if (!path.empty()) {
+        return EXIT_GOOD;
+    }
+    Settings settings;
+    const std::vector<Problem> problems = settings.LoadConfiguration(options.m_config);
+    for (const Problem& problem : problems) {
+        std::cerr << "vmescape-agent: " << ToText(problem) << '\n';
+    }
+    if (HasErrors(problems)) {
+        return EXIT_BAD_INPUT;
+    }
+    path = settings.Get("status.socket");
+    if (path.empty()) {
+        std::cerr << "vmescape-agent: status.socket is empty: the agent answers nowhere\n";
+        return EXIT_FAILED;
+    }
+    return EXIT_GOOD;
+}
+
+std::string QueryStatus(const std::string& path, std::string& answer, Json::Value& document) {
+    const std::string wrong = StatusServer::Ask(path, answer);
+    if (!wrong.empty()) {
+        return "no agent answers at " + path + ": " + wrong;
+    }
+    std::string error;
+    if (SDK::JsonUtils::ParseJsonStr(answer.c_str(), answer.length(), document, error) != 0 ||
+        !document.isObject()) {
+        return "what answers at " + path + " is no agent";
+    }
+    return "";
+}
+
+}  // namespace Agent

@@ -1,0 +1,98 @@
+#include "MetricsText.h"
+
+#include "Status.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+namespace {
+
+/// A status as the agent tells it.
+Json::Value OneOfEach() {
+    Agent::Status status(60);
+    status.TakePolicy("qemu_cmd_detect_feature", "/p", "{}", 86400);
+    status.RefusePolicy("odd", "/p", "why");
+    Framework::Engine::TaskStatus task;
+    task.m_name = "procs_real_task";
+    task.m_inboxDepth = 3;
+    task.m_inboxCapacity = 1024;
+    task.m_messagesAccepted = 70;
+    task.m_messagesLost = 1;
+    SDK::Ledger books;
+    books.m_name = "alarms";
+    books.m_by = "file:/a \"b\"\\";
+    books.m_seen = 5000000000;
+    books.m_delivered = 4999999996;
+    books.m_waiting = 1;
+    books.m_filtered = {{"own", 1}};
+    books.m_lost = {{"queue_full", 2}};
+    books.m_kinds = {{"vmescape_0001", 4}};
+    books.m_lastS = 86400;
+    return status.Document({task}, {books});
+}
+
+/// True when the metrics hold this line.
+bool Has(const std::string& text, const std::string& line) {
+    return text.rfind(line + '\n', 0) == 0 || text.find('\n' + line + '\n') != std::string::npos;
+}
+
+TEST(Metrics, TellOnlyThatItIsDownWhenNoAgentAnswers) {
+    EXPECT_EQ(Agent::ToMetrics(Json::Value()),
+              "# HELP vmescape_up Whether the agent answers.\n"
+              "# TYPE vmescape_up gauge\n"
+              "vmescape_up 0\n");
+}
+
+TEST(Metrics, TellTheAgentsStateVersionAndTimes) {
+    const std::string text = Agent::ToMetrics(OneOfEach());
+    EXPECT_TRUE(Has(text, "vmescape_up 1"));
+    EXPECT_TRUE(Has(text, "vmescape_degraded 1"));
+    EXPECT_TRUE(Has(text, "vmescape_build_info{version=\"" VMESCAPE_VERSION "\"} 1"));
+    EXPECT_TRUE(Has(text, "vmescape_start_time_seconds 60"));
+    EXPECT_TRUE(Has(text, "vmescape_last_alarm_time_seconds 86400"));
+}
+
+TEST(Metrics, TellOfEachTask) {
+    const std::string text = Agent::ToMetrics(OneOfEach());
+    EXPECT_TRUE(Has(text, R"(vmescape_task_up{task="procs_real_task"} 1)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_task_inbox_messages{task="procs_real_task"} 3)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_task_inbox_capacity{task="procs_real_task"} 1024)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_task_messages_total{task="procs_real_task"} 70)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_task_messages_lost_total{task="procs_real_task"} 1)"));
+}
+
+TEST(Metrics, TellTheBooksByReasonAndEscapeWhatLabelsCannotHold) {
+    const std::string text = Agent::ToMetrics(OneOfEach());
+    const std::string book = R"({book="alarms",by="file:/a \"b\"\\")";
+    EXPECT_TRUE(Has(text, "vmescape_seen_total" + book + "} 5000000000")) << text;
+    EXPECT_TRUE(Has(text, "vmescape_delivered_total" + book + "} 4999999996"));
+    EXPECT_TRUE(Has(text, "vmescape_waiting" + book + "} 1"));
+    EXPECT_TRUE(Has(text, "vmescape_filtered_total" + book + R"(,reason="own"} 1)"));
+    EXPECT_TRUE(Has(text, "vmescape_lost_total" + book + R"(,reason="queue_full"} 2)"));
+    EXPECT_TRUE(Has(text, "vmescape_kinds_total" + book + R"(,kind="vmescape_0001"} 4)"));
+}
+
+TEST(Metrics, TellOfEachPolicy) {
+    const std::string text = Agent::ToMetrics(OneOfEach());
+    EXPECT_TRUE(Has(text, R"(vmescape_policy_generation{feature="qemu_cmd_detect_feature"} 1)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_policy_refused{feature="qemu_cmd_detect_feature"} 0)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_policy_generation{feature="odd"} 0)"));
+    EXPECT_TRUE(Has(text, R"(vmescape_policy_refused{feature="odd"} 1)"));
+}
+
+TEST(Metrics, AreThoseThatTheAlertRulesAskFor) {
+    const std::string rules =
+        TestSupport::ReadText(SOURCE_FOLDER "/packaging/prometheus-alerts.yml");
+    const std::string text = Agent::ToMetrics(OneOfEach());
+    const std::regex name("vmescape_[a-z_]+");
+    int names = 0;
+    for (std::sregex_iterator found(rules.begin(), rules.end(), name), end; found != end; ++found) {
+        EXPECT_NE(text.find("\n# TYPE " + found->str() + ' '), std::string::npos) << found->str();
+        ++names;
+    }
+    EXPECT_GE(names, 5);
+}
+
+}  // namespace
