@@ -12,12 +12,13 @@ install(CODE "
         \$ENV{DESTDIR}/lib/systemd/system/vmescape-agent.service @ONLY)")
 
 find_program(GZIP gzip REQUIRED)
-foreach(text changelog vmescape-agent.8)
+foreach(text changelog vmescape-agent.8 vmescape-policy.5)
     execute_process(COMMAND ${GZIP} -9cn ${PROJECT_SOURCE_DIR}/packaging/${text}
         OUTPUT_FILE ${PROJECT_BINARY_DIR}/${text}.gz COMMAND_ERROR_IS_FATAL ANY)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/${text})
 endforeach()
 install(FILES ${PROJECT_BINARY_DIR}/vmescape-agent.8.gz DESTINATION /usr/share/man/man8)
+install(FILES ${PROJECT_BINARY_DIR}/vmescape-policy.5.gz DESTINATION /usr/share/man/man5)
 install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright packaging/prometheus-alerts.yml
     DESTINATION /usr/share/doc/vmescape-agent)
 install(FILES packaging/completion.bash RENAME vmescape-agent

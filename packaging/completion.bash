@@ -3,7 +3,7 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics selftest --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics selftest version --help --version' -- "$word")
         return
     fi
     case $before in

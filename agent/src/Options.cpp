@@ -20,6 +20,22 @@ void AddSetting(CLI::App& run, Options& options, const char* flag, const char* k
         ->type_name("VALUE");
 }
 
+/// Outputs, each with an option of its own or several with commas.
+void AddOutputs(CLI::App& run, Options& options, const char* meaning) {
+    run.add_option_function<std::vector<std::string>>(
+           "--output",
+           [&options](const std::vector<std::string>& outputs) {
+               std::string all;
+               for (const std::string& output : outputs) {
+                   all += (all.empty() ? "" : ",") + output;
+               }
+               options.m_settings.emplace_back("report.output", all);
+           },
+           meaning)
+        ->type_name("VALUE")
+        ->allow_extra_args(false);
+}
+
 void AddRun(CLI::App& app, Options& options) {
     CLI::App* run = app.add_subcommand("run", "Watch this host's virtual machines until stopped");
     run->add_option("--config", options.m_config, "Configuration file (/etc/vmescape/agent.json)")
@@ -27,9 +43,9 @@ void AddRun(CLI::App& app, Options& options) {
     AddSetting(*run, options, "--policies", "policies", "Folder of the feature policies");
     AddSetting(*run, options, "--modules", "modules", "Folder of the modules");
     AddSetting(*run, options, "--format", "report.format", "Alarms as text or json");
-    AddSetting(*run, options, "--output", "report.output",
+    AddOutputs(*run, options,
                "Alarms to stdout, file:PATH, syslog, syslog:unix:PATH or syslog:tcp:HOST:PORT, "
-               "or several with commas");
+               "several with commas or options");
     AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
     run->add_option_function<std::vector<std::string>>(
            "-o",
@@ -56,6 +72,7 @@ void AddCheck(CLI::App& app, Options& options) {
     CLI::App* check = app.add_subcommand("check", "Tell what is wrong with policy files");
     check->add_option("FILE", options.m_files, "Policy files, named after their features")
         ->required();
+    check->add_flag("--json", options.m_json, "Print the result as JSON");
     check->footer("Exit status: 0 good (warnings or not), 2 usage, 6 bad.");
     check->callback([&options] { options.m_verb = Options::Verb::CHECK; });
 }
@@ -120,6 +137,9 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddStatus(app, options);
     AddMetrics(app, options);
     AddSelftest(app, options);
+    app.add_subcommand("version", "Print the version")->callback([&options] {
+        options.m_verb = Options::Verb::VERSION;
+    });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

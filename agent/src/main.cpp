@@ -1,7 +1,7 @@
 #include "Agent.h"
+#include "CheckVerb.h"
 #include "MetricsVerb.h"
 #include "Options.h"
-#include "PolicyChecker.h"
 #include "Selftest.h"
 #include "SelftestActor.h"
 #include "StatusVerb.h"
@@ -11,28 +11,15 @@
 
 namespace {
 
-int CheckFiles(const std::vector<std::string>& files) {
-    bool good = true;
-    for (const std::string& file : files) {
-        const std::vector<Agent::Problem> problems = Agent::PolicyChecker::CheckFile(file);
-        for (const Agent::Problem& problem : problems) {
-            std::cerr << Agent::ToText(problem) << '\n';
-        }
-        const bool fileGood = !Agent::HasErrors(problems);
-        if (fileGood) {
-            std::cout << file << ": good\n";
-        }
-        good = good && fileGood;
-    }
-    return good ? Agent::EXIT_GOOD : Agent::EXIT_BAD_INPUT;
-}
-
 int Obey(const Agent::Options& options) {
     switch (options.m_verb) {
         case Agent::Options::Verb::RUN:
             return Agent::Agent(options).Run();
         case Agent::Options::Verb::CHECK:
-            return CheckFiles(options.m_files);
+            return Agent::CheckFiles(options);
+        case Agent::Options::Verb::VERSION:
+            std::cout << "vmescape-agent " << VMESCAPE_VERSION << '\n';
+            return Agent::EXIT_GOOD;
         case Agent::Options::Verb::STATUS:
             return Agent::PrintStatus(options);
         case Agent::Options::Verb::METRICS:

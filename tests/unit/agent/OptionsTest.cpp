@@ -51,13 +51,28 @@ TEST_F(CommandLine, KeysAreSetAnyNumberOfTimes) {
     EXPECT_EQ(m_options.m_settings, (Pairs{{"report.queue", "7"}, {"report.output", "file:a=b"}}));
 }
 
+TEST_F(CommandLine, OutputsAreGivenWithCommasOrOptions) {
+    ASSERT_TRUE(Parse({"run", "--output", "stdout", "--output", "file:/a,syslog"}));
+    ASSERT_EQ(m_options.m_settings.size(), 1U);
+    EXPECT_EQ(m_options.m_settings[0].first, "report.output");
+    EXPECT_EQ(m_options.m_settings[0].second, "stdout,file:/a,syslog");
+}
+
+TEST_F(CommandLine, VersionIsAVerbToo) {
+    ASSERT_TRUE(Parse({"version"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::VERSION);
+}
+
 TEST_F(CommandLine, AKeyWithoutValueIsAUsageError) {
     EXPECT_FALSE(Parse({"run", "-o", "report.queue"}));
     EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
     EXPECT_NE(m_errors.find("expected key=value, found \"report.queue\""), std::string::npos);
 }
 
-TEST_F(CommandLine, CheckTakesFiles) {
+TEST_F(CommandLine, CheckTakesFilesAndJson) {
+    ASSERT_TRUE(Parse({"check", "--json", "a"}));
+    EXPECT_TRUE(m_options.m_json);
+    m_options = {};
     ASSERT_TRUE(Parse({"check", "a.json", "b.json"}));
     EXPECT_EQ(m_options.m_verb, Options::Verb::CHECK);
     EXPECT_EQ(m_options.m_files, (std::vector<std::string>{"a.json", "b.json"}));
