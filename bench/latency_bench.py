@@ -15,8 +15,8 @@ import time
 from harness import (COMMAND_POLICY, MONITORED, Agent, end_with_us, main, percentile, row,
                      run_storm)
 
-SAMPLES = 5000
-RATE = 250  # a second
+SAMPLES = 3000
+RATE = 100  # a second
 STORM_RATE = 1000  # execs a second
 DIRECTORIES = 10000
 BUCKETS_MS = (0.25, 0.5, 1, 2, 4, 8, 16, 32, 64, float("inf"))

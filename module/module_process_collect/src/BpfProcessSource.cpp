@@ -14,8 +14,10 @@
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 // The generated header is C.
 #include "ProcessEvents.skel.h"
@@ -32,7 +34,7 @@ constexpr int kRestMs = 2;
 // that each wake-up of the reader takes a processor from the work that it watches. Measured with
 // two storms on two processors: they lose 7 % to a reader that rests 2 ms, 4 % at 8 ms, 2 % at 16
 // ms. An alarm in such a storm comes later by as much.
-constexpr std::size_t kBusyEventsPerMs = 5;
+constexpr double kBusyEventsPerMs = 5;
 constexpr int kBusyRestMs = 16;
 
 // How late a fork or an exit is told when no exec follows it.
@@ -89,8 +91,7 @@ void BpfProcessSource::SkeletonCloser::operator()(ProcessEvents* skeleton) const
 void BpfProcessSource::RingCloser::operator()(ring_buffer* ring) const { ring_buffer__free(ring); }
 
 BpfProcessSource::BpfProcessSource(std::size_t ringBytes)
-    : m_ringBytes(std::bit_ceil(std::max(ringBytes, static_cast<std::size_t>(::getpagesize())))),
-      m_restMs(kRestMs) {}
+    : m_ringBytes(std::bit_ceil(std::max(ringBytes, static_cast<std::size_t>(::getpagesize())))) {}
 
 BpfProcessSource::~BpfProcessSource() { Stop(); }
 
@@ -177,15 +178,20 @@ int BpfProcessSource::PrepareSleep(std::size_t drained) {
     std::atomic_ref<__u32> asleep(m_skeleton->bss->shared.readerAsleep);
     if (drained != 0) {
         asleep.store(0, std::memory_order_relaxed);
-        const bool busy = drained > kBusyEventsPerMs * static_cast<std::size_t>(m_restMs);
-        m_restMs = busy ? kBusyRestMs : kRestMs;
-        return m_restMs;
+        const auto now = std::chrono::steady_clock::now();
+        return RestMs(drained, now - std::exchange(m_lastRest, now));
     }
-    m_restMs = kRestMs;
     // An exchange, which no later read overtakes, and followed by the caller's last Drain: either
     // that one sees a record, or the program that commits it sees the flag.
     asleep.exchange(1, std::memory_order_seq_cst);
     return kDeepSleepMs;
+}
+
+int BpfProcessSource::RestMs(std::size_t events, std::chrono::nanoseconds time) {
+    // The time that has passed, not the rest that was asked for: a reader that was woken late finds
+    // more, which says nothing of the host.
+    const auto busy = kBusyEventsPerMs * std::chrono::duration<double, std::milli>(time).count();
+    return static_cast<double>(events) > busy ? kBusyRestMs : kRestMs;
 }
 
 std::uint64_t BpfProcessSource::LostEvents() const {

@@ -2,6 +2,7 @@
 
 #include "ProcessSource.h"
 
+#include <chrono>
 #include <memory>
 
 struct ring_buffer;
@@ -31,6 +32,10 @@ public:
     std::uint64_t LostEvents() const override;
     std::vector<LossCount> Losses() const override;
 
+    /// How long a reader rests that found so many events of so much time.
+    /// @return milliseconds
+    static int RestMs(std::size_t events, std::chrono::nanoseconds time);
+
 private:
     struct SkeletonCloser {
         void operator()(ProcessEvents* skeleton) const;
@@ -50,7 +55,7 @@ private:
     std::unique_ptr<ring_buffer, RingCloser> m_ring;
     const Sink* m_sink = nullptr;  // while Drain runs
     std::size_t m_drained = 0;
-    int m_restMs;  // the reader's last rest, in which the next events come together
+    std::chrono::steady_clock::time_point m_lastRest;  // when the reader last went to rest
     std::uint64_t m_malformed = 0;
 };
 

@@ -1,3 +1,4 @@
+#include "BpfProcessSource.h"
 #include "CollectorHarness.h"
 #include "ProcReader.h"
 #include "support/CapturedLog.h"
@@ -82,17 +83,21 @@ TEST_F(BpfSource, TwoStormsSideBySideAreSeenInFullWithTheirArguments) {
     EXPECT_EQ(books.m_lostInKernel + books.m_lostBehind, 0U);
 }
 
-TEST_F(BpfSource, ReaderRestsLongerWhenTheEventsOfItsLastRestWereMany) {
+TEST_F(BpfSource, ReaderRestsLongerWhereEventsAreManyForTheTimeThatHasPassed) {
+    using ProcessCollect::BpfProcessSource;
+    using std::chrono::milliseconds;
+    EXPECT_EQ(BpfProcessSource::RestMs(10, milliseconds(2)), 2) << "five in a millisecond";
+    EXPECT_EQ(BpfProcessSource::RestMs(11, milliseconds(2)), 16);
+    EXPECT_EQ(BpfProcessSource::RestMs(81, milliseconds(16)), 16);
+    EXPECT_EQ(BpfProcessSource::RestMs(80, milliseconds(16)), 2);
+    EXPECT_EQ(BpfProcessSource::RestMs(40, milliseconds(8)), 2) << "it was woken late";
+}
+
+TEST_F(BpfSource, ReaderSleepsUntilTheNextCommandWhenThereIsNothing) {
     const auto source = ProcessCollect::StartSource("bpf", 1 << 20);
     ASSERT_NE(source, nullptr);
-    EXPECT_EQ(source->PrepareSleep(1), 2);
-    EXPECT_EQ(source->PrepareSleep(10), 2) << "five in a millisecond";
-    EXPECT_EQ(source->PrepareSleep(11), 16);
-    EXPECT_EQ(source->PrepareSleep(81), 16) << "more than five in each of the sixteen";
-    EXPECT_EQ(source->PrepareSleep(80), 2);
-    EXPECT_EQ(source->PrepareSleep(11), 16);
-    EXPECT_EQ(source->PrepareSleep(0), 200) << "woken by the next command";
-    EXPECT_EQ(source->PrepareSleep(10), 2) << "a rest counts from the wake-up";
+    EXPECT_EQ(source->PrepareSleep(0), 200);
+    EXPECT_EQ(source->PrepareSleep(1000), 2) << "the time before does not count as a storm's";
     source->Stop();
 }
 
