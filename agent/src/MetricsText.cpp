@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <tuple>
 #include <utility>
 
@@ -25,12 +26,22 @@ public:
         m_text += "# HELP " + m_name + ' ' + help + "\n# TYPE " + m_name + ' ' + type + '\n';
     }
 
+    ~Metric() {
+        for (const auto& [labels, value] : m_samples) {
+            m_text += m_name + labels + ' ' + std::to_string(value) + '\n';
+        }
+    }
+    Metric(const Metric&) = delete;
+    Metric& operator=(const Metric&) = delete;
+
+    /// Samples with the same labels, as of two outputs to one place, become one: a reader refuses
+    /// everything when a sample comes twice.
     void Add(std::uint64_t value, std::initializer_list<Label> labels = {}) {
         std::string shown;
         for (const auto& [name, text] : labels) {
             shown += (shown.empty() ? "{" : ",") + std::string(name) + "=\"" + Escape(text) + '"';
         }
-        m_text += m_name + shown + (shown.empty() ? "" : "}") + ' ' + std::to_string(value) + '\n';
+        m_samples[shown + (shown.empty() ? "" : "}")] += value;
     }
 
 private:
@@ -42,6 +53,7 @@ private:
 
     std::string& m_text;
     const std::string m_name;
+    std::map<std::string, std::uint64_t> m_samples;
 };
 
 constexpr const char* kGauge = "gauge";

@@ -87,7 +87,8 @@ std::string Expected(const Row& row) {
         return "a list of strings";
     }
     if (row.m_kind == Kind::OUTPUTS) {
-        return "stdout, file:PATH, syslog, syslog:unix:PATH or syslog:tcp:HOST:PORT, or several of "
+        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH or "
+               "syslog:tcp:HOST:PORT, or several of "
                "them";
     }
     return *row.m_allowed == '\0' ? std::string("a string")
@@ -97,7 +98,8 @@ std::string Expected(const Row& row) {
 /// One place for alarms, with or without a format before it.
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(
-        "^((text|json):)?(stdout|file:.+|syslog|syslog:unix:/.+|syslog:tcp:.+:[0-9]{1,5})$");
+        "^((text|json):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
+        ".+|syslog:tcp:.+:[0-9]{1,5})$");
     return output.match(text);
 }
 

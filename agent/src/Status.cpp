@@ -15,7 +15,7 @@ namespace Agent {
 namespace {
 
 // Whoever may put files into the folder of policies must not make the answer endless.
-constexpr std::size_t kMaxPolicies = 64;
+constexpr std::size_t kMaxShown = 64;
 
 std::string Time(std::int64_t seconds) {
     return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(seconds),
@@ -121,10 +121,6 @@ void Status::ForgetRefusal(const std::string& feature) {
 
 void Status::RefusePolicy(const std::string& feature, const std::string& path,
                           const std::string& why) {
-    if (m_policies.count(feature) == 0 && m_policies.size() >= kMaxPolicies) {
-        m_unshown = true;
-        return;
-    }
     Policy& policy = m_policies[feature];
     policy.m_path = path;
     policy.m_refusal = why;
@@ -144,14 +140,17 @@ std::vector<std::string> Status::Reasons(const std::vector<SDK::Ledger>& books) 
         }
     }
     bool inForce = false;
+    std::size_t refused = 0;
     for (const auto& [feature, policy] : m_policies) {
         inForce = inForce || policy.m_generation > 0;
-        if (!policy.m_refusal.empty()) {
+        refused += policy.m_refusal.empty() ? 0 : 1;
+        if (!policy.m_refusal.empty() && refused <= kMaxShown) {
             reasons.push_back(Poco::format("Policy(%s) is refused: %s", feature, policy.m_refusal));
         }
     }
-    if (m_unshown) {
-        reasons.emplace_back("More policies were refused than are shown, the log names them");
+    if (refused > kMaxShown) {
+        reasons.push_back(Poco::format("%lu more policies are refused, the log names them",
+                                       static_cast<unsigned long>(refused - kMaxShown)));
     }
     if (!inForce) {
         reasons.emplace_back("No policy is in force, nothing is detected");
@@ -180,8 +179,20 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
     for (const Framework::Engine::TaskStatus& task : tasks) {
         document["tasks"].append(TaskEntry(task));
     }
+    document["policies"] = PolicyEntries();
+    return document;
+}
+
+Json::Value Status::PolicyEntries() const {
+    Json::Value entries = Json::arrayValue;
+    std::size_t refused = 0;
     for (const auto& [feature, policy] : m_policies) {
-        Json::Value& entry = document["policies"].append(Json::objectValue);
+        // What is in force is shown whatever else there is.
+        refused += policy.m_generation == 0 ? 1 : 0;
+        if (policy.m_generation == 0 && refused > kMaxShown) {
+            continue;
+        }
+        Json::Value& entry = entries.append(Json::objectValue);
         entry["feature"] = feature;
         entry["file"] = policy.m_path;
         entry["generation"] = policy.m_generation;
@@ -191,7 +202,7 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
             entry["refused"] = policy.m_refusal;
         }
     }
-    return document;
+    return entries;
 }
 
 Json::Value Status::TaskEntry(const Framework::Engine::TaskStatus& task) const {

@@ -53,12 +53,12 @@ private:
         std::string m_refusal;  // of a later text; "" when there is none
     };
 
+    Json::Value PolicyEntries() const;
     std::vector<std::string> Reasons(const std::vector<SDK::Ledger>& books) const;
     Json::Value TaskEntry(const Framework::Engine::TaskStatus& task) const;
 
     const std::int64_t m_startedS;
     std::map<std::string, Policy> m_policies;
-    bool m_unshown = false;  // there were more than are kept
     std::vector<std::string> m_stuck;
 };
 

@@ -34,12 +34,20 @@ const sockaddr* Generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
+/// With a limit for connecting, too: an agent that stands still takes nobody in.
 SDK::UniqueDescriptor Connect(const sockaddr_un& address) {
     SDK::UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
     if (socket && ::connect(socket.Get(), Generic(address), sizeof(address)) != 0) {
         socket.Reset();
     }
     return socket;
+}
+
+std::string WhyNot() {
+    return errno == EAGAIN ? "it does not answer within " + std::to_string(kPatience.tv_sec) + " s"
+                           : Poco::Error::getMessage(errno);
 }
 
 bool Bind(int socket, const sockaddr_un& address) {
@@ -97,15 +105,14 @@ std::string StatusServer::Ask(const std::string& path, std::string& answer) {
     const SDK::UniqueDescriptor socket =
         MakeAddress(path, address) ? Connect(address) : SDK::UniqueDescriptor();
     if (!socket) {
-        return Poco::Error::getMessage(errno);
+        return WhyNot();
     }
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
     std::array<char, 4096> text{};
     ssize_t got = 0;
     while ((got = ::read(socket.Get(), text.data(), text.size())) > 0) {
         answer.append(text.data(), static_cast<std::size_t>(got));
     }
-    return got < 0 ? Poco::Error::getMessage(errno) : "";
+    return got < 0 ? WhyNot() : "";
 }
 
 }  // namespace Agent

@@ -46,7 +46,7 @@ std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
     if (output != "stdout") {
         SDK::LogError(GetDataCommLogger(),
                       "report.output(%s) is not understood, expected stdout, file:PATH, syslog, "
-                      "syslog:unix:PATH or syslog:tcp:HOST:PORT",
+                      "syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT",
                       output);
         return nullptr;
     }

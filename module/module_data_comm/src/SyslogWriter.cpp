@@ -32,6 +32,7 @@ constexpr const char* kMessageId = "ALARM";
 // The longest HOSTNAME (RFC 5424, 6).
 constexpr std::size_t kMaxHost = 255;
 
+constexpr const char* kLocal = "local:";
 constexpr const char* kUnix = "unix:";
 constexpr const char* kTcp = "tcp:";
 
@@ -52,25 +53,32 @@ std::string Field(std::string text, std::size_t longest) {
 
 std::unique_ptr<SyslogWriter> SyslogWriter::Open(const std::string& place) {
     const std::string name = place.empty() ? "syslog" : "syslog:" + place;
-    const std::string path = place.empty() ? DEFAULT_SOCKET : Behind(place, kUnix);
+    const std::string daemon = place.empty() ? DEFAULT_SOCKET : Behind(place, kLocal);
+    const std::string path = Behind(place, kUnix);
     const std::string server = Behind(place, kTcp);
+    const auto make = [&name](const std::string& address, Way way) {
+        return std::unique_ptr<SyslogWriter>(new SyslogWriter(name, address, way));
+    };
+    if (!daemon.empty()) {
+        return make(daemon, Way::DAEMON);
+    }
     if (!path.empty()) {
-        return std::unique_ptr<SyslogWriter>(new SyslogWriter(name, path, true));
+        return make(path, Way::DATAGRAM);
     }
     if (server.find(':') != std::string::npos) {
-        return std::unique_ptr<SyslogWriter>(new SyslogWriter(name, server, false));
+        return make(server, Way::STREAM);
     }
     SDK::LogError(GetDataCommLogger(),
-                  "report.output(%s) is not understood, expected syslog, syslog:unix:PATH or "
-                  "syslog:tcp:HOST:PORT",
+                  "report.output(%s) is not understood, expected syslog, syslog:local:PATH, "
+                  "syslog:unix:PATH or syslog:tcp:HOST:PORT",
                   name);
     return nullptr;
 }
 
-SyslogWriter::SyslogWriter(const std::string& name, std::string address, bool local)
+SyslogWriter::SyslogWriter(const std::string& name, std::string address, Way way)
     : AlarmWriter(name),
       m_address(std::move(address)),
-      m_local(local),
+      m_way(way),
       m_host(Poco::Environment::nodeName()) {}
 
 std::string SyslogWriter::Message(const std::string& alarm, const std::string& host, int pid,
@@ -84,6 +92,14 @@ std::string SyslogWriter::Message(const std::string& alarm, const std::string& h
            alarm;
 }
 
+std::string SyslogWriter::LocalMessage(const std::string& alarm, int pid,
+                                       const Poco::LocalDateTime& now) {
+    return Poco::format("<%d>%s %s[%d]: ", LOG_AUTHPRIV | LOG_ALERT,
+                        Poco::DateTimeFormatter::format(now, "%b %f %H:%M:%S"),
+                        std::string(kAppName), pid) +
+           alarm;
+}
+
 bool SyslogWriter::Write(const std::string& alarm, std::string& why) {
     try {
         if (m_socket != nullptr && PeerHasClosed()) {
@@ -92,7 +108,8 @@ bool SyslogWriter::Write(const std::string& alarm, std::string& why) {
         if (m_socket == nullptr) {
             Connect();
         }
-        Send(Message(alarm, m_host, ::getpid(), Poco::Timestamp()));
+        Send(m_way == Way::DAEMON ? LocalMessage(alarm, ::getpid(), Poco::LocalDateTime())
+                                  : Message(alarm, m_host, ::getpid(), Poco::Timestamp()));
         return true;
     } catch (const Poco::Exception& exception) {
         why = exception.displayText();
@@ -105,7 +122,7 @@ bool SyslogWriter::Write(const std::string& alarm, std::string& why) {
 
 void SyslogWriter::Connect() {
     const Poco::Timespan patience(kPatienceS, 0);
-    if (m_local) {
+    if (m_way != Way::STREAM) {
         using Poco::Net::SocketAddress;
         auto socket = std::make_unique<Poco::Net::DatagramSocket>(SocketAddress::UNIX_LOCAL);
         socket->connect(SocketAddress(SocketAddress::UNIX_LOCAL, m_address));
@@ -138,7 +155,7 @@ void SyslogWriter::Send(const std::string& message) {
 /// A server never writes: whatever can be read is the end of the connection. Asked before each
 /// message, because the first one sent after the end would be lost without an error.
 bool SyslogWriter::PeerHasClosed() {
-    return !m_local && m_socket->poll(0, Poco::Net::Socket::SELECT_READ);
+    return m_way == Way::STREAM && m_socket->poll(0, Poco::Net::Socket::SELECT_READ);
 }
 
 }  // namespace Engine

@@ -2,6 +2,7 @@
 
 #include "AlarmWriter.h"
 
+#include <Poco/LocalDateTime.h>
 #include <Poco/Net/Socket.h>
 #include <Poco/Timestamp.h>
 
@@ -10,8 +11,10 @@
 
 namespace Engine {
 
-/// Hands alarms to a syslog server as RFC 5424 messages: over a local datagram socket, one message
-/// a datagram, or over TCP, with the length before each (RFC 6587, octet counting).
+/// Hands alarms to a syslog server: over a local datagram socket, one message a datagram, or over
+/// TCP, with the length before each (RFC 6587, octet counting). Messages are those of RFC 5424, but
+/// for the local daemon, which is told as syslog(3) tells it: what listens at /dev/log need not
+/// know more.
 ///
 /// The facility is authpriv and the severity alert; the message is the formatted alarm. A
 /// connection that breaks is made again for the next message. What the server had received but not
@@ -21,27 +24,34 @@ public:
     /// Where the local log daemon listens (syslog(3)).
     static constexpr const char* DEFAULT_SOCKET = "/dev/log";
 
-    /// @param place  "" (the local daemon), "unix:PATH" or "tcp:HOST:PORT"
+    /// @param place  "" (the local daemon), "local:PATH" (the same elsewhere), "unix:PATH" or
+    ///               "tcp:HOST:PORT"
     /// @return null when the place is not understood (logged)
     static std::unique_ptr<SyslogWriter> Open(const std::string& place);
 
     bool Write(const std::string& alarm, std::string& why) override;
     bool ShouldRetry() const override { return m_retry; }
 
-    /// A message as it stands in the log's protocol, without framing.
+    /// A message of RFC 5424, without framing.
     /// @param host  this one's name
     static std::string Message(const std::string& alarm, const std::string& host, int pid,
                                const Poco::Timestamp& now);
 
+    /// A message as syslog(3) makes it: with local time, and without the host.
+    static std::string LocalMessage(const std::string& alarm, int pid,
+                                    const Poco::LocalDateTime& now);
+
 private:
-    SyslogWriter(const std::string& name, std::string address, bool local);
+    enum class Way { DAEMON, DATAGRAM, STREAM };
+
+    SyslogWriter(const std::string& name, std::string address, Way way);
 
     void Connect();
     void Send(const std::string& message);
     bool PeerHasClosed();
 
     const std::string m_address;  // a path, or HOST:PORT
-    const bool m_local;
+    const Way m_way;
     const std::string m_host;
     std::unique_ptr<Poco::Net::Socket> m_socket;  // null: not connected
     bool m_retry = true;                          // the last failure may pass

@@ -38,24 +38,29 @@ public:
                                 "input(type=\"imuxsock\" Socket=\"" +
                                 Socket() +
                                 "\" UseSpecialParser=\"off\")\n"
+                                "input(type=\"imuxsock\" Socket=\"" +
+                                DaemonSocket() +
+                                "\")\n"
                                 "template(name=\"shown\" type=\"string\" "
                                 "string=\"%inputname% %syslogfacility-text%.%syslogseverity-text% "
-                                "%app-name% %msgid% %msg%\\n\")\n"
+                                "%app-name% %msg:R,ERE,0,DFLT:\\\\{.*--end%\\n\")\n"
                                 "action(type=\"omfile\" file=\"" +
                                 m_folder / "received" + "\" template=\"shown\")\n");
     }
 
     std::string Socket() const { return m_folder / "log"; }
+    std::string DaemonSocket() const { return m_folder / "daemon"; }
     std::string Outputs() const {
         return "json:syslog:tcp:127.0.0.1:" + std::to_string(m_port) +
-               ",json:syslog:unix:" + Socket();
+               ",json:syslog:unix:" + Socket() + ",json:syslog:local:" + DaemonSocket();
     }
 
     void Start() {
         m_child = std::make_unique<ChildProcess>(
             std::vector<std::string>{"rsyslogd", "-n", "-f", m_config, "-i", m_folder / "pid"});
-        EXPECT_TRUE(WaitUntil([this] { return std::filesystem::exists(Socket()); }))
-            << m_child->Errors();
+        EXPECT_TRUE(WaitUntil([this] {
+            return std::filesystem::exists(Socket()) && std::filesystem::exists(DaemonSocket());
+        })) << m_child->Errors();
     }
     void Stop() {
         m_child->Signal(SIGTERM);
@@ -67,7 +72,7 @@ public:
         std::istringstream lines(ReadText(m_folder / "received"));
         int count = 0;
         for (std::string line; std::getline(lines, line);) {
-            const std::string head = input + " authpriv.alert vmescape-agent ALARM ";
+            const std::string head = input + " authpriv.alert vmescape-agent ";
             Json::Value alarm;
             count +=
                 line.rfind(head, 0) == 0 &&
@@ -102,7 +107,7 @@ TEST_F(Syslog, GetsEveryAlarmOnceOverBothWaysAlsoThoseOfATimeWithoutServer) {
     Agent agent(BUILD_FOLDER, DenyList(), {"--output", server.Outputs()});
     const auto arrives = [&server](const std::string& command) {
         return WaitUntil([&] {
-            return server.Count("imtcp", command) == 1 && server.Count("imuxsock", command) == 1;
+            return server.Count("imtcp", command) == 1 && server.Count("imuxsock", command) == 2;
         });
     };
     const Qemu first({"-name", "guest=vm-first"});

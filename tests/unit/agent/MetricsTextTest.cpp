@@ -74,6 +74,16 @@ TEST(Metrics, TellTheBooksByReasonAndEscapeWhatLabelsCannotHold) {
     EXPECT_TRUE(Has(text, "vmescape_kinds_total" + book + R"(,kind="vmescape_0001"} 4)"));
 }
 
+TEST(Metrics, HaveOneSampleForOutputsOfOneName) {
+    Agent::Status status(60);
+    SDK::Ledger books;
+    books.m_name = "alarms";
+    books.m_by = "stdout";
+    books.m_seen = 2;
+    const std::string text = Agent::ToMetrics(status.Document({}, {books, books}));
+    EXPECT_TRUE(Has(text, R"(vmescape_seen_total{book="alarms",by="stdout"} 4)")) << text;
+}
+
 TEST(Metrics, TellOfEachPolicy) {
     const std::string text = Agent::ToMetrics(OneOfEach());
     EXPECT_TRUE(Has(text, R"(vmescape_policy_generation{feature="qemu_cmd_detect_feature"} 1)"));

@@ -9,8 +9,10 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -97,6 +99,23 @@ TEST_F(StatusServer, LeavesTheSocketOfAnAgentThatRuns) {
 TEST_F(StatusServer, SaysThatAPathIsTooLong) {
     EXPECT_EQ(m_server.Open('/' + std::string(200, 'x')), "File name too long");
     EXPECT_EQ(m_server.Descriptor(), -1);
+}
+
+TEST_F(StatusServer, ThatStandsStillIsNotWaitedForForever) {
+    ASSERT_EQ(m_server.Open(m_path), "");
+    // As many as it keeps waiting, and one more, who cannot even connect.
+    std::vector<std::thread> askers;
+    std::atomic<int> gaveUp{0};
+    for (int i = 0; i < 32; ++i) {
+        askers.emplace_back([&] {
+            std::string answer;
+            gaveUp += Agent::StatusServer::Ask(m_path, answer) == "it does not answer within 5 s";
+        });
+    }
+    for (std::thread& asker : askers) {
+        asker.join();
+    }
+    EXPECT_EQ(gaveUp, 32);
 }
 
 }  // namespace

@@ -90,19 +90,21 @@ TEST_F(Status, IsDegradedByTheTroubleOfACollectorOrAnOutput) {
     EXPECT_EQ(document["reasons"][0].asString(), books.m_trouble);
 }
 
-TEST_F(Status, KeepsRefusalsOfAtMost64PoliciesAndSaysThatThereAreMore) {
+TEST_F(Status, ShowsAtMost64PoliciesThatWereNeverInForceAndCountsTheRest) {
     Take();
-    for (int i = 0; i < 63; ++i) {
-        m_status.RefusePolicy("junk" + std::to_string(i), "/p/x", "why");
+    for (int i = 0; i < 100; ++i) {
+        m_status.RefusePolicy("a junk file " + std::to_string(i), "/p/x", "why");
     }
-    EXPECT_EQ(m_status.Document({}, {})["reasons"].size(), 63U);
-    m_status.RefusePolicy("one too many", "/p/x", "why");
-    m_status.RefusePolicy("f", "/p/f.json", "why");
     const Json::Value document = m_status.Document({}, {});
-    EXPECT_EQ(document["policies"].size(), 64U);
+    EXPECT_EQ(document["policies"].size(), 65U);
+    EXPECT_EQ(document["policies"][64]["feature"].asString(), "f");
     EXPECT_EQ(document["reasons"].size(), 65U);
     EXPECT_EQ(document["reasons"][64].asString(),
-              "More policies were refused than are shown, the log names them");
+              "36 more policies are refused, the log names them");
+    for (int i = 0; i < 100; ++i) {
+        m_status.ForgetRefusal("a junk file " + std::to_string(i));
+    }
+    EXPECT_EQ(State(), "up");
 }
 
 TEST_F(Status, AsTextShowsNoControlCharactersOfFileNames) {

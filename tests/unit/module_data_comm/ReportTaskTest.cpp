@@ -69,8 +69,9 @@ TEST_F(ReportTask, CountsAlarmsByClass) {
     EXPECT_EQ(books.m_name, "detections");
     EXPECT_EQ(books.m_seen, 4U);
     EXPECT_TRUE(books.Balanced());
-    EXPECT_EQ(books.m_kinds, (std::map<std::string, std::uint64_t>{
-                                 {"other", 1}, {"vmescape_0001", 2}, {"vmescape_0003", 1}}));
+    EXPECT_EQ(books.m_kinds,
+              (std::map<std::string, std::uint64_t>{
+                  {"other", 1}, {"vmescape_0001", 2}, {"vmescape_0002", 0}, {"vmescape_0003", 1}}));
 }
 
 TEST_F(ReportTask, CountsNoMoreThanAFewClasses) {

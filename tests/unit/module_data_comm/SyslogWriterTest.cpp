@@ -117,6 +117,17 @@ TEST_F(Syslog, MessagesHaveTheHeaderOfTheProtocolsFirstVersion) {
               R"(<81>1 1970-01-02T00:00:00.001500Z host-1 vmescape-agent 812 ALARM - {"a":1})");
 }
 
+TEST_F(Syslog, TellsTheLocalDaemonAsTheCLibraryDoes) {
+    const Poco::LocalDateTime when(0, Poco::DateTime(2026, 11, 2, 3, 4, 5));
+    EXPECT_EQ(SyslogWriter::LocalMessage(R"({"a":1})", 812, when),
+              R"(<81>Nov  2 03:04:05 vmescape-agent[812]: {"a":1})");
+    LocalServer server(m_path);
+    const auto writer = SyslogWriter::Open("local:" + m_path);
+    ASSERT_TRUE(Put(*writer, "one"));
+    EXPECT_TRUE(
+        server.Receive().ends_with(" vmescape-agent[" + std::to_string(::getpid()) + "]: one"));
+}
+
 TEST_F(Syslog, MessagesNameNoHostThatWouldBreakTheirHeader) {
     EXPECT_NE(SyslogWriter::Message("x", "", 1, {}).find("Z - vmescape"), std::string::npos);
     EXPECT_NE(SyslogWriter::Message("x", "a b\nc\xff", 1, {}).find("Z abc vmescape"),
@@ -225,12 +236,12 @@ TEST_F(Syslog, DoesNotHoldUpTheStopForAServerThatIsNotThere) {
 }
 
 TEST_F(Syslog, RefusesAPlaceThatItDoesNotKnow) {
-    for (const char* place : {"udp:host:514", "tcp:host", "unix:", "somewhere"}) {
+    for (const char* place : {"udp:host:514", "tcp:host", "unix:", "local:", "somewhere"}) {
         m_log.Clear();
         EXPECT_EQ(SyslogWriter::Open(place), nullptr) << place;
         EXPECT_TRUE(m_log.Contains("report.output(syslog:" + std::string(place) +
-                                   ") is not understood, expected syslog, syslog:unix:PATH or "
-                                   "syslog:tcp:HOST:PORT"));
+                                   ") is not understood, expected syslog, syslog:local:PATH, "
+                                   "syslog:unix:PATH or syslog:tcp:HOST:PORT"));
     }
     EXPECT_EQ(SyslogWriter::Open("")->Name(), "syslog");
 }
