@@ -18,7 +18,8 @@ namespace {
 
 using Label = std::pair<const char*, std::string>;
 
-/// Collects the samples of one metric behind its head.
+/// Collects the samples of one metric, and writes them behind its head when it ends: one metric
+/// ends before the next begins.
 class Metric {
 public:
     Metric(std::string& text, std::string name, const char* type, const char* help)
@@ -132,11 +133,13 @@ void AddBooks(std::string& text, const Json::Value& books) {
 }
 
 void AddPolicies(std::string& text, const Json::Value& policies) {
-    Metric generation(text, "vmescape_policy_generation", kGauge,
-                      "How often the feature got a policy; 0: it has none.");
-    for (const Json::Value& policy : policies) {
-        generation.Add(policy["generation"].asUInt64(),
-                       {{"feature", policy["feature"].asString()}});
+    {
+        Metric generation(text, "vmescape_policy_generation", kGauge,
+                          "How often the feature got a policy; 0: it has none.");
+        for (const Json::Value& policy : policies) {
+            generation.Add(policy["generation"].asUInt64(),
+                           {{"feature", policy["feature"].asString()}});
+        }
     }
     Metric refused(text, "vmescape_policy_refused", kGauge,
                    "Whether the newest policy of the feature was refused.");

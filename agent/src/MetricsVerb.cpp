@@ -1,6 +1,7 @@
 #include "MetricsVerb.h"
 
 #include "MetricsText.h"
+#include "Privileges.h"
 #include "StatusQuery.h"
 #include "sdk/JsonUtils.h"
 
@@ -28,9 +29,9 @@ namespace {
 using Poco::Net::HTTPResponse;
 
 constexpr int kTooManyRequests = 429;  // to checks that know only three states it means "warning"
-constexpr int kMaxThreads = 2;
+constexpr int kMaxThreads = 16;        // so that a few slow clients hold up nobody else
 constexpr int kMaxQueued = 16;
-constexpr int kPatienceS = 5;  // with a client that does not go on
+constexpr int kPatienceS = 2;  // with a client that does not go on
 
 /// Answers one request with what the agent says at this moment.
 class Handler : public Poco::Net::HTTPRequestHandler {
@@ -40,6 +41,20 @@ public:
     void handleRequest(Poco::Net::HTTPServerRequest& request,
                        Poco::Net::HTTPServerResponse& response) override {
         const std::string path = request.getURI().substr(0, request.getURI().find('?'));
+        if (request.getMethod() != Poco::Net::HTTPRequest::HTTP_GET &&
+            request.getMethod() != Poco::Net::HTTPRequest::HTTP_HEAD) {
+            response.set("Allow", "GET, HEAD");
+            Send(response, HTTPResponse::HTTP_METHOD_NOT_ALLOWED, "text/plain", "Only GET.\n");
+        } else if (path == "/metrics" || path == "/health") {
+            Answer(path, response);
+        } else {
+            Send(response, HTTPResponse::HTTP_NOT_FOUND, "text/plain",
+                 "There are /metrics and /health.\n");
+        }
+    }
+
+private:
+    void Answer(const std::string& path, Poco::Net::HTTPServerResponse& response) {
         std::string answer;
         Json::Value document;
         const std::string wrong = QueryStatus(m_socket, answer, document);
@@ -49,16 +64,12 @@ public:
         if (path == "/metrics") {
             Send(response, HTTPResponse::HTTP_OK, "text/plain; version=0.0.4; charset=utf-8",
                  ToMetrics(document));
-        } else if (path == "/health") {
+        } else {
             const Health health = JudgeHealth(document, wrong);
             Send(response, health.m_status, "application/json", health.m_text + '\n');
-        } else {
-            Send(response, HTTPResponse::HTTP_NOT_FOUND, "text/plain",
-                 "There are /metrics and /health.\n");
         }
     }
 
-private:
     static void Send(Poco::Net::HTTPServerResponse& response, int status, const char* type,
                      const std::string& body) {
         response.setStatusAndReason(static_cast<HTTPResponse::HTTPStatus>(status));
@@ -108,6 +119,12 @@ int Serve(const std::string& listen, const std::string& socket) {
             return EXIT_USAGE;
         }
         Poco::Net::ServerSocket listener(address, kMaxQueued);
+        // It speaks with anybody on this host, so it keeps nothing but its user: that is who may
+        // ask the agent.
+        if (const std::string wrong = Privileges::KeepNone(); !wrong.empty()) {
+            Complain(wrong);
+            return EXIT_FAILED;
+        }
         auto* parameters = new Poco::Net::HTTPServerParams;  // the server's
         parameters->setMaxThreads(kMaxThreads);
         parameters->setMaxQueued(kMaxQueued);

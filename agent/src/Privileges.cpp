@@ -75,10 +75,19 @@ std::string Privileges::KeepNeeded(const std::string& source) {
     capng_get_caps_process();
     std::vector<unsigned int> kept = Needed(source);
     std::erase_if(kept, [](unsigned int capability) { return !Has(capability); });
+    return Keep(kept);
+}
+
+std::string Privileges::KeepNone() {
+    capng_get_caps_process();
+    return Keep({});
+}
+
+std::string Privileges::Keep(const std::vector<unsigned int>& capabilities) {
     // Who may not change the bounding set has no way to win from it either: see below.
     const auto sets = Has(CAP_SETPCAP) ? CAPNG_SELECT_ALL : CAPNG_SELECT_CAPS;
     capng_clear(sets);
-    for (const unsigned int capability : kept) {
+    for (const unsigned int capability : capabilities) {
         capng_update(CAPNG_ADD, kEffectiveAndPermitted, capability);
     }
     if (const int error = capng_apply(sets); error != 0) {

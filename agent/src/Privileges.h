@@ -19,6 +19,13 @@ public:
     /// @param source  as above
     /// @return what is wrong, or "": all was given up
     static std::string KeepNeeded(const std::string& source);
+
+    /// Gives up every capability, for good. To be called before the first other thread starts.
+    /// @return what is wrong, or "": all was given up
+    static std::string KeepNone();
+
+private:
+    static std::string Keep(const std::vector<unsigned int>& capabilities);
 };
 
 }  // namespace Agent

@@ -56,6 +56,7 @@ std::string OwnProgram() { return std::filesystem::read_symlink("/proc/self/exe"
 }  // namespace
 
 Selftest::Selftest(const Options& options) : m_options(options) {
+    CatchSignals();  // before there is anything to take away
     std::string folder = "/tmp/vmescape-selftest-XXXXXX";
     if (::mkdtemp(folder.data()) == nullptr) {
         throw Poco::SystemException("a folder in /tmp cannot be made", errno);
@@ -71,7 +72,6 @@ Selftest::~Selftest() {
 }
 
 int Selftest::Run() {
-    CatchSignals();
     WriteFiles();
     if (const int code = StartAgent(); code != EXIT_GOOD) {
         return code;
@@ -143,6 +143,10 @@ int Selftest::StartAgent() {
     const auto deadline = Clock::now() + kStartPatience;
     while (!running || !watching) {
         const std::optional<std::string> line = m_agent->ReadLine(Stream::ERRORS, deadline);
+        if (!line && g_signal != 0) {
+            Complain("interrupted");
+            return EXIT_FAILED;
+        }
         if (!line) {
             std::cerr << log;
             Complain("the agent did not start");

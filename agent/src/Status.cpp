@@ -16,6 +16,7 @@ namespace {
 
 // Whoever may put files into the folder of policies must not make the answer endless.
 constexpr std::size_t kMaxShown = 64;
+constexpr std::size_t kMaxShownLength = 300;
 
 std::string Time(std::int64_t seconds) {
     return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(seconds),
@@ -94,6 +95,11 @@ std::string BookLines(const Json::Value& book) {
     return text;
 }
 
+/// Names and reasons that somebody chose must not make the answer endless either.
+std::string Shorten(const std::string& text) {
+    return text.length() <= kMaxShownLength ? text : text.substr(0, kMaxShownLength) + "...";
+}
+
 }  // namespace
 
 void Status::TakePolicy(const std::string& feature, const std::string& path,
@@ -168,7 +174,7 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
     document["state"] = reasons.empty() ? "up" : "degraded";
     document["reasons"] = Json::arrayValue;
     for (const std::string& reason : reasons) {
-        document["reasons"].append(reason);
+        document["reasons"].append(Shorten(reason));
     }
     std::int64_t lastAlarmS = 0;
     for (const SDK::Ledger& ledger : books) {
@@ -193,13 +199,13 @@ Json::Value Status::PolicyEntries() const {
             continue;
         }
         Json::Value& entry = entries.append(Json::objectValue);
-        entry["feature"] = feature;
-        entry["file"] = policy.m_path;
+        entry["feature"] = Shorten(feature);
+        entry["file"] = Shorten(policy.m_path);
         entry["generation"] = policy.m_generation;
-        entry["hash"] = policy.m_hash;
+        entry["hash"] = Shorten(policy.m_hash);
         entry["since"] = policy.m_generation > 0 ? Time(policy.m_sinceS) : "";
         if (!policy.m_refusal.empty()) {
-            entry["refused"] = policy.m_refusal;
+            entry["refused"] = Shorten(policy.m_refusal);
         }
     }
     return entries;

@@ -37,8 +37,10 @@ const sockaddr* Generic(const sockaddr_un& address) {
 /// With a limit for connecting, too: an agent that stands still takes nobody in.
 SDK::UniqueDescriptor Connect(const sockaddr_un& address) {
     SDK::UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
+    if (socket) {
+        ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
+        ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
+    }
     if (socket && ::connect(socket.Get(), Generic(address), sizeof(address)) != 0) {
         socket.Reset();
     }
@@ -96,6 +98,9 @@ void StatusServer::Answer(const std::function<std::string()>& text) const {
             return;
         }
         const std::string answer = text();
+        // Nobody is waited for, so the socket has to hold all of it.
+        const int length = static_cast<int>(answer.length());
+        ::setsockopt(asking.Get(), SOL_SOCKET, SO_SNDBUF, &length, sizeof(length));
         ::send(asking.Get(), answer.data(), answer.length(), MSG_NOSIGNAL);
     }
 }

@@ -13,7 +13,7 @@ namespace SDK {
 ///     m_seen == m_delivered + m_waiting + Filtered() + Lost()
 struct Ledger {
     std::string m_name;  ///< what is counted, as one word: "process_events"
-    std::string m_by;    ///< by what means, or where to: "bpf", "file:/var/log/alarms"
+    std::string m_by;    ///< by what means, or where to: "bpf", "syslog:tcp:log:514"
     std::uint64_t m_seen = 0;
     std::uint64_t m_delivered = 0;
     std::uint64_t m_waiting = 0;

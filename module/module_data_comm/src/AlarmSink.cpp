@@ -59,16 +59,19 @@ bool AlarmSink::Offer(const std::string& document) {
     return false;
 }
 
+void AlarmSink::BeginStop() {
+    const SDK::LockGuard lock(m_mutex);
+    if (!std::exchange(m_stopping, true)) {
+        m_writer->SetDeadline(std::chrono::steady_clock::now() + kDrainTime);
+        m_changed.notify_all();
+    }
+}
+
 void AlarmSink::Stop() {
     if (!m_thread.joinable()) {
         return;
     }
-    {
-        const SDK::LockGuard lock(m_mutex);
-        m_stopping = true;
-    }
-    m_changed.notify_all();
-    m_writer->SetDeadline(std::chrono::steady_clock::now() + kDrainTime);
+    BeginStop();
     m_thread.join();
     const SDK::Ledger books = GetLedger();
     SDK::Log(GetDataCommLogger(),
@@ -96,6 +99,7 @@ SDK::Ledger AlarmSink::GetLedger() const {
 }
 
 void AlarmSink::Run() {
+    Prepare();
     std::string document;
     while (Take(document)) {
         Write(document);
@@ -105,7 +109,14 @@ void AlarmSink::Run() {
 bool AlarmSink::Take(std::string& document) {
     m_mutex.lock();
     while (m_waiting.empty() && !m_stopping) {
-        m_changed.wait(m_mutex);
+        if (m_trouble.empty()) {
+            m_changed.wait(m_mutex);
+        } else if (m_changed.wait_for(m_mutex, kLongestPause) == std::cv_status::timeout) {
+            // Whether the place is back is found out before an alarm needs it.
+            m_mutex.unlock();
+            Prepare();
+            m_mutex.lock();
+        }
     }
     if (m_stopping && m_writer->DeadlinePassed()) {
         m_dropped += m_waiting.size();
@@ -125,7 +136,7 @@ void AlarmSink::Write(const std::string& document) {
     const std::string line = m_formatter.Format(document);
     std::string why;
     std::chrono::milliseconds pause = kFirstPause;
-    while (!m_writer->Write(line, why)) {
+    while (!m_writer->Write(line, HasMore(), why)) {
         const bool retry = m_writer->ShouldRetry();
         if (!retry) {
             CountFailed();
@@ -158,13 +169,34 @@ bool AlarmSink::Rest(std::chrono::milliseconds pause) {
     return !stopping || !m_writer->DeadlinePassed();
 }
 
+void AlarmSink::Prepare() {
+    std::string why;
+    if (m_writer->Prepare(why)) {
+        NoteRecovery();
+    } else {
+        NoteTrouble(why);
+    }
+}
+
+bool AlarmSink::HasMore() const {
+    const SDK::LockGuard lock(m_mutex);
+    return !m_waiting.empty();
+}
+
 void AlarmSink::CountWritten() {
-    std::uint64_t failed = 0;
     {
         const SDK::LockGuard lock(m_mutex);
         m_writing = false;
         ++m_written;
         m_lastS = SDK::TimeUtils::GetCurrentTimestampS();
+    }
+    NoteRecovery();
+}
+
+void AlarmSink::NoteRecovery() {
+    std::uint64_t failed = 0;
+    {
+        const SDK::LockGuard lock(m_mutex);
         if (std::exchange(m_trouble, "").empty()) {
             return;
         }

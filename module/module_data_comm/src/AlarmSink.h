@@ -35,6 +35,9 @@ public:
     /// burst is logged. @return whether it was queued
     bool Offer(const std::string& document);
 
+    /// Lets two seconds begin, after which nothing more is tried.
+    void BeginStop();
+
     /// Writes what is queued, for two seconds at the most, and ends the thread. What is left counts
     /// as dropped. The totals are logged.
     void Stop();
@@ -47,6 +50,9 @@ private:
     bool Take(std::string& document);
     void Write(const std::string& document);
     bool Rest(std::chrono::milliseconds pause);
+    void Prepare();
+    bool HasMore() const;
+    void NoteRecovery();
     void CountWritten();
     void CountFailed();
     void NoteTrouble(const std::string& why);

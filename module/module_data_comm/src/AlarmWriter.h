@@ -20,13 +20,19 @@ public:
     AlarmWriter(const AlarmWriter&) = delete;
     AlarmWriter& operator=(const AlarmWriter&) = delete;
 
-    /// Writes one formatted alarm, without an end of line.
-    /// @param why  set when it could not be written
-    /// @return false when it could not be written
-    virtual bool Write(const std::string& alarm, std::string& why) = 0;
+    /// Gets ready for what may come, or finds out early that it could not be written.
+    /// @param why  set when it could not
+    /// @return false when it could not
+    virtual bool Prepare(std::string& /*why*/) { return true; }
 
-    /// Whether what could not be written is worth another try: the place may come back, and takes
-    /// nothing twice.
+    /// Writes one formatted alarm, without an end of line.
+    /// @param more  whether another one follows at once: whether this one has arrived may then be
+    ///              found out together with that one
+    /// @param why   set when it could not be written
+    /// @return false when it could not be written
+    virtual bool Write(const std::string& alarm, bool more, std::string& why) = 0;
+
+    /// Whether what could not be written is worth another try: the place may come back.
     virtual bool ShouldRetry() const = 0;
 
     /// Whether a person reads along.

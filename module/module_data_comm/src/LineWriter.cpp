@@ -61,7 +61,7 @@ std::unique_ptr<LineWriter> LineWriter::OpenFile(const std::string& path) {
     return writer;
 }
 
-bool LineWriter::Write(const std::string& line, std::string& why) {
+bool LineWriter::Write(const std::string& line, bool /*more*/, std::string& why) {
     FollowRename();
     const off_t before = m_isFile ? ::lseek(m_descriptor, 0, SEEK_END) : -1;
     if (WriteAll(line + '\n')) {

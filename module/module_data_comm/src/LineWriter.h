@@ -25,7 +25,7 @@ public:
     static std::unique_ptr<LineWriter> OpenFile(const std::string& path);
 
     /// Writes a line and its end. Waits while a pipe is full, until the deadline.
-    bool Write(const std::string& line, std::string& why) override;
+    bool Write(const std::string& line, bool more, std::string& why) override;
 
     /// Never: a pipe may have taken a part of the line.
     bool ShouldRetry() const override { return false; }

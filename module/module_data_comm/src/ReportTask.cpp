@@ -40,6 +40,10 @@ int ReportTask::UnInit() {
     // Run.
     while (HandleQueuedMsgs(kBatch) > 0) {
     }
+    // All at once, so that the time that each has is not added up.
+    for (const std::unique_ptr<AlarmSink>& sink : m_sinks) {
+        sink->BeginStop();
+    }
     for (const std::unique_ptr<AlarmSink>& sink : m_sinks) {
         sink->Stop();
     }

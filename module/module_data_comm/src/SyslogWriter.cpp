@@ -4,19 +4,26 @@
 
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Environment.h>
+#include <Poco/Error.h>
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/Net/DatagramSocket.h>
+#include <Poco/Net/NetException.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/SocketImpl.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Timespan.h>
 
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 namespace Engine {
@@ -25,6 +32,18 @@ namespace {
 
 // Seconds for connecting, and for a server that does not take what it is sent.
 constexpr int kPatienceS = 5;
+
+// Waiting is done in pieces, between which the deadline of a stop is looked at.
+const Poco::Timespan kSlice(0, 100000);
+constexpr int kPatienceSlices = 50;
+constexpr std::int64_t kFirstLookUs = 50;
+
+// Alarms that are sent one after the other without asking whether they arrived.
+constexpr std::size_t kMaxUnconfirmed = 128;
+
+constexpr int kKeepIdleS = 15;
+constexpr int kKeepIntervalS = 5;
+constexpr int kKeepCount = 3;
 
 constexpr const char* kAppName = "vmescape-agent";
 constexpr const char* kMessageId = "ALARM";
@@ -100,16 +119,51 @@ std::string SyslogWriter::LocalMessage(const std::string& alarm, int pid,
            alarm;
 }
 
-bool SyslogWriter::Write(const std::string& alarm, std::string& why) {
+SyslogWriter::~SyslogWriter() {
+    if (!m_unconfirmed.empty()) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Output(%s) ends without word that its last %lu alarms arrived", Name(),
+                        static_cast<unsigned long>(m_unconfirmed.size()));
+    }
+}
+
+bool SyslogWriter::Prepare(std::string& why) {
+    return Try([] {}, why);
+}
+
+bool SyslogWriter::Write(const std::string& alarm, bool more, std::string& why) {
+    const std::string message = m_way == Way::DAEMON
+                                    ? LocalMessage(alarm, ::getpid(), Poco::LocalDateTime())
+                                    : Message(alarm, m_host, ::getpid(), Poco::Timestamp());
+    return Try(
+        [&] {
+            Send(message);
+            if (m_way != Way::STREAM) {
+                return;
+            }
+            if (!more || m_unconfirmed.size() >= kMaxUnconfirmed) {
+                WaitForAcknowledgement();
+                m_unconfirmed.clear();
+            } else {
+                m_unconfirmed.push_back(message);
+            }
+        },
+        why);
+}
+
+/// Does something with a connection that is as good as can be known, and closes it when that fails.
+bool SyslogWriter::Try(const std::function<void()>& work, std::string& why) {
     try {
         if (m_socket != nullptr && PeerHasClosed()) {
             m_socket.reset();
         }
         if (m_socket == nullptr) {
             Connect();
+            for (const std::string& message : m_unconfirmed) {
+                Send(message);
+            }
         }
-        Send(m_way == Way::DAEMON ? LocalMessage(alarm, ::getpid(), Poco::LocalDateTime())
-                                  : Message(alarm, m_host, ::getpid(), Poco::Timestamp()));
+        work();
         return true;
     } catch (const Poco::Exception& exception) {
         why = exception.displayText();
@@ -121,18 +175,54 @@ bool SyslogWriter::Write(const std::string& alarm, std::string& why) {
 }
 
 void SyslogWriter::Connect() {
-    const Poco::Timespan patience(kPatienceS, 0);
-    if (m_way != Way::STREAM) {
+    if (m_way == Way::STREAM) {
+        ConnectStream();
+    } else {
         using Poco::Net::SocketAddress;
         auto socket = std::make_unique<Poco::Net::DatagramSocket>(SocketAddress::UNIX_LOCAL);
         socket->connect(SocketAddress(SocketAddress::UNIX_LOCAL, m_address));
         m_socket = std::move(socket);
-    } else {
-        auto socket = std::make_unique<Poco::Net::StreamSocket>();
-        socket->connect(Poco::Net::SocketAddress(m_address), patience);
-        m_socket = std::move(socket);
     }
-    m_socket->setSendTimeout(patience);
+    m_socket->setSendTimeout(Poco::Timespan(kPatienceS, 0));
+}
+
+void SyslogWriter::ConnectStream() {
+    auto socket = std::make_unique<Poco::Net::StreamSocket>();
+    socket->connectNB(Poco::Net::SocketAddress(m_address));
+    const int modes = Poco::Net::Socket::SELECT_WRITE | Poco::Net::Socket::SELECT_ERROR;
+    for (int slices = 0; !socket->poll(kSlice, modes); ++slices) {
+        if (slices >= kPatienceSlices || DeadlinePassed()) {
+            throw Poco::TimeoutException("connecting");
+        }
+    }
+    if (const int error = socket->impl()->socketError(); error != 0) {
+        throw Poco::Net::NetException(Poco::Error::getMessage(error), error);
+    }
+    socket->setBlocking(true);
+    // A server that has gone without a word, or was forgotten by a firewall between, is noticed
+    // within half a minute and not after hours (tcp(7)).
+    socket->setKeepAlive(true);
+    socket->setOption(IPPROTO_TCP, TCP_KEEPIDLE, kKeepIdleS);
+    socket->setOption(IPPROTO_TCP, TCP_KEEPINTVL, kKeepIntervalS);
+    socket->setOption(IPPROTO_TCP, TCP_KEEPCNT, kKeepCount);
+    m_socket = std::move(socket);
+}
+
+/// Waits until the other host has all that was sent.
+void SyslogWriter::WaitForAcknowledgement() {
+    for (int slices = 0;; ++slices) {
+        int unacknowledged = 0;
+        m_socket->impl()->ioctl(SIOCOUTQ, unacknowledged);
+        if (unacknowledged == 0) {
+            return;
+        }
+        if (slices >= kPatienceSlices || DeadlinePassed() || PeerHasClosed()) {
+            throw Poco::TimeoutException("the server does not acknowledge what it was sent");
+        }
+        // Most answer at once; the wait gets longer where one does not.
+        ::usleep(static_cast<useconds_t>(std::min<std::int64_t>(
+            kSlice.totalMicroseconds(), kFirstLookUs << std::min(slices, 16))));
+    }
 }
 
 void SyslogWriter::Send(const std::string& message) {

@@ -6,6 +6,8 @@
 #include <Poco/Net/Socket.h>
 #include <Poco/Timestamp.h>
 
+#include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -16,9 +18,10 @@ namespace Engine {
 /// for the local daemon, which is told as syslog(3) tells it: what listens at /dev/log need not
 /// know more.
 ///
-/// The facility is authpriv and the severity alert; the message is the formatted alarm. A
-/// connection that breaks is made again for the next message. What the server had received but not
-/// read when it ended is lost to both sides, as always with syslog over TCP.
+/// The facility is authpriv and the severity alert; the message is the formatted alarm. Over TCP an
+/// alarm counts as written when the other host has acknowledged it; what a broken connection left
+/// without that is sent again, so that it may come twice. What the server had received but not read
+/// when it ended is lost to both sides, as always with syslog over TCP.
 class SyslogWriter : public AlarmWriter {
 public:
     /// Where the local log daemon listens (syslog(3)).
@@ -29,7 +32,10 @@ public:
     /// @return null when the place is not understood (logged)
     static std::unique_ptr<SyslogWriter> Open(const std::string& place);
 
-    bool Write(const std::string& alarm, std::string& why) override;
+    ~SyslogWriter() override;
+
+    bool Prepare(std::string& why) override;
+    bool Write(const std::string& alarm, bool more, std::string& why) override;
     bool ShouldRetry() const override { return m_retry; }
 
     /// A message of RFC 5424, without framing.
@@ -46,14 +52,18 @@ private:
 
     SyslogWriter(const std::string& name, std::string address, Way way);
 
+    bool Try(const std::function<void()>& work, std::string& why);
     void Connect();
+    void ConnectStream();
     void Send(const std::string& message);
+    void WaitForAcknowledgement();
     bool PeerHasClosed();
 
     const std::string m_address;  // a path, or HOST:PORT
     const Way m_way;
     const std::string m_host;
     std::unique_ptr<Poco::Net::Socket> m_socket;  // null: not connected
+    std::deque<std::string> m_unconfirmed;        // sent over TCP, without word of their arrival
     bool m_retry = true;                          // the last failure may pass
 };
 

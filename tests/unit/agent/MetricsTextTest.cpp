@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <sstream>
 
 namespace {
 
@@ -82,6 +83,18 @@ TEST(Metrics, HaveOneSampleForOutputsOfOneName) {
     books.m_seen = 2;
     const std::string text = Agent::ToMetrics(status.Document({}, {books, books}));
     EXPECT_TRUE(Has(text, R"(vmescape_seen_total{book="alarms",by="stdout"} 4)")) << text;
+}
+
+TEST(Metrics, StandBelowTheirOwnHeads) {
+    std::istringstream lines(Agent::ToMetrics(OneOfEach()));
+    std::string metric;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("# TYPE ", 0) == 0) {
+            metric = line.substr(7, line.rfind(' ') - 7);
+        } else if (line[0] != '#') {
+            EXPECT_EQ(line.substr(0, line.find_first_of("{ ")), metric);
+        }
+    }
 }
 
 TEST(Metrics, TellOfEachPolicy) {

@@ -107,6 +107,15 @@ TEST_F(Status, ShowsAtMost64PoliciesThatWereNeverInForceAndCountsTheRest) {
     EXPECT_EQ(State(), "up");
 }
 
+TEST_F(Status, ShortensWhatSomebodyChoseToBeLong) {
+    Take(std::string(10000, 'h'));
+    m_status.RefusePolicy("f", "/p", std::string(10000, 'w'));
+    const Json::Value document = m_status.Document({}, {});
+    EXPECT_EQ(document["policies"][0]["hash"].asString(), std::string(300, 'h') + "...");
+    EXPECT_EQ(document["policies"][0]["refused"].asString(), std::string(300, 'w') + "...");
+    EXPECT_EQ(document["reasons"][0].asString().length(), 303U);
+}
+
 TEST_F(Status, AsTextShowsNoControlCharactersOfFileNames) {
     m_status.RefusePolicy("\x1b]0;owned\a", "/p/x", "why");
     const std::string text = Agent::Status::ToText(m_status.Document({}, {}));

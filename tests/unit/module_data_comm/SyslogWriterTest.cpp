@@ -16,7 +16,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <filesystem>
+#include <memory>
+#include <vector>
 
 namespace {
 
@@ -95,12 +98,12 @@ class Syslog : public testing::Test {
 protected:
     std::string Why(SyslogWriter& writer, const std::string& alarm = "alarm") {
         std::string why;
-        EXPECT_FALSE(writer.Write(alarm, why));
+        EXPECT_FALSE(writer.Write(alarm, false, why));
         return why;
     }
     bool Put(SyslogWriter& writer, const std::string& alarm) {
         std::string why;
-        const bool written = writer.Write(alarm, why);
+        const bool written = writer.Write(alarm, false, why);
         EXPECT_EQ(why, "");
         return written;
     }
@@ -233,6 +236,82 @@ TEST_F(Syslog, DoesNotHoldUpTheStopForAServerThatIsNotThere) {
     }
     sink.Stop();
     EXPECT_EQ(Failed(sink) + Dropped(sink), 5U);
+}
+
+TEST_F(Syslog, SendsAgainWhatABrokenConnectionMayHaveLost) {
+    auto server = std::make_unique<TcpServer>();
+    const std::uint16_t port = server->Port();
+    const auto writer = SyslogWriter::Open(server->Place());
+    std::string why;
+    ASSERT_TRUE(writer->Write("one", true, why)) << why;
+    ASSERT_TRUE(writer->Write("two", true, why)) << why;
+    server->Accept();
+    server.reset();
+    server = std::make_unique<TcpServer>(port);
+    ASSERT_TRUE(writer->Write("three", false, why)) << why;
+    server->Accept();
+    for (const char* alarm : {"one", "two", "three"}) {
+        EXPECT_TRUE(server->Receive().ends_with(alarm)) << alarm;
+    }
+    ASSERT_TRUE(writer->Write("four", false, why)) << why;
+    EXPECT_TRUE(server->Receive().ends_with("four")) << "what was acknowledged is not sent again";
+}
+
+TEST_F(Syslog, SaysAtItsEndWhatItHasNoWordOf) {
+    TcpServer server;
+    auto writer = SyslogWriter::Open(server.Place());
+    std::string why;
+    ASSERT_TRUE(writer->Write("one", true, why)) << why;
+    writer.reset();
+    EXPECT_TRUE(m_log.Contains("ends without word that its last 1 alarms arrived"));
+}
+
+TEST_F(Syslog, FindsOutBeforeAnAlarmNeedsItWhetherTheServerIsThere) {
+    AlarmSink sink(SyslogWriter::Open("unix:" + m_path),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    EXPECT_TRUE(WaitUntil([&] { return !sink.GetLedger().m_trouble.empty(); }));
+    const LocalServer server(m_path);
+    EXPECT_TRUE(WaitUntil([&] { return sink.GetLedger().m_trouble.empty(); }));
+    EXPECT_EQ(BooksOf(sink).m_seen, 0U);
+}
+
+/// A server whose queue of connections is full: whoever comes now gets no answer.
+class FullServer {
+public:
+    FullServer() {
+        m_listener.bind(SocketAddress("127.0.0.1", 0));
+        m_listener.listen(1);
+        for (Poco::Net::StreamSocket& waiting : m_waiting) {
+            waiting.connectNB(m_listener.address());
+        }
+    }
+    std::string Place() const {
+        return "tcp:127.0.0.1:" + std::to_string(m_listener.address().port());
+    }
+
+private:
+    Poco::Net::ServerSocket m_listener;
+    std::array<Poco::Net::StreamSocket, 4> m_waiting;
+};
+
+TEST_F(Syslog, StopsManyThatWaitForTheirServersInTheTimeOfOne) {
+    const FullServer server;
+    std::vector<std::unique_ptr<AlarmSink>> sinks;
+    for (int i = 0; i < 4; ++i) {
+        sinks.push_back(
+            std::make_unique<AlarmSink>(SyslogWriter::Open(server.Place()),
+                                        AlarmFormatter(AlarmFormatter::Style::JSON, false), 10));
+        sinks.back()->Offer("alarm");
+    }
+    const auto start = std::chrono::steady_clock::now();
+    for (const auto& sink : sinks) {
+        sink->BeginStop();
+    }
+    for (const auto& sink : sinks) {
+        sink->Stop();
+        EXPECT_EQ(sink->GetLedger().Lost(), 1U);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
 }
 
 TEST_F(Syslog, RefusesAPlaceThatItDoesNotKnow) {
