@@ -109,7 +109,8 @@ void AlarmSink::Run() {
 bool AlarmSink::Take(std::string& document) {
     m_mutex.lock();
     while (m_waiting.empty() && !m_stopping) {
-        if (m_trouble.empty()) {
+        if (m_trouble.empty() || !m_writer->ShouldRetry()) {
+            // Whether such a place takes alarms again only the next alarm can tell.
             m_changed.wait(m_mutex);
         } else if (m_changed.wait_for(m_mutex, kLongestPause) == std::cv_status::timeout) {
             // Whether the place is back is found out before an alarm needs it.

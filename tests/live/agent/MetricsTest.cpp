@@ -68,6 +68,12 @@ TEST_F(Metrics, CountAlarmsByClassAndTellUpFromDegradedAndDegradedFromDown) {
         return std::regex_search(server.Errors(), address, std::regex("(http://[^/]*)/metrics"));
     })) << server.Errors();
     m_address = address[1];
+    const std::string powers =
+        TestSupport::ReadText("/proc/" + std::to_string(server.Pid()) + "/status");
+    for (const char* line : {"CapPrm:\t0000000000000000", "CapEff:\t0000000000000000",
+                             "CapBnd:\t0000000000000000", "NoNewPrivs:\t1"}) {
+        EXPECT_NE(powers.find(line), std::string::npos) << line << powers;
+    }
     EXPECT_EQ(Value("vmescape_up"), "1.0\n");
     EXPECT_EQ(Value("vmescape_kinds_total", "kind=vmescape_0001"), "0.0\n")
         << "from the start, so that the first alarm is a change";

@@ -154,6 +154,17 @@ TEST(AlarmSink, OnAFullDiskKeepsRunningAndCounts) {
               1U);
 }
 
+TEST(AlarmSink, OnAFullDiskIsInTroubleUntilAnAlarmWasWritten) {
+    const TestSupport::CapturedLog log;
+    AlarmSink sink(LineWriter::OpenFile("/dev/full"),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    sink.Offer("one");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
+    EXPECT_FALSE(
+        WaitUntil([&] { return sink.GetLedger().m_trouble.empty(); }, std::chrono::seconds(6)))
+        << "longer than the pause after which other places are asked whether they are back";
+}
+
 TEST(AlarmSink, TakesNothingAfterItsStop) {
     TestSupport::CapturedLog log;
     TestSupport::TemporaryFolder folder;
