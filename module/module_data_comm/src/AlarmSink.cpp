@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <iterator>
 #include <utility>
 
 namespace Engine {
@@ -28,10 +30,11 @@ unsigned long Shown(std::uint64_t count) { return static_cast<unsigned long>(cou
 }  // namespace
 
 AlarmSink::AlarmSink(std::unique_ptr<AlarmWriter> writer, AlarmFormatter formatter,
-                     std::size_t capacity)
+                     std::size_t capacity, std::unique_ptr<AlarmSpool> spool)
     : m_writer(std::move(writer)),
       m_formatter(formatter),
       m_capacity(capacity),
+      m_spool(std::move(spool)),
       m_thread([this] { Run(); }) {}
 
 AlarmSink::~AlarmSink() { Stop(); }
@@ -59,6 +62,12 @@ bool AlarmSink::Offer(const std::string& document) {
     return false;
 }
 
+void AlarmSink::Reopen() {
+    const SDK::LockGuard lock(m_mutex);
+    m_reopening = true;
+    m_changed.notify_all();
+}
+
 void AlarmSink::BeginStop() {
     const SDK::LockGuard lock(m_mutex);
     if (!std::exchange(m_stopping, true)) {
@@ -79,6 +88,11 @@ void AlarmSink::Stop() {
              "Output(%s) ends: %lu alarms written, %lu dropped, %lu failed", books.m_by,
              Shown(books.m_delivered), Shown(books.m_lost.at(kQueueFull)),
              Shown(books.m_lost.at(kNotWritten)));
+    if (books.m_waiting > 0) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Output(%s) leaves %lu alarms in its spool, for the next start", books.m_by,
+                        Shown(books.m_waiting));
+    }
 }
 
 SDK::Ledger AlarmSink::GetLedger() const {
@@ -88,7 +102,7 @@ SDK::Ledger AlarmSink::GetLedger() const {
     books.m_by = m_writer->Name();
     books.m_seen = m_offered;
     books.m_delivered = m_written;
-    books.m_waiting = m_waiting.size() + (m_writing ? 1 : 0);
+    books.m_waiting = m_waiting.size() + m_away;
     books.m_lost = {{kQueueFull, m_dropped}, {kNotWritten, m_failed}};
     books.m_lastS = m_lastS;
     if (!m_trouble.empty()) {
@@ -99,16 +113,47 @@ SDK::Ledger AlarmSink::GetLedger() const {
 }
 
 void AlarmSink::Run() {
+    TakeOverSpool();
     Prepare();
-    std::string document;
-    while (Take(document)) {
-        Write(document);
+    while (Take()) {
+        WriteHand();
     }
 }
 
-bool AlarmSink::Take(std::string& document) {
+void AlarmSink::TakeOverSpool() {
+    if (m_spool == nullptr || m_spool->IsEmpty()) {
+        return;
+    }
+    {
+        const SDK::LockGuard lock(m_mutex);
+        m_offered += m_spool->Count();
+        m_away += m_spool->Count();
+    }
+    SDK::Log(GetDataCommLogger(), Poco::Message::PRIO_NOTICE,
+             "Output(%s) has %lu alarms in its spool from before", m_writer->Name(),
+             Shown(m_spool->Count()));
+}
+
+/// Fills the hand. @return false when the end has come
+bool AlarmSink::Take() {
+    if (!WaitForWork()) {
+        GiveUpQueue();
+        return false;
+    }
+    if (m_spool != nullptr && !m_spool->IsEmpty()) {
+        Spill();  // what came later stays behind what came earlier
+        TakeFromSpool();
+    } else {
+        TakeFromQueue();
+    }
+    return true;
+}
+
+/// @return false when the sink stops, and there is nothing to do or no time for it
+bool AlarmSink::WaitForWork() {
+    const bool spooled = m_spool != nullptr && !m_spool->IsEmpty();
     m_mutex.lock();
-    while (m_waiting.empty() && !m_stopping) {
+    while (m_waiting.empty() && !spooled && !m_stopping && !m_reopening) {
         if (m_trouble.empty() || !m_writer->ShouldRetry()) {
             // Whether such a place takes alarms again only the next alarm can tell.
             m_changed.wait(m_mutex);
@@ -119,40 +164,165 @@ bool AlarmSink::Take(std::string& document) {
             m_mutex.lock();
         }
     }
-    if (m_stopping && m_writer->DeadlinePassed()) {
-        m_dropped += m_waiting.size();
-        m_waiting.clear();
-    }
-    m_writing = !m_waiting.empty();
-    const bool taken = m_writing;
-    if (taken) {
-        document = std::move(m_waiting.front());
-        m_waiting.pop_front();
-    }
+    const bool reopen = std::exchange(m_reopening, false);
+    const bool end = m_stopping && ((m_waiting.empty() && !spooled) || m_writer->DeadlinePassed());
     m_mutex.unlock();
-    return taken;
+    if (reopen) {
+        Prepare();
+    }
+    return !end;
 }
 
-void AlarmSink::Write(const std::string& document) {
-    const std::string line = m_formatter.Format(document);
+void AlarmSink::TakeFromSpool() {
     std::string why;
-    std::chrono::milliseconds pause = kFirstPause;
-    while (!m_writer->Write(line, HasMore(), why)) {
-        const bool retry = m_writer->ShouldRetry();
-        if (!retry) {
-            CountFailed();
-        }
-        NoteTrouble(why);
-        if (!retry) {
-            return;
-        }
-        if (!Rest(pause)) {
-            CountFailed();
-            return;
-        }
-        pause = std::min(2 * pause, kLongestPause);
+    for (std::string& document : m_spool->Peek(m_writer->BatchSize(), why)) {
+        AddToHand(std::move(document));
     }
-    CountWritten();
+    m_handIsSpooled = true;
+    if (!m_hand.empty()) {
+        return;
+    }
+    const std::size_t lost = m_spool->Clear();
+    {
+        const SDK::LockGuard lock(m_mutex);
+        m_away -= lost;
+        m_failed += lost;
+    }
+    SDK::LogError(GetDataCommLogger(), "Output(%s) has lost %lu alarms of its spool: %s",
+                  m_writer->Name(), Shown(lost), why);
+}
+
+void AlarmSink::TakeFromQueue() {
+    std::vector<std::string> taken;
+    {
+        const SDK::LockGuard lock(m_mutex);
+        const std::size_t count = std::min(m_waiting.size(), m_writer->BatchSize());
+        for (std::size_t i = 0; i < count; ++i) {
+            taken.push_back(std::move(m_waiting.front()));
+            m_waiting.pop_front();
+        }
+        m_away += count;
+    }
+    for (std::string& document : taken) {
+        AddToHand(std::move(document));
+    }
+    m_handIsSpooled = false;
+}
+
+void AlarmSink::AddToHand(std::string document) {
+    std::string text = m_formatter.Format(document);
+    m_hand.push_back({std::move(document), std::move(text)});
+}
+
+void AlarmSink::WriteHand() {
+    std::chrono::milliseconds pause = kFirstPause;
+    while (!m_hand.empty()) {
+        std::string why;
+        const std::size_t done = m_writer->Write(m_hand, why);
+        SettleFirst(done);
+        if (m_hand.empty()) {
+            NoteRecovery();
+        } else if (!m_writer->ShouldRetry()) {
+            FailFirst();
+            NoteTrouble(why);
+        } else {
+            NoteTrouble(why);
+            Spill();
+            pause = done > 0 ? kFirstPause : pause;
+            if (!Rest(pause)) {
+                GiveUpHand();
+            }
+            pause = std::min(2 * pause, kLongestPause);
+        }
+    }
+}
+
+/// Takes what has arrived out of the hand.
+void AlarmSink::SettleFirst(std::size_t count) {
+    if (count == 0) {
+        return;
+    }
+    if (m_handIsSpooled) {
+        m_spool->Drop(count);
+    }
+    m_hand.erase(m_hand.begin(), m_hand.begin() + static_cast<std::ptrdiff_t>(count));
+    const SDK::LockGuard lock(m_mutex);
+    m_away -= count;
+    m_written += count;
+    m_lastS = SDK::TimeUtils::GetCurrentTimestampS();
+}
+
+/// Takes what never will be written out of the hand.
+void AlarmSink::FailFirst() {
+    if (m_handIsSpooled) {
+        m_spool->Drop(1);
+    }
+    m_hand.erase(m_hand.begin());
+    const SDK::LockGuard lock(m_mutex);
+    --m_away;
+    ++m_failed;
+}
+
+/// There is no time for another try. What is in the spool stays there.
+void AlarmSink::GiveUpHand() {
+    if (!m_handIsSpooled) {
+        const SDK::LockGuard lock(m_mutex);
+        m_away -= m_hand.size();
+        m_failed += m_hand.size();
+    }
+    m_hand.clear();
+}
+
+void AlarmSink::GiveUpQueue() {
+    Spill();
+    const SDK::LockGuard lock(m_mutex);
+    m_dropped += m_waiting.size();
+    m_waiting.clear();
+}
+
+/// Puts what waits in memory on disk, as far as there is room.
+void AlarmSink::Spill() {
+    if (m_spool == nullptr || !SpillHand()) {
+        return;
+    }
+    std::deque<std::string> moved;
+    {
+        const SDK::LockGuard lock(m_mutex);
+        moved.swap(m_waiting);
+        m_away += moved.size();
+    }
+    std::string why;
+    const std::size_t done = moved.empty() ? 0 : m_spool->Append(moved, why);
+    if (done == moved.size()) {
+        m_spoolFails = false;
+        return;
+    }
+    {
+        const SDK::LockGuard lock(m_mutex);
+        m_away -= moved.size() - done;
+        m_waiting.insert(m_waiting.begin(),
+                         std::make_move_iterator(moved.begin() + static_cast<std::ptrdiff_t>(done)),
+                         std::make_move_iterator(moved.end()));
+    }
+    NoteSpoolFailure(why);
+}
+
+/// Puts a hand that was taken off the queue, which is only done while the spool is empty, on disk.
+bool AlarmSink::SpillHand() {
+    if (m_hand.empty() || m_handIsSpooled) {
+        return true;
+    }
+    std::deque<std::string> documents;
+    for (const OutgoingAlarm& alarm : m_hand) {
+        documents.push_back(alarm.m_document);
+    }
+    std::string why;
+    m_handIsSpooled = m_spool->Append(documents, why) == documents.size();
+    if (!m_handIsSpooled) {
+        m_spool->Clear();
+        NoteSpoolFailure(why);
+    }
+    return m_handIsSpooled;
 }
 
 /// Waits before another try. While the sink stops, the pauses are short, as there is little time.
@@ -164,6 +334,11 @@ bool AlarmSink::Rest(std::chrono::milliseconds pause) {
     m_mutex.lock();
     while (Clock::now() < (m_stopping ? shortEnd : end)) {
         m_changed.wait_until(m_mutex, m_stopping ? shortEnd : end);
+        if (m_spool != nullptr && !m_spoolFails && !m_waiting.empty()) {
+            m_mutex.unlock();
+            Spill();  // an agent that is killed now loses nothing
+            m_mutex.lock();
+        }
     }
     const bool stopping = m_stopping;
     m_mutex.unlock();
@@ -177,21 +352,6 @@ void AlarmSink::Prepare() {
     } else {
         NoteTrouble(why);
     }
-}
-
-bool AlarmSink::HasMore() const {
-    const SDK::LockGuard lock(m_mutex);
-    return !m_waiting.empty();
-}
-
-void AlarmSink::CountWritten() {
-    {
-        const SDK::LockGuard lock(m_mutex);
-        m_writing = false;
-        ++m_written;
-        m_lastS = SDK::TimeUtils::GetCurrentTimestampS();
-    }
-    NoteRecovery();
 }
 
 void AlarmSink::NoteRecovery() {
@@ -208,12 +368,6 @@ void AlarmSink::NoteRecovery() {
              Shown(failed));
 }
 
-void AlarmSink::CountFailed() {
-    const SDK::LockGuard lock(m_mutex);
-    m_writing = false;
-    ++m_failed;
-}
-
 void AlarmSink::NoteTrouble(const std::string& why) {
     std::uint64_t failed = 0;
     {
@@ -226,6 +380,15 @@ void AlarmSink::NoteTrouble(const std::string& why) {
     SDK::LogError(GetDataCommLogger(),
                   "Output(%s) cannot be written: %s. %lu alarms failed so far.", m_writer->Name(),
                   why, Shown(failed));
+}
+
+/// Says so once, until something could be put there again.
+void AlarmSink::NoteSpoolFailure(const std::string& why) {
+    if (!std::exchange(m_spoolFails, true)) {
+        SDK::LogError(GetDataCommLogger(),
+                      "Output(%s) cannot put more alarms into its spool: %s. They wait in memory.",
+                      m_writer->Name(), why);
+    }
 }
 
 }  // namespace Engine

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "AlarmFormatter.h"
+#include "AlarmSpool.h"
 #include "AlarmWriter.h"
+#include "OutgoingAlarm.h"
 #include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 
@@ -13,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace Engine {
 
@@ -20,13 +23,19 @@ namespace Engine {
 /// full or gone costs its own alarms only. Where the place may come back, an alarm is kept and
 /// tried again, after pauses of 100 ms up to five seconds.
 ///
-/// Threads: Offer and the counters on any thread; Stop once.
+/// A sink with a spool puts what waits for a place in trouble on disk, so that neither the length
+/// of the queue nor the end of the agent costs alarms. Until the spool is empty again new alarms
+/// queue behind it.
+///
+/// Threads: Offer, Reopen and the books on any thread; Stop once.
 class AlarmSink {
 public:
-    /// @param writer     where lines go; owned by the sink
-    /// @param formatter  how a document becomes a line
-    /// @param capacity   documents that may wait
-    AlarmSink(std::unique_ptr<AlarmWriter> writer, AlarmFormatter formatter, std::size_t capacity);
+    /// @param writer     where alarms go; owned by the sink
+    /// @param formatter  how a document becomes a text
+    /// @param capacity   documents that may wait in memory
+    /// @param spool      where those wait for which there is no place; null: nowhere
+    AlarmSink(std::unique_ptr<AlarmWriter> writer, AlarmFormatter formatter, std::size_t capacity,
+              std::unique_ptr<AlarmSpool> spool = nullptr);
     ~AlarmSink();
     AlarmSink(const AlarmSink&) = delete;
     AlarmSink& operator=(const AlarmSink&) = delete;
@@ -35,39 +44,61 @@ public:
     /// burst is logged. @return whether it was queued
     bool Offer(const std::string& document);
 
+    /// Makes the writer get ready anew, as at the start, before it is given the next alarm: what it
+    /// had open may have been moved away.
+    void Reopen();
+
     /// Lets two seconds begin, after which nothing more is tried.
     void BeginStop();
 
-    /// Writes what is queued, for two seconds at the most, and ends the thread. What is left counts
-    /// as dropped. The totals are logged.
+    /// Writes what is queued, for two seconds at the most, and ends the thread. What is left stays
+    /// in the spool, or counts as dropped where there is none. The totals are logged.
     void Stop();
 
-    /// What was offered, and what became of it: delivered is what was written.
+    /// What was offered, and what became of it: delivered is what was written. What an agent before
+    /// this one left in the spool counts as offered.
     SDK::Ledger GetLedger() const;
 
 private:
     void Run();
-    bool Take(std::string& document);
-    void Write(const std::string& document);
+    void TakeOverSpool();
+    bool Take();
+    bool WaitForWork();
+    void TakeFromSpool();
+    void TakeFromQueue();
+    void AddToHand(std::string document);
+    void WriteHand();
+    void SettleFirst(std::size_t count);
+    void FailFirst();
+    void GiveUpHand();
+    void GiveUpQueue();
+    void Spill();
+    bool SpillHand();
     bool Rest(std::chrono::milliseconds pause);
     void Prepare();
-    bool HasMore() const;
     void NoteRecovery();
-    void CountWritten();
-    void CountFailed();
     void NoteTrouble(const std::string& why);
+    void NoteSpoolFailure(const std::string& why);
 
     const std::unique_ptr<AlarmWriter> m_writer;
     const AlarmFormatter m_formatter;
     const std::size_t m_capacity;
 
+    // The sink's thread alone. What is in its hand is what the writer is given: either documents
+    // that were taken off the queue, or copies of the oldest ones of the spool.
+    const std::unique_ptr<AlarmSpool> m_spool;
+    std::vector<OutgoingAlarm> m_hand;
+    bool m_handIsSpooled = false;
+    bool m_spoolFails = false;
+
     mutable SDK::Mutex m_mutex;
     std::condition_variable_any m_changed;
     std::deque<std::string> m_waiting SDK_GUARDED_BY(m_mutex);
     bool m_stopping SDK_GUARDED_BY(m_mutex) = false;
+    bool m_reopening SDK_GUARDED_BY(m_mutex) = false;
     bool m_dropping SDK_GUARDED_BY(m_mutex) = false;
-    bool m_writing SDK_GUARDED_BY(m_mutex) = false;
     std::uint64_t m_offered SDK_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_away SDK_GUARDED_BY(m_mutex) = 0;  // with the sink's thread or in the spool
     std::uint64_t m_written SDK_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_dropped SDK_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_failed SDK_GUARDED_BY(m_mutex) = 0;

@@ -1,15 +1,19 @@
 #pragma once
 
+#include "OutgoingAlarm.h"
+
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace Engine {
 
-/// Where a sink's alarms go, one at a time.
+/// Where a sink's alarms go.
 ///
-/// Threads: Write on one thread; the deadline and the name on any.
+/// Threads: Prepare and Write on one thread; the deadline and the name on any.
 class AlarmWriter {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
@@ -25,12 +29,16 @@ public:
     /// @return false when it could not
     virtual bool Prepare(std::string& /*why*/) { return true; }
 
-    /// Writes one formatted alarm, without an end of line.
-    /// @param more  whether another one follows at once: whether this one has arrived may then be
-    ///              found out together with that one
-    /// @param why   set when it could not be written
-    /// @return false when it could not be written
-    virtual bool Write(const std::string& alarm, bool more, std::string& why) = 0;
+    /// How many alarms it likes to be given at once, at the most.
+    virtual std::size_t BatchSize() const { return 1; }
+
+    /// Writes alarms in their order, until the first that cannot be written. Where ShouldRetry says
+    /// so, that one and those behind it are given again, first and in the same order; a writer may
+    /// rely on it.
+    /// @param alarms  at least one
+    /// @param why     set when not all could be written
+    /// @return how many have arrived, from the first on
+    virtual std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) = 0;
 
     /// Whether what could not be written is worth another try: the place may come back.
     virtual bool ShouldRetry() const = 0;

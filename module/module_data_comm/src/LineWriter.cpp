@@ -61,7 +61,15 @@ std::unique_ptr<LineWriter> LineWriter::OpenFile(const std::string& path) {
     return writer;
 }
 
-bool LineWriter::Write(const std::string& line, bool /*more*/, std::string& why) {
+std::size_t LineWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) {
+    std::size_t done = 0;
+    while (done < alarms.size() && WriteLine(alarms[done].m_text, why)) {
+        ++done;
+    }
+    return done;
+}
+
+bool LineWriter::WriteLine(const std::string& line, std::string& why) {
     FollowRename();
     const off_t before = m_isFile ? ::lseek(m_descriptor, 0, SEEK_END) : -1;
     if (WriteAll(line + '\n')) {

@@ -24,14 +24,15 @@ public:
     /// @return null when it cannot be opened (logged)
     static std::unique_ptr<LineWriter> OpenFile(const std::string& path);
 
-    /// Writes a line and its end. Waits while a pipe is full, until the deadline.
-    bool Write(const std::string& line, bool more, std::string& why) override;
+    /// Writes lines and their ends. Waits while a pipe is full, until the deadline.
+    std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) override;
 
     /// Never: a pipe may have taken a part of the line.
     bool ShouldRetry() const override { return false; }
     bool IsTerminal() const override;
 
 private:
+    bool WriteLine(const std::string& line, std::string& why);
     void FollowRename();
     bool WaitWritable() const;
     bool WriteAll(const std::string& text) const;

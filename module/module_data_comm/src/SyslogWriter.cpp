@@ -38,9 +38,6 @@ const Poco::Timespan kSlice(0, 100000);
 constexpr int kPatienceSlices = 50;
 constexpr std::int64_t kFirstLookUs = 50;
 
-// Alarms that are sent one after the other without asking whether they arrived.
-constexpr std::size_t kMaxUnconfirmed = 128;
-
 constexpr int kKeepIdleS = 15;
 constexpr int kKeepIntervalS = 5;
 constexpr int kKeepCount = 3;
@@ -119,36 +116,30 @@ std::string SyslogWriter::LocalMessage(const std::string& alarm, int pid,
            alarm;
 }
 
-SyslogWriter::~SyslogWriter() {
-    if (!m_unconfirmed.empty()) {
-        SDK::LogWarning(GetDataCommLogger(),
-                        "Output(%s) ends without word that its last %lu alarms arrived", Name(),
-                        static_cast<unsigned long>(m_unconfirmed.size()));
-    }
-}
-
 bool SyslogWriter::Prepare(std::string& why) {
     return Try([] {}, why);
 }
 
-bool SyslogWriter::Write(const std::string& alarm, bool more, std::string& why) {
-    const std::string message = m_way == Way::DAEMON
-                                    ? LocalMessage(alarm, ::getpid(), Poco::LocalDateTime())
-                                    : Message(alarm, m_host, ::getpid(), Poco::Timestamp());
-    return Try(
+std::size_t SyslogWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) {
+    std::size_t done = 0;
+    const bool good = Try(
         [&] {
-            Send(message);
-            if (m_way != Way::STREAM) {
-                return;
+            for (const OutgoingAlarm& alarm : alarms) {
+                Send(MessageOf(alarm));
+                // A stream may still lose what it took.
+                done += m_way == Way::STREAM ? 0 : 1;
             }
-            if (!more || m_unconfirmed.size() >= kMaxUnconfirmed) {
+            if (m_way == Way::STREAM) {
                 WaitForAcknowledgement();
-                m_unconfirmed.clear();
-            } else {
-                m_unconfirmed.push_back(message);
             }
         },
         why);
+    return good ? alarms.size() : done;
+}
+
+std::string SyslogWriter::MessageOf(const OutgoingAlarm& alarm) const {
+    return m_way == Way::DAEMON ? LocalMessage(alarm.m_text, ::getpid(), Poco::LocalDateTime())
+                                : Message(alarm.m_text, m_host, ::getpid(), Poco::Timestamp());
 }
 
 /// Does something with a connection that is as good as can be known, and closes it when that fails.
@@ -159,9 +150,6 @@ bool SyslogWriter::Try(const std::function<void()>& work, std::string& why) {
         }
         if (m_socket == nullptr) {
             Connect();
-            for (const std::string& message : m_unconfirmed) {
-                Send(message);
-            }
         }
         work();
         return true;

@@ -6,7 +6,6 @@
 #include <Poco/Net/Socket.h>
 #include <Poco/Timestamp.h>
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -32,10 +31,13 @@ public:
     /// @return null when the place is not understood (logged)
     static std::unique_ptr<SyslogWriter> Open(const std::string& place);
 
-    ~SyslogWriter() override;
-
     bool Prepare(std::string& why) override;
-    bool Write(const std::string& alarm, bool more, std::string& why) override;
+
+    /// Over TCP some are sent before their arrival is asked for, as each question costs a round
+    /// trip.
+    std::size_t BatchSize() const override { return m_way == Way::STREAM ? 128 : 1; }
+
+    std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) override;
     bool ShouldRetry() const override { return m_retry; }
 
     /// A message of RFC 5424, without framing.
@@ -52,6 +54,7 @@ private:
 
     SyslogWriter(const std::string& name, std::string address, Way way);
 
+    std::string MessageOf(const OutgoingAlarm& alarm) const;
     bool Try(const std::function<void()>& work, std::string& why);
     void Connect();
     void ConnectStream();
@@ -63,7 +66,6 @@ private:
     const Way m_way;
     const std::string m_host;
     std::unique_ptr<Poco::Net::Socket> m_socket;  // null: not connected
-    std::deque<std::string> m_unconfirmed;        // sent over TCP, without word of their arrival
     bool m_retry = true;                          // the last failure may pass
 };
 

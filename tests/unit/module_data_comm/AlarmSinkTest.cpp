@@ -1,6 +1,8 @@
 #include "AlarmSink.h"
 
+#include "AlarmSpool.h"
 #include "LineWriter.h"
+#include "ScriptedWriter.h"
 #include "SinkBooks.h"
 #include "TestPipe.h"
 #include "support/CapturedLog.h"
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -174,6 +177,144 @@ TEST(AlarmSink, TakesNothingAfterItsStop) {
     sink.Stop();
     EXPECT_FALSE(sink.Offer("late"));
     EXPECT_EQ(Dropped(sink), 1U);
+}
+
+class AlarmSinkWithASpool : public testing::Test {
+protected:
+    std::unique_ptr<AlarmSink> Sink(std::size_t capacity = 100, std::uint64_t limit = 1 << 20) {
+        std::string why;
+        auto spool = Engine::AlarmSpool::Open(m_folder.Path(), "place", limit, why);
+        EXPECT_NE(spool, nullptr) << why;
+        return std::make_unique<AlarmSink>(std::make_unique<ScriptedWriter>(m_place),
+                                           AlarmFormatter(AlarmFormatter::Style::JSON, false),
+                                           capacity, std::move(spool));
+    }
+    static std::vector<std::string> Numbers(int begin, int end) {
+        std::vector<std::string> texts;
+        for (int i = begin; i < end; ++i) {
+            texts.push_back(std::to_string(i));
+        }
+        return texts;
+    }
+    static int OfferAll(AlarmSink& sink, const std::vector<std::string>& texts) {
+        int queued = 0;
+        for (const std::string& text : texts) {
+            queued += sink.Offer(text) ? 1 : 0;
+        }
+        return queued;
+    }
+
+    TestSupport::CapturedLog m_log;
+    TestSupport::TemporaryFolder m_folder;
+    ScriptedWriter::Place m_place;
+};
+
+TEST_F(AlarmSinkWithASpool, PutsNothingOnDiskWhileThePlaceTakesAlarms) {
+    const auto sink = Sink();
+    OfferAll(*sink, Numbers(0, 50));
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 50; }));
+    sink->Stop();
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 50));
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "place.1.jsonl"));
+}
+
+TEST_F(AlarmSinkWithASpool, KeepsFarMoreThanItsQueueHoldsWhileThePlaceIsAway) {
+    m_place.Take(0);
+    const auto sink = Sink(10);
+    for (int i = 0; i < 500; ++i) {
+        // Not faster than the disk takes them.
+        ASSERT_TRUE(WaitUntil([&] { return OfferAll(*sink, {std::to_string(i)}) == 1; }));
+    }
+    const std::uint64_t dropped = Dropped(*sink);
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 500; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 500)) << "each once, in order";
+    EXPECT_EQ(BooksOf(*sink).m_seen, 500 + dropped);
+}
+
+TEST_F(AlarmSinkWithASpool, TakesUpWhatAnAgentBeforeItLeft) {
+    m_place.Take(0);
+    {
+        const auto sink = Sink();
+        OfferAll(*sink, Numbers(0, 7));
+        sink->Stop();
+        EXPECT_EQ(BooksOf(*sink).m_waiting, 7U);
+        EXPECT_EQ(BooksOf(*sink).Lost(), 0U);
+        EXPECT_TRUE(
+            m_log.Contains("Output(place) leaves 7 alarms in its spool, for the next start"));
+    }
+    m_place.Take(-1);
+    const auto sink = Sink();
+    OfferAll(*sink, Numbers(7, 9));
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 9; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 9));
+    EXPECT_EQ(BooksOf(*sink).m_seen, 9U);
+    EXPECT_TRUE(m_log.Contains("Output(place) has 7 alarms in its spool from before"));
+}
+
+TEST_F(AlarmSinkWithASpool, GivesAgainOnlyWhatHasNotArrived) {
+    m_place.Take(2);
+    const auto sink = Sink();
+    OfferAll(*sink, Numbers(0, 9));
+    ASSERT_TRUE(WaitUntil([&] { return !sink->GetLedger().m_trouble.empty(); }));
+    EXPECT_EQ(BooksOf(*sink).m_waiting, 7U);
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 9; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 9));
+}
+
+TEST_F(AlarmSinkWithASpool, GoesOnInMemoryWhenTheSpoolIsFullAndSaysSoOnce) {
+    m_place.Take(0);
+    const auto sink = Sink(10, 20);
+    int queued = 0;
+    ASSERT_TRUE(WaitUntil([&] {
+        queued += OfferAll(*sink, {"1234"});
+        return Dropped(*sink) > 0;
+    }));
+    EXPECT_GE(queued, 10 + 4) << "what the queue holds, and what the spool does";
+    EXPECT_EQ(m_log.Count(kError,
+                          "Output(place) cannot put more alarms into its spool: the spool is "
+                          "full(20 bytes). They wait in memory."),
+              1U);
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == static_cast<std::uint64_t>(queued); }));
+}
+
+TEST_F(AlarmSinkWithASpool, CountsWhatSomebodyTookAwayFromTheDisk) {
+    m_place.Take(0);
+    const auto sink = Sink();
+    OfferAll(*sink, Numbers(0, 20));
+    ASSERT_TRUE(WaitUntil([&] { return !sink->GetLedger().m_trouble.empty(); }));
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::remove(m_folder / "place.1.jsonl"); }));
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_waiting == 0; }));
+    EXPECT_GT(Failed(*sink), 0U);
+    EXPECT_EQ(Written(*sink) + Failed(*sink), 20U);
+    EXPECT_TRUE(m_log.Contains("alarms of its spool: spool file("));
+}
+
+TEST(AlarmSink, WritesTheRestOfABatchOfWhichOneIsRefused) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    place.Take(0);
+    AlarmSink sink(std::make_unique<ScriptedWriter>(place, false),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    sink.Offer("refused");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
+    place.Take(-1);
+    sink.Offer("taken");
+    EXPECT_TRUE(WaitUntil([&] { return Written(sink) == 1; }));
+    EXPECT_EQ(place.Taken(), std::vector<std::string>{"taken"});
+}
+
+TEST(AlarmSink, GetsReadyAnewWhenItIsToReopen) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    AlarmSink sink(std::make_unique<ScriptedWriter>(place),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    ASSERT_TRUE(WaitUntil([&] { return place.Prepared() == 1; }));
+    sink.Reopen();
+    EXPECT_TRUE(WaitUntil([&] { return place.Prepared() == 2; }));
 }
 
 }  // namespace

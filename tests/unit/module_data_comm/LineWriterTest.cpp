@@ -21,7 +21,9 @@ using TestSupport::ReadText;
 
 std::string g_why;  // why the last line could not be written
 
-bool Put(LineWriter& writer, const std::string& line) { return writer.Write(line, false, g_why); }
+bool Put(LineWriter& writer, const std::string& line) {
+    return writer.Write({{"", line}}, g_why) == 1;
+}
 
 /// Files of this process cannot grow beyond a size while it lives.
 class FileSizeLimit {

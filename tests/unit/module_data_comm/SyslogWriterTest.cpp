@@ -25,6 +25,7 @@ namespace {
 
 using Engine::AlarmFormatter;
 using Engine::AlarmSink;
+using Engine::OutgoingAlarm;
 using Engine::SyslogWriter;
 using Poco::Net::SocketAddress;
 using TestSupport::WaitUntil;
@@ -98,14 +99,14 @@ class Syslog : public testing::Test {
 protected:
     std::string Why(SyslogWriter& writer, const std::string& alarm = "alarm") {
         std::string why;
-        EXPECT_FALSE(writer.Write(alarm, false, why));
+        EXPECT_EQ(writer.Write({{"", alarm}}, why), 0U);
         return why;
     }
     bool Put(SyslogWriter& writer, const std::string& alarm) {
         std::string why;
-        const bool written = writer.Write(alarm, false, why);
+        const std::size_t written = writer.Write({{"", alarm}}, why);
         EXPECT_EQ(why, "");
-        return written;
+        return written == 1;
     }
 
     TestSupport::CapturedLog m_log;
@@ -240,27 +241,17 @@ TEST_F(Syslog, SendsAgainWhatABrokenConnectionMayHaveLost) {
     const std::uint16_t port = server->Port();
     const auto writer = SyslogWriter::Open(server->Place());
     std::string why;
-    ASSERT_TRUE(writer->Write("one", true, why)) << why;
-    ASSERT_TRUE(writer->Write("two", true, why)) << why;
+    ASSERT_TRUE(writer->Prepare(why)) << why;
     server->Accept();
     server.reset();
+    const std::vector<OutgoingAlarm> batch = {{"", "one"}, {"", "two"}, {"", "three"}};
+    ASSERT_EQ(writer->Write(batch, why), 0U) << "of none is known that it arrived";
     server = std::make_unique<TcpServer>(port);
-    ASSERT_TRUE(writer->Write("three", false, why)) << why;
+    ASSERT_EQ(writer->Write(batch, why), 3U) << why;
     server->Accept();
     for (const char* alarm : {"one", "two", "three"}) {
         EXPECT_TRUE(server->Receive().ends_with(alarm)) << alarm;
     }
-    ASSERT_TRUE(writer->Write("four", false, why)) << why;
-    EXPECT_TRUE(server->Receive().ends_with("four")) << "what was acknowledged is not sent again";
-}
-
-TEST_F(Syslog, SaysAtItsEndWhatItHasNoWordOf) {
-    TcpServer server;
-    auto writer = SyslogWriter::Open(server.Place());
-    std::string why;
-    ASSERT_TRUE(writer->Write("one", true, why)) << why;
-    writer.reset();
-    EXPECT_TRUE(m_log.Contains("ends without word that its last 1 alarms arrived"));
 }
 
 TEST_F(Syslog, FindsOutBeforeAnAlarmNeedsItWhetherTheServerIsThere) {

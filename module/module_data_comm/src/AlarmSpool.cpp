@@ -1,0 +1,303 @@
+#include "AlarmSpool.h"
+
+#include "DataCommLog.h"
+
+#include <Poco/Error.h>
+#include <Poco/Format.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <utility>
+
+namespace Engine {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kFileMode = 0600;
+
+// A segment is begun anew when it has this part of the limit, so that room comes back while alarms
+// arrive.
+constexpr std::uint64_t kSegments = 8;
+
+constexpr const char* kEnding = ".jsonl";
+
+/// What lies between the name and the ending of a segment; false when that is no number.
+bool NumberOf(const std::string& file, const std::string& name, std::uint64_t& number) {
+    const std::string prefix = name + '.';
+    const std::string ending = kEnding;
+    if (!file.starts_with(prefix) || !file.ends_with(ending) ||
+        file.size() <= prefix.size() + ending.size()) {
+        return false;
+    }
+    const char* begin = file.data() + prefix.size();
+    const char* end = file.data() + file.size() - ending.size();
+    return std::from_chars(begin, end, number).ptr == end;
+}
+
+std::string LastError(const std::string& what, const std::string& path) {
+    return Poco::format("%s(%s): %s", what, path, Poco::Error::getMessage(errno));
+}
+
+bool WriteWhole(int descriptor, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t written = ::write(descriptor, text.data() + done, text.size() - done);
+        if (written > 0) {
+            done += static_cast<std::size_t>(written);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// A document as one line with its end.
+std::string LineOf(const std::string& document) {
+    std::string line = document;
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line + '\n';
+}
+
+}  // namespace
+
+std::unique_ptr<AlarmSpool> AlarmSpool::Open(const std::string& folder, const std::string& name,
+                                             std::uint64_t limit, std::string& why) {
+    std::error_code error;
+    if (fs::create_directories(folder, error)) {
+        ::chmod(folder.c_str(), S_IRWXU);
+    }
+    if (error) {
+        why = Poco::format("folder(%s): %s", folder, error.message());
+        return nullptr;
+    }
+    std::unique_ptr<AlarmSpool> spool(new AlarmSpool(folder, name, limit));
+    if (!spool->Lock(why)) {
+        return nullptr;
+    }
+    spool->FindSegments();
+    spool->ReadPosition();
+    spool->CountDocuments();
+    return spool;
+}
+
+AlarmSpool::AlarmSpool(std::string folder, std::string name, std::uint64_t limit)
+    : m_folder(std::move(folder)), m_name(std::move(name)), m_limit(limit) {}
+
+bool AlarmSpool::Lock(std::string& why) {
+    const std::string path = m_folder + '/' + m_name + ".lock";
+    m_lock.Reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    if (!m_lock) {
+        why = LastError("file", path);
+        return false;
+    }
+    if (::flock(m_lock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        why = Poco::format("file(%s): another agent uses this spool", path);
+        return false;
+    }
+    return true;
+}
+
+void AlarmSpool::FindSegments() {
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_folder, error)) {
+        Segment segment;
+        if (NumberOf(entry.path().filename().string(), m_name, segment.m_number)) {
+            segment.m_bytes = entry.file_size(error);
+            m_segments.push_back(segment);
+        }
+    }
+    std::sort(m_segments.begin(), m_segments.end(),
+              [](const Segment& a, const Segment& b) { return a.m_number < b.m_number; });
+    m_lastNumber = m_segments.empty() ? 0 : m_segments.back().m_number;
+    // Only the newest may end in the middle of a line: its writer was killed.
+    if (!m_segments.empty() && !MendTail(m_segments.back())) {
+        SDK::LogWarning(GetDataCommLogger(), "Spool file(%s) cannot be mended: %s",
+                        PathOf(m_segments.back()), Poco::Error::getMessage(errno));
+    }
+}
+
+bool AlarmSpool::MendTail(Segment& segment) {
+    std::ifstream file(PathOf(segment), std::ios::binary);
+    std::uint64_t whole = 0;
+    for (std::string line; std::getline(file, line) && !file.eof();) {
+        whole += line.size() + 1;
+    }
+    if (whole == segment.m_bytes) {
+        return true;
+    }
+    SDK::LogWarning(GetDataCommLogger(), "Spool file(%s) ends in the middle of an alarm, %lu bytes",
+                    PathOf(segment), static_cast<unsigned long>(segment.m_bytes - whole));
+    segment.m_bytes = whole;
+    return ::truncate(PathOf(segment).c_str(), static_cast<off_t>(whole)) == 0;
+}
+
+void AlarmSpool::ReadPosition() {
+    std::ifstream file(m_folder + '/' + m_name + ".position");
+    std::uint64_t number = 0;
+    std::uint64_t offset = 0;
+    if (!(file >> number >> offset)) {
+        return;
+    }
+    m_lastNumber = std::max(m_lastNumber, number);
+    // One of a segment that is gone says nothing of the others.
+    if (!m_segments.empty() && m_segments.front().m_number == number &&
+        offset <= m_segments.front().m_bytes) {
+        m_offset = offset;
+    }
+}
+
+void AlarmSpool::CountDocuments() {
+    std::uint64_t from = m_offset;
+    for (const Segment& segment : m_segments) {
+        std::ifstream file(PathOf(segment), std::ios::binary);
+        file.seekg(static_cast<std::streamoff>(std::exchange(from, 0)));
+        for (std::string line; std::getline(file, line);) {
+            ++m_count;
+        }
+    }
+    Drop(0);  // of what has wholly arrived nothing is kept
+}
+
+std::size_t AlarmSpool::Append(const std::deque<std::string>& documents, std::string& why) {
+    std::size_t done = 0;
+    for (const std::string& document : documents) {
+        if (!AppendText(LineOf(document), why)) {
+            break;
+        }
+        ++done;
+    }
+    if (done > 0 && ::fdatasync(m_tail.Get()) != 0) {
+        SDK::LogWarning(GetDataCommLogger(), "Spool file(%s) may not survive a loss of power: %s",
+                        PathOf(m_segments.back()), Poco::Error::getMessage(errno));
+    }
+    m_count += done;
+    return done;
+}
+
+bool AlarmSpool::AppendText(const std::string& text, std::string& why) {
+    if (Bytes() + text.size() > m_limit) {
+        why = Poco::format("the spool is full(%lu bytes)", static_cast<unsigned long>(m_limit));
+        return false;
+    }
+    if (!OpenTail(why)) {
+        return false;
+    }
+    Segment& tail = m_segments.back();
+    if (!WriteWhole(m_tail.Get(), text)) {
+        why = LastError("spool file", PathOf(tail));
+        // Half a line is taken back; should that fail too, the next start does it.
+        [[maybe_unused]] const int result =
+            ::ftruncate(m_tail.Get(), static_cast<off_t>(tail.m_bytes));
+        return false;
+    }
+    tail.m_bytes += text.size();
+    return true;
+}
+
+/// Makes sure of a newest segment that takes more.
+bool AlarmSpool::OpenTail(std::string& why) {
+    if (!m_segments.empty() && m_segments.back().m_bytes >= m_limit / kSegments) {
+        ::fdatasync(m_tail.Get());
+        m_tail.Reset();
+        m_segments.push_back({++m_lastNumber, 0});
+    }
+    if (m_segments.empty()) {
+        m_segments.push_back({++m_lastNumber, 0});
+    }
+    if (!m_tail) {
+        const std::string path = PathOf(m_segments.back());
+        m_tail.Reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                            kFileMode));
+        if (!m_tail) {
+            why = LastError("spool file", path);
+        }
+    }
+    return static_cast<bool>(m_tail);
+}
+
+std::vector<std::string> AlarmSpool::Peek(std::size_t most, std::string& why) const {
+    std::vector<std::string> documents;
+    if (IsEmpty()) {
+        return documents;
+    }
+    const std::string path = PathOf(m_segments.front());
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(m_offset));
+    for (std::string line; documents.size() < most && std::getline(file, line);) {
+        documents.push_back(std::move(line));
+    }
+    if (documents.empty()) {
+        why = Poco::format("spool file(%s) does not hold what was put there", path);
+    }
+    return documents;
+}
+
+std::size_t AlarmSpool::Clear() {
+    m_tail.Reset();
+    for (const Segment& segment : m_segments) {
+        ::unlink(PathOf(segment).c_str());
+    }
+    m_segments.clear();
+    m_offset = 0;
+    return std::exchange(m_count, 0);
+}
+
+void AlarmSpool::Drop(std::size_t count) {
+    if (count > 0) {
+        m_count -= count;
+        std::ifstream file(PathOf(m_segments.front()), std::ios::binary);
+        file.seekg(static_cast<std::streamoff>(m_offset));
+        for (std::string line; count > 0 && std::getline(file, line); --count) {
+            m_offset += line.size() + 1;
+        }
+        NotePosition();
+    }
+    while (!m_segments.empty() && m_offset >= m_segments.front().m_bytes &&
+           (m_segments.size() > 1 || IsEmpty())) {
+        if (m_segments.size() == 1) {
+            m_tail.Reset();
+        }
+        ::unlink(PathOf(m_segments.front()).c_str());
+        m_segments.pop_front();
+        m_offset = 0;
+    }
+}
+
+void AlarmSpool::NotePosition() const {
+    const std::string path = m_folder + '/' + m_name + ".position";
+    // One sector, written over in place: it is there whole or not at all.
+    const SDK::UniqueDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    const std::string text =
+        std::to_string(m_segments.front().m_number) + ' ' + std::to_string(m_offset) + '\n';
+    if (!file || !WriteWhole(file.Get(), text)) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Spool file(%s) cannot be written: %s. Alarms may be sent twice after a "
+                        "start.",
+                        path, Poco::Error::getMessage(errno));
+    }
+}
+
+std::uint64_t AlarmSpool::Bytes() const {
+    std::uint64_t bytes = 0;
+    for (const Segment& segment : m_segments) {
+        bytes += segment.m_bytes;
+    }
+    return bytes;
+}
+
+std::string AlarmSpool::PathOf(const Segment& segment) const {
+    return m_folder + '/' + m_name + '.' + std::to_string(segment.m_number) + kEnding;
+}
+
+}  // namespace Engine

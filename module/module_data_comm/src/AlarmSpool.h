@@ -1,0 +1,86 @@
+#pragma once
+
+#include "sdk/UniqueDescriptor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Engine {
+
+/// Alarms that wait on disk for an output that is away, first in, first out. They outlive the
+/// agent: the next one that opens the spool goes on where this one was.
+///
+/// In the folder lie the segments NAME.<number>.jsonl, one document a line, of which the oldest is
+/// removed when all of it has arrived, and NAME.position, which says how much of the oldest has.
+/// What is appended is on the disk when Append returns. An agent that is killed between the arrival
+/// of alarms and the note of it sends these again.
+///
+/// Threads: one at a time.
+class AlarmSpool {
+public:
+    /// Opens the spool of an output; the folder is made when it is missing, for its owner alone.
+    /// @param limit  bytes that the segments may have together
+    /// @param why    set when it cannot be opened, or another agent has it open
+    /// @return null when it cannot be had
+    static std::unique_ptr<AlarmSpool> Open(const std::string& folder, const std::string& name,
+                                            std::uint64_t limit, std::string& why);
+
+    AlarmSpool(const AlarmSpool&) = delete;
+    AlarmSpool& operator=(const AlarmSpool&) = delete;
+
+    /// Appends documents, without line ends in them, until the limit.
+    /// @param why  set when not all were taken
+    /// @return how many were, from the first on
+    std::size_t Append(const std::deque<std::string>& documents, std::string& why);
+
+    /// The oldest documents: at least one when there is any.
+    /// @param why  set when there should be, but they cannot be read
+    std::vector<std::string> Peek(std::size_t most, std::string& why) const;
+
+    /// Forgets the oldest documents, which have arrived.
+    /// @param count  not more than the last Peek gave
+    void Drop(std::size_t count);
+
+    /// Forgets everything. @return how many documents that were
+    std::size_t Clear();
+
+    std::size_t Count() const { return m_count; }
+    bool IsEmpty() const { return m_count == 0; }
+
+private:
+    struct Segment {
+        std::uint64_t m_number = 0;
+        std::uint64_t m_bytes = 0;
+    };
+
+    AlarmSpool(std::string folder, std::string name, std::uint64_t limit);
+
+    bool Lock(std::string& why);
+    void FindSegments();
+    void ReadPosition();
+    void CountDocuments();
+    bool MendTail(Segment& segment);
+    bool OpenTail(std::string& why);
+    bool AppendText(const std::string& text, std::string& why);
+    void NotePosition() const;
+    std::uint64_t Bytes() const;
+    std::string PathOf(const Segment& segment) const;
+
+    const std::string m_folder;
+    const std::string m_name;
+    const std::uint64_t m_limit;
+    std::deque<Segment> m_segments;  // oldest first
+    // Of the newest segment that ever was. No number comes twice: the note of how much has arrived
+    // must not be taken for one about a later segment.
+    std::uint64_t m_lastNumber = 0;
+    std::uint64_t m_offset = 0;  // in the oldest: what has arrived
+    std::size_t m_count = 0;     // documents that wait
+    SDK::UniqueDescriptor m_lock;
+    SDK::UniqueDescriptor m_tail;  // the newest segment
+};
+
+}  // namespace Engine
