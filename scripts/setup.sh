@@ -22,6 +22,7 @@ bpftool|turns BPF objects into headers
 libcli11-dev|command line of the agent
 libcap-ng-dev|capabilities of the agent
 libsystemd-dev|tells the service manager that the agent is ready and alive
+librdkafka-dev|hands alarms to Kafka, and has a test cluster in it
 libgtest-dev|tests
 libgmock-dev|tests
 libbenchmark-dev|benchmarks

@@ -35,7 +35,7 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 15> kRows = {{
+constexpr std::array<Row, 20> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -48,6 +48,14 @@ constexpr std::array<Row, 15> kRows = {{
     {"report.format", Kind::TEXT, "auto", "auto text json", 0, 0, "how alarms are written"},
     {"report.color", Kind::TEXT, "auto", "auto always never", 0, 0, "colours in text alarms"},
     {"report.queue", Kind::NUMBER, "8192", "", 1, 1000000, "alarms that may wait for the output"},
+    {"report.kafka.brokers", Kind::TEXT, "", "", 0, 0,
+     "brokers of output kafka, HOST:PORT, several with commas"},
+    {"report.kafka.topic", Kind::TEXT, "vmescape-alarms", "", 0, 0, "topic of output kafka"},
+    {"report.kafka.properties_file", Kind::TEXT, "", "", 0, 0,
+     "file of further NAME=VALUE lines for the client of output kafka"},
+    {"report.spool.folder", Kind::TEXT, "/var/lib/vmescape/spool", "", 0, 0,
+     "where alarms wait for a server that is away, empty: in memory"},
+    {"report.spool.megabytes", Kind::NUMBER, "64", "", 1, 1000000, "how much may wait there"},
     {"process_collect.source", Kind::TEXT, "auto", "auto bpf connector", 0, 0,
      "where process events come from"},
     {"process_collect.ring_bytes", Kind::NUMBER, "4194304", "", 4096, 1 << 30,
@@ -87,9 +95,8 @@ std::string Expected(const Row& row) {
         return "a list of strings";
     }
     if (row.m_kind == Kind::OUTPUTS) {
-        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH or "
-               "syslog:tcp:HOST:PORT, or several of "
-               "them";
+        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH, "
+               "syslog:tcp:HOST:PORT or kafka, or several of them";
     }
     return *row.m_allowed == '\0' ? std::string("a string")
                                   : "one of: " + std::string(row.m_allowed);
@@ -99,7 +106,7 @@ std::string Expected(const Row& row) {
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(
         "^((text|json):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
-        ".+|syslog:tcp:.+:[0-9]{1,5})$");
+        ".+|syslog:tcp:.+:[0-9]{1,5}|kafka)$");
     return output.match(text);
 }
 

@@ -3,6 +3,7 @@
 #include "AlarmFormatter.h"
 #include "AlarmSink.h"
 #include "DataCommLog.h"
+#include "KafkaWriter.h"
 #include "LineWriter.h"
 #include "ReportTask.h"
 #include "SyslogWriter.h"
@@ -12,6 +13,7 @@
 
 #include <unistd.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -22,15 +24,37 @@ namespace Engine {
 namespace {
 
 constexpr int kDefaultQueue = 8192;
+constexpr const char* kDefaultTopic = "vmescape-alarms";
+constexpr const char* kDefaultSpool = "/var/lib/vmescape/spool";
+constexpr int kDefaultSpoolMegabytes = 64;
+constexpr std::uint64_t kMegabyte = 1 << 20;
 constexpr const char* kFilePrefix = "file:";
 constexpr const char* kSyslog = "syslog";
 constexpr const char* kSyslogPrefix = "syslog:";
+constexpr const char* kKafka = "kafka";
 constexpr const char* kFormats[] = {"text", "json"};
 
 using Settings = Poco::Util::AbstractConfiguration;
 
+/// Kafka as it is configured, or null when it cannot be had (logged).
+std::unique_ptr<AlarmWriter> OpenKafka(const Settings& settings) {
+    KafkaSettings kafka{settings.getString("report.kafka.brokers", ""),
+                        settings.getString("report.kafka.topic", kDefaultTopic),
+                        {}};
+    const std::string properties = settings.getString("report.kafka.properties_file", "");
+    std::string why = kafka.m_brokers.empty() ? "report.kafka.brokers is not set" : "";
+    std::unique_ptr<AlarmWriter> writer;
+    if (why.empty() && (properties.empty() || kafka.ReadProperties(properties, why))) {
+        writer = KafkaWriter::Open(kafka, why);
+    }
+    if (writer == nullptr) {
+        SDK::LogError(GetDataCommLogger(), "Output(kafka) cannot be had: %s", why);
+    }
+    return writer;
+}
+
 /// The output that the configuration names, or null when it cannot be opened (logged).
-std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
+std::unique_ptr<AlarmWriter> OpenOutput(const Settings& settings, const std::string& output) {
     const auto behind = [&output](const char* prefix) {
         return output.substr(std::char_traits<char>::length(prefix));
     };
@@ -43,10 +67,13 @@ std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
     if (output.rfind(kSyslogPrefix, 0) == 0) {
         return SyslogWriter::Open(behind(kSyslogPrefix));
     }
+    if (output == kKafka) {
+        return OpenKafka(settings);
+    }
     if (output != "stdout") {
         SDK::LogError(GetDataCommLogger(),
                       "report.output(%s) is not understood, expected stdout, file:PATH, syslog, "
-                      "syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT",
+                      "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka",
                       output);
         return nullptr;
     }
@@ -73,17 +100,37 @@ AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format
                           colored);
 }
 
+/// Outputs to servers that may be away for long have a spool.
+/// @return false when the one that it should have cannot be had (logged)
+bool OpenSpool(const Settings& settings, const std::string& output,
+               std::unique_ptr<AlarmSpool>& spool) {
+    const std::string folder = settings.getString("report.spool.folder", kDefaultSpool);
+    if (output != kKafka || folder.empty()) {
+        return true;
+    }
+    const auto limit = static_cast<std::uint64_t>(
+        settings.getInt("report.spool.megabytes", kDefaultSpoolMegabytes));
+    std::string why;
+    spool = AlarmSpool::Open(folder, output, limit * kMegabyte, why);
+    if (spool == nullptr) {
+        SDK::LogError(GetDataCommLogger(), "The spool of output(%s) cannot be had: %s", output,
+                      why);
+    }
+    return spool != nullptr;
+}
+
 /// @return null when the output cannot be had (logged)
 std::unique_ptr<AlarmSink> MakeSink(const Settings& settings, std::string output) {
     const std::string format = TakeFormat(output, settings.getString("report.format", "auto"));
-    std::unique_ptr<AlarmWriter> writer = OpenOutput(output);
-    if (writer == nullptr) {
+    std::unique_ptr<AlarmWriter> writer = OpenOutput(settings, output);
+    std::unique_ptr<AlarmSpool> spool;
+    if (writer == nullptr || !OpenSpool(settings, output, spool)) {
         return nullptr;
     }
     const AlarmFormatter formatter = MakeFormatter(settings, format, writer->IsTerminal());
     return std::make_unique<AlarmSink>(
         std::move(writer), formatter,
-        static_cast<std::size_t>(settings.getInt("report.queue", kDefaultQueue)));
+        static_cast<std::size_t>(settings.getInt("report.queue", kDefaultQueue)), std::move(spool));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "framework/Engine.h"
 #include "framework/Message.h"
 #include "support/CapturedLog.h"
+#include "support/KafkaCluster.h"
 #include "support/TemporaryFolder.h"
 
 #include <Poco/Exception.h>
@@ -97,7 +98,47 @@ TEST_F(DataCommModule, RefusesAnOutputThatItDoesNotKnow) {
     EXPECT_THROW(Start("json:nowhere"), Poco::Exception);
     EXPECT_TRUE(m_log.Contains(
         "report.output(nowhere) is not understood, expected stdout, file:PATH, syslog, "
-        "syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT"));
+        "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka"));
+}
+
+TEST_F(DataCommModule, HandsAlarmsToKafkaInTheFormatThatTheOutputNames) {
+    TestSupport::KafkaCluster cluster("vmescape-alarms");
+    m_engine->config().setString("report.kafka.brokers", cluster.Brokers());
+    m_engine->config().setString("report.spool.folder", m_folder / "spool");
+    Start("text:kafka");
+    Send("2", SampleDocument());
+    const auto records = cluster.Read(1);
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_NE(records[0].m_value.find("  vm-01  shell  "), std::string::npos);
+    m_engine->StopModules();
+}
+
+TEST_F(DataCommModule, RefusesKafkaWithoutBrokersAndWithPropertiesThatAreWrong) {
+    EXPECT_THROW(Start("kafka"), Poco::Exception);
+    EXPECT_TRUE(m_log.Contains("Output(kafka) cannot be had: report.kafka.brokers is not set"));
+    m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
+    m_engine->config().setString("report.kafka.properties_file",
+                                 m_folder.Write("properties", "one\n"));
+    EXPECT_THROW(m_engine->StartModules(), Poco::Exception);
+    EXPECT_TRUE(m_log.Contains("Output(kafka) cannot be had: " + m_folder / "properties" +
+                               ":1: expected NAME=VALUE"));
+}
+
+TEST_F(DataCommModule, RefusesToStartWithoutTheSpoolThatAnOutputShouldHave) {
+    m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
+    m_engine->config().setString("report.spool.folder", "/proc/nowhere");
+    EXPECT_THROW(Start("kafka"), Poco::Exception);
+    EXPECT_TRUE(
+        m_log.Contains("The spool of output(kafka) cannot be had: folder(/proc/nowhere): "));
+}
+
+TEST_F(DataCommModule, KeepsAlarmsInMemoryWhereThereIsToBeNoSpool) {
+    m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
+    m_engine->config().setString("report.spool.folder", "");
+    Start("kafka");
+    Send("2", SampleDocument());
+    m_engine->StopModules();
+    EXPECT_TRUE(m_log.Contains("Output(kafka) ends: 0 alarms written, 0 dropped, 1 failed"));
 }
 
 TEST_F(DataCommModule, StartsAgainAfterItsStop) {

@@ -1,0 +1,270 @@
+#include "KafkaWriter.h"
+
+#include "DataCommLog.h"
+#include "sdk/JsonUtils.h"
+
+#include <Poco/Environment.h>
+#include <Poco/Format.h>
+
+#include <librdkafka/rdkafka.h>
+
+#include <sys/syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace Engine {
+
+namespace {
+
+// How long one look for word of what was sent lasts, and one question for the topic.
+constexpr std::chrono::milliseconds kPatience{1000};
+constexpr std::chrono::milliseconds kSlice{50};
+
+// For the client's threads to end in.
+constexpr int kEndMs = 500;
+
+constexpr std::size_t kErrorText = 512;
+
+/// What differs from the client's own defaults; the operator's properties stand above it.
+constexpr std::pair<const char*, const char*> kProperties[] = {
+    {"client.id", "vmescape-agent"},
+    {"enable.idempotence", "true"},
+    // An alarm is never given up by the client: whether it had arrived would not be known.
+    {"message.timeout.ms", "0"},
+    // Long enough for those of one batch to travel together, short beside the way to a broker.
+    {"linger.ms", "5"},
+    // Brokers that come back are found within seconds.
+    {"reconnect.backoff.max.ms", "2000"},
+    // Brokers close what lies idle, which is no trouble.
+    {"log.connection.close", "false"},
+};
+
+/// Errors that stay whatever is tried: the message itself is wrong.
+bool IsRefusal(rd_kafka_resp_err_t error) {
+    return error == RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE ||
+           error == RD_KAFKA_RESP_ERR_INVALID_MSG_SIZE || error == RD_KAFKA_RESP_ERR_INVALID_RECORD;
+}
+
+/// The client tells of trouble, too, in the messages for which there is no word; its own lines,
+/// which it repeats, are for those who look closely.
+void LogLine(const rd_kafka_t* /*client*/, int level, const char* facility, const char* text) {
+    SDK::Log(GetDataCommLogger(),
+             level <= LOG_CRIT ? Poco::Message::PRIO_WARNING : Poco::Message::PRIO_DEBUG,
+             "Kafka client: %s: %s", std::string(facility), std::string(text));
+}
+
+/// The client copies what it is given; its C interface knows no const.
+void* Bytes(const std::string& text) { return const_cast<char*>(text.data()); }
+
+std::string Member(const Json::Value& object, const char* key) {
+    return SDK::JsonUtils::GetStringValue(object, key, "");
+}
+
+}  // namespace
+
+void KafkaWriter::Destroy::operator()(rd_kafka_s* client) const {
+    rd_kafka_flush(client, kEndMs);
+    rd_kafka_purge(client, RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
+    rd_kafka_destroy(client);
+}
+
+std::unique_ptr<KafkaWriter> KafkaWriter::Open(const KafkaSettings& settings, std::string& why) {
+    std::unique_ptr<KafkaWriter> writer(new KafkaWriter(settings));
+    return writer->Connect(why) ? std::move(writer) : nullptr;
+}
+
+KafkaWriter::KafkaWriter(const KafkaSettings& settings)
+    : AlarmWriter("kafka"), m_settings(settings), m_host(Poco::Environment::nodeName()) {}
+
+KafkaWriter::~KafkaWriter() = default;
+
+/// Makes a client, which connects by itself, now and whenever it must.
+bool KafkaWriter::Connect(std::string& why) {
+    rd_kafka_conf_t* configuration = MakeConfiguration(why);
+    if (configuration == nullptr) {
+        return false;
+    }
+    std::array<char, kErrorText> text{};
+    m_client.reset(rd_kafka_new(RD_KAFKA_PRODUCER, configuration, text.data(), text.size()));
+    if (m_client == nullptr) {
+        rd_kafka_conf_destroy(configuration);
+        why = text.data();
+    }
+    return m_client != nullptr;
+}
+
+rd_kafka_conf_s* KafkaWriter::MakeConfiguration(std::string& why) {
+    rd_kafka_conf_t* configuration = rd_kafka_conf_new();
+    std::vector<std::pair<std::string, std::string>> properties(std::begin(kProperties),
+                                                                std::end(kProperties));
+    properties.emplace_back("bootstrap.servers", m_settings.m_brokers);
+    properties.insert(properties.end(), m_settings.m_properties.begin(),
+                      m_settings.m_properties.end());
+    for (const auto& [name, value] : properties) {
+        std::array<char, kErrorText> text{};
+        if (rd_kafka_conf_set(configuration, name.c_str(), value.c_str(), text.data(),
+                              text.size()) != RD_KAFKA_CONF_OK) {
+            // The client's text would show the value, which may be a secret.
+            why = Poco::format("property \"%s\" or its value is not understood", name);
+            rd_kafka_conf_destroy(configuration);
+            return nullptr;
+        }
+    }
+    rd_kafka_conf_set_opaque(configuration, this);
+    rd_kafka_conf_set_log_cb(configuration, LogLine);
+    rd_kafka_conf_set_error_cb(configuration,
+                               [](rd_kafka_t* client, int error, const char* reason, void* opaque) {
+                                   auto& writer = *static_cast<KafkaWriter*>(opaque);
+                                   writer.m_lastError = reason;
+                                   if (error == RD_KAFKA_RESP_ERR__FATAL) {
+                                       std::array<char, kErrorText> text{};
+                                       rd_kafka_fatal_error(client, text.data(), text.size());
+                                       writer.m_lastError = text.data();
+                                       writer.m_broken = true;
+                                   }
+                               });
+    rd_kafka_conf_set_dr_msg_cb(
+        configuration, [](rd_kafka_t* /*client*/, const rd_kafka_message_t* message, void* opaque) {
+            static_cast<KafkaWriter*>(opaque)->NoteReport(*message);
+        });
+    return configuration;
+}
+
+bool KafkaWriter::Prepare(std::string& why) {
+    ReplaceBrokenClient();
+    if (m_client == nullptr) {
+        why = m_lastError;
+        return false;
+    }
+    rd_kafka_topic_t* topic =
+        rd_kafka_topic_new(m_client.get(), m_settings.m_topic.c_str(), nullptr);
+    const rd_kafka_metadata_t* metadata = nullptr;
+    const rd_kafka_resp_err_t error =
+        rd_kafka_metadata(m_client.get(), 0, topic, &metadata, static_cast<int>(kPatience.count()));
+    rd_kafka_poll(m_client.get(), 0);
+    if (error != RD_KAFKA_RESP_ERR_NO_ERROR) {
+        why = m_lastError.empty() ? rd_kafka_err2str(error) : m_lastError;
+    } else {
+        m_lastError.clear();
+        rd_kafka_metadata_destroy(metadata);
+    }
+    rd_kafka_topic_destroy(topic);
+    return error == RD_KAFKA_RESP_ERR_NO_ERROR;
+}
+
+std::size_t KafkaWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) {
+    m_retry = true;
+    ReplaceBrokenClient();
+    SendFrom(alarms);
+    WaitForWord();
+    const std::size_t arrived = TakeArrived();
+    if (arrived == alarms.size()) {
+        m_lastError.clear();
+        return arrived;
+    }
+    why = m_lastError.empty() ? "the brokers do not answer" : m_lastError;
+    if (!m_given.empty() && m_given.front() == State::REFUSED) {
+        m_retry = false;
+        m_given.pop_front();
+    }
+    return arrived;
+}
+
+/// After an error that ends a client for good another takes over what there is no word of.
+void KafkaWriter::ReplaceBrokenClient() {
+    if (!m_broken) {
+        return;
+    }
+    SDK::LogWarning(GetDataCommLogger(),
+                    "Kafka client begins anew, %lu alarms may arrive twice: %s",
+                    static_cast<unsigned long>(m_given.size()), m_lastError);
+    m_client.reset();  // its last reports come while it ends
+    if (Connect(m_lastError)) {
+        m_broken = false;
+        std::replace(m_given.begin(), m_given.end(), State::SENT, State::RETURNED);
+    }
+}
+
+/// Gives the client what it does not have.
+void KafkaWriter::SendFrom(const std::vector<OutgoingAlarm>& alarms) {
+    if (m_client == nullptr) {
+        return;
+    }
+    for (std::size_t i = 0; i < alarms.size(); ++i) {
+        if (i >= m_given.size()) {
+            m_given.push_back(State::RETURNED);
+        } else if (m_given[i] != State::RETURNED) {
+            continue;
+        }
+        Send(alarms[i], m_given[i]);
+        if (m_given[i] == State::RETURNED) {
+            return;  // there is no room now
+        }
+    }
+}
+
+/// @param state  what has become of it; left as it was when the client has no room for it now
+void KafkaWriter::Send(const OutgoingAlarm& alarm, State& state) {
+    Json::Value document;
+    SDK::JsonUtils::ParseJsonStr(alarm.m_document.c_str(), alarm.m_document.length(), document);
+    Json::Value resource;
+    SDK::JsonUtils::GetSubobjectValue(document, "resource_info", resource);
+    const std::string key = m_host + '/' + Member(resource, "vm_name");
+    const std::string id = Member(document, "event_id");
+    std::array<rd_kafka_vu_t, 6> fields{};
+    fields[0] = {RD_KAFKA_VTYPE_TOPIC, {.cstr = m_settings.m_topic.c_str()}};
+    fields[1] = {RD_KAFKA_VTYPE_MSGFLAGS, {.i = RD_KAFKA_MSG_F_COPY}};
+    fields[2] = {RD_KAFKA_VTYPE_KEY, {.mem = {Bytes(key), key.size()}}};
+    fields[3] = {RD_KAFKA_VTYPE_VALUE, {.mem = {Bytes(alarm.m_text), alarm.m_text.size()}}};
+    // A list of its own, not RD_KAFKA_VTYPE_HEADER: librdkafka 2.0.2 frees the header twice when
+    // it refuses a message for the state of its topic.
+    rd_kafka_headers_t* headers = rd_kafka_headers_new(1);
+    rd_kafka_header_add(headers, "id", -1, id.data(), static_cast<ssize_t>(id.size()));
+    fields[4] = {RD_KAFKA_VTYPE_HEADERS, {.headers = headers}};
+    fields[5] = {RD_KAFKA_VTYPE_OPAQUE, {.ptr = &state}};
+    const std::unique_ptr<rd_kafka_error_t, decltype(&rd_kafka_error_destroy)> failure(
+        rd_kafka_produceva(m_client.get(), fields.data(), fields.size()), rd_kafka_error_destroy);
+    const rd_kafka_resp_err_t error =
+        failure == nullptr ? RD_KAFKA_RESP_ERR_NO_ERROR : rd_kafka_error_code(failure.get());
+    if (error == RD_KAFKA_RESP_ERR_NO_ERROR) {
+        state = State::SENT;
+        return;
+    }
+    rd_kafka_headers_destroy(headers);  // which are the client's only when it took the message
+    m_lastError = rd_kafka_err2str(error);
+    state = IsRefusal(error) ? State::REFUSED : state;
+}
+
+void KafkaWriter::WaitForWord() {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (m_client != nullptr && !m_broken && !HasWordOfAll() &&
+           std::chrono::steady_clock::now() < end && !DeadlinePassed()) {
+        rd_kafka_poll(m_client.get(), static_cast<int>(kSlice.count()));
+    }
+}
+
+bool KafkaWriter::HasWordOfAll() const {
+    return std::find(m_given.begin(), m_given.end(), State::SENT) == m_given.end();
+}
+
+std::size_t KafkaWriter::TakeArrived() {
+    std::size_t count = 0;
+    for (; !m_given.empty() && m_given.front() == State::ARRIVED; ++count) {
+        m_given.pop_front();
+    }
+    return count;
+}
+
+void KafkaWriter::NoteReport(const rd_kafka_message_s& message) {
+    State& state = *static_cast<State*>(message._private);
+    if (message.err == RD_KAFKA_RESP_ERR_NO_ERROR) {
+        state = State::ARRIVED;
+        return;
+    }
+    state = IsRefusal(message.err) ? State::REFUSED : State::RETURNED;
+    m_lastError = rd_kafka_err2str(message.err);
+}
+
+}  // namespace Engine

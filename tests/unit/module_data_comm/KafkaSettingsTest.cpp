@@ -1,0 +1,43 @@
+#include "KafkaSettings.h"
+
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Engine::KafkaSettings;
+
+class Properties : public testing::Test {
+protected:
+    bool Read(const std::string& text) {
+        m_folder.Write("kafka.properties", text);
+        return m_settings.ReadProperties(m_path, m_wrong);
+    }
+
+    TestSupport::TemporaryFolder m_folder;
+    const std::string m_path = m_folder / "kafka.properties";
+    KafkaSettings m_settings;
+    std::string m_wrong;
+};
+
+TEST_F(Properties, AreNamesAndValuesInTheirOrder) {
+    ASSERT_TRUE(Read("# TLS\n\n security.protocol = ssl \nsasl.password=a=b\nempty=\n")) << m_wrong;
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"security.protocol", "ssl"}, {"sasl.password", "a=b"}, {"empty", ""}};
+    EXPECT_EQ(m_settings.m_properties, expected);
+}
+
+TEST_F(Properties, AreRefusedWithFileAndLineAndWithoutTheirText) {
+    EXPECT_FALSE(Read("a=b\nsecret\n"));
+    EXPECT_EQ(m_wrong, m_path + ":2: expected NAME=VALUE");
+    EXPECT_FALSE(Read("=secret\n"));
+    EXPECT_EQ(m_wrong, m_path + ":1: expected NAME=VALUE");
+}
+
+TEST_F(Properties, OfAFileThatIsNotThereAreAnError) {
+    EXPECT_FALSE(m_settings.ReadProperties(m_folder / "nothing", m_wrong));
+    EXPECT_EQ(m_wrong, m_folder / "nothing" + ": No such file or directory");
+}
+
+}  // namespace
