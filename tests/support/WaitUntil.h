@@ -9,6 +9,6 @@ namespace TestSupport {
 /// between two looks.
 /// @return whether it held before the deadline
 bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds deadline = std::chrono::seconds(10));
+               std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
 }  // namespace TestSupport
