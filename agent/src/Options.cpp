@@ -42,7 +42,7 @@ void AddRun(CLI::App& app, Options& options) {
         ->type_name("FILE");
     AddSetting(*run, options, "--policies", "policies", "Folder of the feature policies");
     AddSetting(*run, options, "--modules", "modules", "Folder of the modules");
-    AddSetting(*run, options, "--format", "report.format", "Alarms as text or json");
+    AddSetting(*run, options, "--format", "report.format", "Alarms as text, json, ocsf or ecs");
     AddOutputs(*run, options,
                "Alarms to stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH, "
                "syslog:tcp:HOST:PORT or kafka, several with commas or options");

@@ -44,8 +44,9 @@ constexpr std::array<Row, 20> kRows = {{
     {"status.socket", Kind::TEXT, "/run/vmescape/agent.sock", "", 0, 0,
      "where \"status\" asks, empty: nowhere"},
     {"report.output", Kind::OUTPUTS, "stdout", "", 0, 0,
-     "where alarms go; text: or json: before one names its own format"},
-    {"report.format", Kind::TEXT, "auto", "auto text json", 0, 0, "how alarms are written"},
+     "where alarms go; text:, json:, ocsf: or ecs: before one names its own format"},
+    {"report.format", Kind::TEXT, "auto", "auto text json ocsf ecs", 0, 0,
+     "how alarms are written"},
     {"report.color", Kind::TEXT, "auto", "auto always never", 0, 0, "colours in text alarms"},
     {"report.queue", Kind::NUMBER, "8192", "", 1, 1000000, "alarms that may wait for the output"},
     {"report.kafka.brokers", Kind::TEXT, "", "", 0, 0,
@@ -105,7 +106,7 @@ std::string Expected(const Row& row) {
 /// One place for alarms, with or without a format before it.
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(
-        "^((text|json):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
+        "^((text|json|ocsf|ecs):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
         ".+|syslog:tcp:.+:[0-9]{1,5}|kafka)$");
     return output.match(text);
 }

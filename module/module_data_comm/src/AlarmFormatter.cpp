@@ -1,5 +1,7 @@
 #include "AlarmFormatter.h"
 
+#include "EcsMapping.h"
+#include "OcsfMapping.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/StrUtils.h"
 
@@ -89,9 +91,17 @@ std::string AlarmFormatter::Format(const std::string& document) const {
     Json::Value alarm;
     if (SDK::JsonUtils::ParseJsonStr(document.c_str(), document.length(), alarm) != 0 ||
         !alarm.isObject()) {
-        return SDK::StrUtils::EscapeForTerminal(document);
+        alarm = document;
     }
-    return FormatText(alarm);
+    switch (m_style) {
+        case Style::OCSF:
+            return SDK::JsonUtils::JsonToString(OcsfMapping::Map(alarm, m_host));
+        case Style::ECS:
+            return SDK::JsonUtils::JsonToString(EcsMapping::Map(alarm, m_host));
+        default:
+            return alarm.isObject() ? FormatText(alarm)
+                                    : SDK::StrUtils::EscapeForTerminal(document);
+    }
 }
 
 std::string AlarmFormatter::FormatText(const Json::Value& alarm) const {

@@ -32,7 +32,7 @@ constexpr const char* kFilePrefix = "file:";
 constexpr const char* kSyslog = "syslog";
 constexpr const char* kSyslogPrefix = "syslog:";
 constexpr const char* kKafka = "kafka";
-constexpr const char* kFormats[] = {"text", "json"};
+constexpr const char* kFormats[] = {"text", "json", "ocsf", "ecs"};
 
 using Settings = Poco::Util::AbstractConfiguration;
 
@@ -92,12 +92,21 @@ std::string TakeFormat(std::string& output, const std::string& otherwise) {
     return otherwise;
 }
 
+AlarmFormatter::Style ToStyle(const std::string& format, bool terminal) {
+    if (format == "ocsf") {
+        return AlarmFormatter::Style::OCSF;
+    }
+    if (format == "ecs") {
+        return AlarmFormatter::Style::ECS;
+    }
+    const bool text = format == "text" || (format == "auto" && terminal);
+    return text ? AlarmFormatter::Style::TEXT : AlarmFormatter::Style::JSON;
+}
+
 AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format, bool terminal) {
     const std::string color = settings.getString("report.color", "auto");
-    const bool text = format == "text" || (format == "auto" && terminal);
     const bool colored = color == "always" || (color == "auto" && terminal);
-    return AlarmFormatter(text ? AlarmFormatter::Style::TEXT : AlarmFormatter::Style::JSON,
-                          colored);
+    return AlarmFormatter(ToStyle(format, terminal), colored, HostIdentity::Read());
 }
 
 /// Outputs to servers that may be away for long have a spool.

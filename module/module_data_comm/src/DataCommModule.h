@@ -13,7 +13,8 @@ class ReportTask;
 /// Settings, read from the application's configuration when the module starts:
 ///   report.output  "stdout" (default) or "file:PATH", or several with commas between; each may
 ///                  name its own format before it: "text:stdout,json:file:PATH"
-///   report.format  "text", "json", or "auto" (default): text on a terminal, JSON elsewhere
+///   report.format  "text", "json", "ocsf", "ecs", or "auto" (default): text on a terminal, JSON
+///                  elsewhere
 ///   report.color   "always", "never", or "auto" (default): on a terminal
 ///   report.queue   documents that may wait for each output (default 8192)
 class DataCommModule : public Framework::Module {

@@ -118,9 +118,10 @@ TEST_F(AgentProgram, EndsWithSixWhenTheConfigurationIsWrong) {
     const std::string config = m_folder.Write("agent.json", R"({"report": {"format": 3}})");
     const ChildProcess::Result wrong = Run({"run", "--config", config});
     EXPECT_EQ(wrong.m_status, 6);
-    EXPECT_NE(wrong.m_errors.find(
-                  config + ": /report/format: expected one of: auto text json, found a number"),
-              std::string::npos)
+    EXPECT_NE(
+        wrong.m_errors.find(
+            config + ": /report/format: expected one of: auto text json ocsf ecs, found a number"),
+        std::string::npos)
         << wrong.m_errors;
     EXPECT_EQ(Run({"run", "--config", m_folder / "missing"}).m_status, 6);
 }

@@ -69,7 +69,7 @@ TEST_F(Settings, WrongTypesAreRefusedWithWhatWasExpected) {
 
 TEST_F(Settings, WrongValuesAreRefusedWithWhatWasExpected) {
     EXPECT_EQ(Load(R"({"report": {"format": "xml"}})"),
-              Lines{"/report/format: expected one of: auto text json, found \"xml\""});
+              Lines{"/report/format: expected one of: auto text json ocsf ecs, found \"xml\""});
     EXPECT_EQ(Load(R"({"report": {"queue": 0}})"),
               Lines{"/report/queue: expected a whole number from 1 to 1000000, found \"0\""});
     EXPECT_EQ(Load(R"({"cpu_share": 101})"),
@@ -89,8 +89,18 @@ TEST_F(Settings, OutputsMayBeOneOrSeveral) {
     EXPECT_EQ(m_settings.Get("report.output"), "text:stdout,json:file:/a");
 }
 
+TEST_F(Settings, OutputsMayNameEachFormat) {
+    for (const char* format : {"text", "json", "ocsf", "ecs"}) {
+        for (const char* output : {":stdout", ":file:/a", ":syslog", ":syslog:tcp:h:1"}) {
+            EXPECT_EQ(m_settings.Set("report.output", std::string(format) + output), "");
+        }
+        EXPECT_EQ(m_settings.Set("report.format", format), "");
+    }
+}
+
 TEST_F(Settings, OutputsThatNobodyKnowsAreRefused) {
-    for (const char* output : {"", "stderr", "file:", "xml:stdout", "stdout,", "json:"}) {
+    for (const char* output :
+         {"", "stderr", "file:", "xml:stdout", "stdout,", "json:", "auto:stdout", "OCSF:stdout"}) {
         EXPECT_NE(m_settings.Set("report.output", output), "") << output;
     }
     EXPECT_EQ(Load(R"({"report": {"output": []}})").size(), 1U);

@@ -1,5 +1,8 @@
 #include "AlarmFormatter.h"
 
+#include "EcsMapping.h"
+#include "MappingChecks.h"
+#include "OcsfMapping.h"
 #include "SampleAlarm.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +15,9 @@ namespace {
 using Engine::AlarmFormatter;
 
 const AlarmFormatter kText(AlarmFormatter::Style::TEXT, false);
-const AlarmFormatter kJson(AlarmFormatter::Style::JSON, false);
+const AlarmFormatter kJson(AlarmFormatter::Style::JSON, false, SAMPLE_HOST);
+const AlarmFormatter kOcsf(AlarmFormatter::Style::OCSF, false, SAMPLE_HOST);
+const AlarmFormatter kEcs(AlarmFormatter::Style::ECS, false, SAMPLE_HOST);
 
 /// Times are shown in the reader's own zone; here that is UTC.
 class AlarmText : public testing::Test {
@@ -33,6 +38,49 @@ TEST(AlarmJson, IsTheDocumentItself) {
 
 TEST(AlarmJson, StaysOnOneLineWhateverTheDocumentHolds) {
     EXPECT_EQ(kJson.Format("{\n\t\"a\":\r 1}"), "{  \"a\":  1}");
+}
+
+TEST(AlarmJson, HoldsNothingOfTheHost) {
+    for (const Json::Value& alarm : AllAlarms()) {
+        const std::string line = kJson.Format(SDK::JsonUtils::JsonToString(alarm));
+        EXPECT_EQ(line.find(SAMPLE_HOST.m_name), std::string::npos);
+        EXPECT_EQ(line.find(SAMPLE_HOST.m_bootId), std::string::npos);
+    }
+}
+
+TEST(AlarmRecord, IsTheMappingOnOneLine) {
+    for (const Json::Value& alarm : AllAlarms()) {
+        const std::string document = SDK::JsonUtils::JsonToString(alarm);
+        EXPECT_EQ(ParseDocument(kOcsf.Format(document)),
+                  Engine::OcsfMapping::Map(alarm, SAMPLE_HOST));
+        EXPECT_EQ(ParseDocument(kEcs.Format(document)),
+                  Engine::EcsMapping::Map(alarm, SAMPLE_HOST));
+    }
+}
+
+TEST(AlarmRecord, IsOneLineOfValidJsonWhateverTheDocumentHolds) {
+    std::string bytes = SampleDocument();
+    bytes.replace(bytes.find("vm-01"), 5, "vm\xff\xc3");
+    for (const std::string& document :
+         {std::string(), std::string("not\x1b\njson\xff"), std::string("a\0b", 3), bytes,
+          std::string("[{\"event_id\":\"x\"}]"), std::string("7"), std::string("null"),
+          std::string("{\"a\":\"\\n\\u0000\\u2028\"}")}) {
+        for (const AlarmFormatter* formatter : {&kOcsf, &kEcs}) {
+            const std::string line = formatter->Format(document);
+            EXPECT_TRUE(ParseDocument(line).isObject()) << line;
+            for (const char character : line) {
+                EXPECT_GE(character, 0x20) << line;
+            }
+        }
+    }
+}
+
+TEST(AlarmRecord, HoldsWhatIsNoDocumentAsItCame) {
+    const std::string text = "not { json";
+    EXPECT_EQ(ParseDocument(kOcsf.Format(text))["raw_data"], text);
+    EXPECT_EQ(ParseDocument(kEcs.Format(text))["event"]["original"], text);
+    EXPECT_EQ(ParseDocument(kOcsf.Format("[1, 2]"))["raw_data"], "[1, 2]");
+    EXPECT_EQ(ParseDocument(kEcs.Format("[1, 2]"))["event"]["original"], "[1, 2]");
 }
 
 TEST_F(AlarmText, TellsTimeVmWhatProcessAndParentOnOneLine) {

@@ -51,11 +51,35 @@ TEST_F(DataCommModule, WritesWhatWasSentBeforeTheStop) {
 }
 
 TEST_F(DataCommModule, GivesEveryAlarmToEveryOutputInItsOwnFormat) {
-    Start("json:file:" + m_folder / "json" + ",text:file:" + m_folder / "text");
+    Start("json:file:" + m_folder / "json" + ",text:file:" + m_folder / "text" +
+          ",ocsf:file:" + m_folder / "ocsf" + ",ecs:file:" + m_folder / "ecs");
     Send("2", SampleDocument());
     m_engine->StopModules();
     EXPECT_EQ(ReadText(m_folder / "json"), SampleDocument() + '\n');
     EXPECT_NE(ReadText(m_folder / "text").find("  vm-01  shell  "), std::string::npos);
+    EXPECT_EQ(ParseDocument(ReadText(m_folder / "ocsf"))["class_uid"], 2004);
+    EXPECT_EQ(ParseDocument(ReadText(m_folder / "ecs"))["event"]["kind"], "alert");
+}
+
+TEST_F(DataCommModule, WritesTheFormatThatItIsToldTo) {
+    m_engine->config().setString("report.format", "ocsf");
+    Start("file:" + m_folder / "ocsf");
+    Send("2", SampleDocument());
+    m_engine->StopModules();
+    m_engine->config().setString("report.format", "ecs");
+    m_engine->config().setString("report.output", "file:" + m_folder / "ecs");
+    m_engine->StartModules();
+    Send("2", SampleDocument());
+    m_engine->StopModules();
+    const Json::Value finding = ParseDocument(ReadText(m_folder / "ocsf"));
+    const Json::Value record = ParseDocument(ReadText(m_folder / "ecs"));
+    EXPECT_EQ(finding["type_uid"], 200401);
+    EXPECT_EQ(record["ecs"]["version"], "8.11.0");
+    // Both tell of this host.
+    EXPECT_NE(finding["device"]["boot_uid"].asString(), "");
+    EXPECT_EQ(finding["device"]["boot_uid"], record["host"]["boot"]["id"]);
+    EXPECT_EQ(finding["device"]["hostname"], record["host"]["name"]);
+    EXPECT_EQ(record["agent"]["version"], VMESCAPE_VERSION);
 }
 
 TEST_F(DataCommModule, WritesJsonToAFileUnlessToldOtherwise) {
