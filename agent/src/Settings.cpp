@@ -35,7 +35,7 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 15> kRows = {{
+constexpr std::array<Row, 18> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -48,6 +48,11 @@ constexpr std::array<Row, 15> kRows = {{
     {"report.format", Kind::TEXT, "auto", "auto text json", 0, 0, "how alarms are written"},
     {"report.color", Kind::TEXT, "auto", "auto always never", 0, 0, "colours in text alarms"},
     {"report.queue", Kind::NUMBER, "8192", "", 1, 1000000, "alarms that may wait for the output"},
+    {"report.file.megabytes", Kind::NUMBER, "0", "", 0, 1 << 20,
+     "size after which an output file is rotated, 0: never"},
+    {"report.file.keep", Kind::NUMBER, "8", "", 1, 999, "rotated files that are kept"},
+    {"report.file.full", Kind::TEXT, "drop", "drop rotate wait", 0, 0,
+     "on a full disk: lose alarms, remove the oldest rotated file, or wait"},
     {"process_collect.source", Kind::TEXT, "auto", "auto bpf connector", 0, 0,
      "where process events come from"},
     {"process_collect.ring_bytes", Kind::NUMBER, "4194304", "", 4096, 1 << 30,
@@ -87,7 +92,7 @@ std::string Expected(const Row& row) {
         return "a list of strings";
     }
     if (row.m_kind == Kind::OUTPUTS) {
-        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH or "
+        return "stdout, file:PATH, journald, syslog, syslog:local:PATH, syslog:unix:PATH or "
                "syslog:tcp:HOST:PORT, or several of "
                "them";
     }
@@ -98,7 +103,7 @@ std::string Expected(const Row& row) {
 /// One place for alarms, with or without a format before it.
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(
-        "^((text|json):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
+        "^((text|json):)?(stdout|file:.+|journald|syslog|syslog:(local|unix):/"
         ".+|syslog:tcp:.+:[0-9]{1,5})$");
     return output.match(text);
 }

@@ -3,6 +3,8 @@
 #include "AlarmFormatter.h"
 #include "AlarmSink.h"
 #include "DataCommLog.h"
+#include "FileWriter.h"
+#include "JournalWriter.h"
 #include "LineWriter.h"
 #include "ReportTask.h"
 #include "SyslogWriter.h"
@@ -23,19 +25,35 @@ namespace {
 
 constexpr int kDefaultQueue = 8192;
 constexpr const char* kFilePrefix = "file:";
+constexpr const char* kJournald = "journald";
 constexpr const char* kSyslog = "syslog";
 constexpr const char* kSyslogPrefix = "syslog:";
 constexpr const char* kFormats[] = {"text", "json"};
 
 using Settings = Poco::Util::AbstractConfiguration;
 
+FileWriter::Options FileOptions(const Settings& settings) {
+    using WhenFull = FileWriter::WhenFull;
+    const std::string full = settings.getString("report.file.full", "drop");
+    FileWriter::Options options;
+    options.m_limit = settings.getUInt64("report.file.megabytes", 0) << 20;
+    options.m_keep = settings.getInt("report.file.keep", options.m_keep);
+    options.m_whenFull = full == "rotate" ? WhenFull::ROTATE
+                         : full == "wait" ? WhenFull::WAIT
+                                          : WhenFull::DROP;
+    return options;
+}
+
 /// The output that the configuration names, or null when it cannot be opened (logged).
-std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
+std::unique_ptr<AlarmWriter> OpenOutput(const Settings& settings, const std::string& output) {
     const auto behind = [&output](const char* prefix) {
         return output.substr(std::char_traits<char>::length(prefix));
     };
     if (output.rfind(kFilePrefix, 0) == 0) {
-        return LineWriter::OpenFile(behind(kFilePrefix));
+        return FileWriter::Open(behind(kFilePrefix), FileOptions(settings));
+    }
+    if (output == kJournald) {
+        return std::make_unique<JournalWriter>();
     }
     if (output == kSyslog) {
         return SyslogWriter::Open("");
@@ -45,8 +63,8 @@ std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
     }
     if (output != "stdout") {
         SDK::LogError(GetDataCommLogger(),
-                      "report.output(%s) is not understood, expected stdout, file:PATH, syslog, "
-                      "syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT",
+                      "report.output(%s) is not understood, expected stdout, file:PATH, journald, "
+                      "syslog, syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT",
                       output);
         return nullptr;
     }
@@ -65,10 +83,11 @@ std::string TakeFormat(std::string& output, const std::string& otherwise) {
     return otherwise;
 }
 
-AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format, bool terminal) {
+AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format,
+                             const AlarmWriter& writer) {
     const std::string color = settings.getString("report.color", "auto");
-    const bool text = format == "text" || (format == "auto" && terminal);
-    const bool colored = color == "always" || (color == "auto" && terminal);
+    const bool text = format == "text" || (format == "auto" && writer.IsForPeople());
+    const bool colored = color == "always" || (color == "auto" && writer.IsTerminal());
     return AlarmFormatter(text ? AlarmFormatter::Style::TEXT : AlarmFormatter::Style::JSON,
                           colored);
 }
@@ -76,11 +95,11 @@ AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format
 /// @return null when the output cannot be had (logged)
 std::unique_ptr<AlarmSink> MakeSink(const Settings& settings, std::string output) {
     const std::string format = TakeFormat(output, settings.getString("report.format", "auto"));
-    std::unique_ptr<AlarmWriter> writer = OpenOutput(output);
+    std::unique_ptr<AlarmWriter> writer = OpenOutput(settings, output);
     if (writer == nullptr) {
         return nullptr;
     }
-    const AlarmFormatter formatter = MakeFormatter(settings, format, writer->IsTerminal());
+    const AlarmFormatter formatter = MakeFormatter(settings, format, *writer);
     return std::make_unique<AlarmSink>(
         std::move(writer), formatter,
         static_cast<std::size_t>(settings.getInt("report.queue", kDefaultQueue)));

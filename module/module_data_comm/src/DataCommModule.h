@@ -11,11 +11,16 @@ class ReportTask;
 /// The reporter: takes alarms from all tasks to wherever the operator wants them.
 ///
 /// Settings, read from the application's configuration when the module starts:
-///   report.output  "stdout" (default) or "file:PATH", or several with commas between; each may
-///                  name its own format before it: "text:stdout,json:file:PATH"
-///   report.format  "text", "json", or "auto" (default): text on a terminal, JSON elsewhere
+///   report.output  "stdout" (default), "file:PATH", "journald" or a syslog server, or several with
+///                  commas between; each may name its own format before it:
+///                  "text:stdout,json:file:PATH"
+///   report.format  "text", "json", or "auto" (default): text on a terminal and in the journal,
+///                  JSON elsewhere
 ///   report.color   "always", "never", or "auto" (default): on a terminal
 ///   report.queue   documents that may wait for each output (default 8192)
+///   report.file.megabytes  after which a file is rotated; 0 (default): never
+///   report.file.keep       rotated files that are kept (default 8)
+///   report.file.full       on a full file system "drop" (default), "rotate" or "wait"
 class DataCommModule : public Framework::Module {
 public:
     DataCommModule();
