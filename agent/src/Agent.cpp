@@ -7,6 +7,7 @@
 #include "PolicyFolder.h"
 #include "Privileges.h"
 #include "framework/Engine.h"
+#include "framework/Message.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/TimeUtils.h"
@@ -33,6 +34,9 @@ namespace {
 
 // Under which the product's policies are delivered.
 constexpr const char* kPolicyKey = "10001";
+
+// Who writes alarms.
+constexpr const char* kReporter = "data_comm_report_task";
 
 constexpr const char* kWatching = "Watching this host's virtual machines";
 
@@ -250,7 +254,18 @@ bool Agent::Loop() {
             m_manager.Stopping();
             return true;
         }
-        m_policies->ReadAll();
+        Reload();
+    }
+}
+
+void Agent::Reload() {
+    m_policies->ReadAll();
+    const int result = m_engine->DeliverMessage(
+        kReporter,
+        std::make_shared<Framework::DataMessage>(Framework::DataMessage::REOPEN, std::string()));
+    if (result != 0) {
+        SDK::LogWarning(Logger(), "Task(%s) cannot be asked to open the outputs anew(%d)",
+                        std::string(kReporter), result);
     }
 }
 

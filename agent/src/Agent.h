@@ -41,6 +41,7 @@ private:
     bool StartPolicies();
     void DeliverPolicy(const std::string& path, const std::string& text);
     bool Loop();
+    void Reload();
     void OpenStatus();
     void LookAtTasks();
     void LogTotals() const;

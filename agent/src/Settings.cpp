@@ -35,7 +35,7 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 20> kRows = {{
+constexpr std::array<Row, 23> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -49,6 +49,11 @@ constexpr std::array<Row, 20> kRows = {{
      "how alarms are written"},
     {"report.color", Kind::TEXT, "auto", "auto always never", 0, 0, "colours in text alarms"},
     {"report.queue", Kind::NUMBER, "8192", "", 1, 1000000, "alarms that may wait for the output"},
+    {"report.file.megabytes", Kind::NUMBER, "0", "", 0, 1 << 20,
+     "size after which an output file is rotated, 0: never"},
+    {"report.file.keep", Kind::NUMBER, "8", "", 1, 999, "rotated files that are kept"},
+    {"report.file.full", Kind::TEXT, "drop", "drop rotate wait", 0, 0,
+     "on a full disk: lose alarms, remove the oldest rotated file, or wait"},
     {"report.kafka.brokers", Kind::TEXT, "", "", 0, 0,
      "brokers of output kafka, HOST:PORT, several with commas"},
     {"report.kafka.topic", Kind::TEXT, "vmescape-alarms", "", 0, 0, "topic of output kafka"},
@@ -96,7 +101,7 @@ std::string Expected(const Row& row) {
         return "a list of strings";
     }
     if (row.m_kind == Kind::OUTPUTS) {
-        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH, "
+        return "stdout, file:PATH, journald, syslog, syslog:local:PATH, syslog:unix:PATH, "
                "syslog:tcp:HOST:PORT or kafka, or several of them";
     }
     return *row.m_allowed == '\0' ? std::string("a string")
@@ -106,7 +111,7 @@ std::string Expected(const Row& row) {
 /// One place for alarms, with or without a format before it.
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(
-        "^((text|json|ocsf|ecs):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
+        "^((text|json|ocsf|ecs):)?(stdout|file:.+|journald|syslog|syslog:(local|unix):/"
         ".+|syslog:tcp:.+:[0-9]{1,5}|kafka)$");
     return output.match(text);
 }

@@ -22,11 +22,15 @@ private:
     const std::string m_type;
 };
 
-/// A text on its way to the reporter.
+/// A text, or a request, on its way to the reporter.
 class DataMessage : public Message {
 public:
     /// The data type of an alarm document.
     static constexpr const char* ALARM = "2";
+
+    /// The data type of a request to open all outputs anew: what is open may have been moved away.
+    /// It has no text.
+    static constexpr const char* REOPEN = "reopen";
 
     /// @param dataType  what the text is; "2" is an alarm
     /// @param data      the text, for an alarm one JSON document

@@ -347,10 +347,11 @@ bool AlarmSink::Rest(std::chrono::milliseconds pause) {
 
 void AlarmSink::Prepare() {
     std::string why;
-    if (m_writer->Prepare(why)) {
-        NoteRecovery();
-    } else {
+    if (!m_writer->Prepare(why)) {
         NoteTrouble(why);
+    } else if (m_writer->ShouldRetry()) {
+        // Elsewhere only an alarm that was written shows that the next one will be.
+        NoteRecovery();
     }
 }
 

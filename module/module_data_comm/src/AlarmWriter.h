@@ -46,6 +46,9 @@ public:
     /// Whether a person reads along.
     virtual bool IsTerminal() const { return false; }
 
+    /// Whether alarms are texts for people where no format was named.
+    virtual bool IsForPeople() const { return IsTerminal(); }
+
     /// Ends all waiting at a point in time, now and later. Before the first call there is no end.
     void SetDeadline(TimePoint deadline) { m_deadline = deadline; }
     bool DeadlinePassed() const { return std::chrono::steady_clock::now() >= m_deadline.load(); }

@@ -8,15 +8,8 @@ namespace Engine {
 
 class ReportTask;
 
-/// The reporter: takes alarms from all tasks to wherever the operator wants them.
-///
-/// Settings, read from the application's configuration when the module starts:
-///   report.output  "stdout" (default) or "file:PATH", or several with commas between; each may
-///                  name its own format before it: "text:stdout,json:file:PATH"
-///   report.format  "text", "json", "ocsf", "ecs", or "auto" (default): text on a terminal, JSON
-///                  elsewhere
-///   report.color   "always", "never", or "auto" (default): on a terminal
-///   report.queue   documents that may wait for each output (default 8192)
+/// The reporter: takes alarms from all tasks to wherever the operator wants them, which the
+/// application's configuration tells when the module starts (see OutputFactory).
 class DataCommModule : public Framework::Module {
 public:
     DataCommModule();

@@ -52,6 +52,12 @@ int ReportTask::UnInit() {
 
 int ReportTask::HandleMsg(const Framework::Message* message) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
+    if (data != nullptr && data->GetDataType() == Framework::DataMessage::REOPEN) {
+        for (const std::unique_ptr<AlarmSink>& sink : m_sinks) {
+            sink->Reopen();
+        }
+        return 0;
+    }
     if (data == nullptr || data->GetDataType() != Framework::DataMessage::ALARM) {
         SDK::LogWarning(GetDataCommLogger(), "A message(type:%s) is no alarm and is dropped",
                         message == nullptr ? std::string() : message->GetMsgType());

@@ -32,8 +32,9 @@ public:
     /// Hands over what still waits and stops the sinks after they wrote what they held. @return 0
     int UnInit() override;
 
-    /// Gives one alarm to the sinks; a message of another kind is logged and dropped.
-    /// @return 0, or -1 when it is no alarm
+    /// Gives one alarm to the sinks, or lets them open what they write to anew; a message of
+    /// another kind is logged and dropped.
+    /// @return 0, or -1 when it is neither
     int HandleMsg(const Framework::Message* message) override;
 
 private:

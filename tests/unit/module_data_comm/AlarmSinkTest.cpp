@@ -1,6 +1,7 @@
 #include "AlarmSink.h"
 
 #include "AlarmSpool.h"
+#include "FileWriter.h"
 #include "LineWriter.h"
 #include "ScriptedWriter.h"
 #include "SinkBooks.h"
@@ -20,6 +21,7 @@ namespace {
 
 using Engine::AlarmFormatter;
 using Engine::AlarmSink;
+using Engine::FileWriter;
 using Engine::LineWriter;
 using TestSupport::WaitUntil;
 
@@ -145,7 +147,7 @@ TEST_F(AlarmSinkOnAPipe, TakesDocumentsFromManyThreadsWithoutMixingLines) {
 
 TEST(AlarmSink, OnAFullDiskKeepsRunningAndCounts) {
     TestSupport::CapturedLog log;
-    AlarmSink sink(LineWriter::OpenFile("/dev/full"),
+    AlarmSink sink(FileWriter::Open("/dev/full", {}),
                    AlarmFormatter(AlarmFormatter::Style::JSON, false), 100);
     sink.Offer("one");
     sink.Offer("two");
@@ -159,7 +161,7 @@ TEST(AlarmSink, OnAFullDiskKeepsRunningAndCounts) {
 
 TEST(AlarmSink, OnAFullDiskIsInTroubleUntilAnAlarmWasWritten) {
     const TestSupport::CapturedLog log;
-    AlarmSink sink(LineWriter::OpenFile("/dev/full"),
+    AlarmSink sink(FileWriter::Open("/dev/full", {}),
                    AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
     sink.Offer("one");
     ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
@@ -171,7 +173,7 @@ TEST(AlarmSink, OnAFullDiskIsInTroubleUntilAnAlarmWasWritten) {
 TEST(AlarmSink, TakesNothingAfterItsStop) {
     TestSupport::CapturedLog log;
     TestSupport::TemporaryFolder folder;
-    AlarmSink sink(LineWriter::OpenFile(folder / "alarms"),
+    AlarmSink sink(FileWriter::Open(folder / "alarms", {}),
                    AlarmFormatter(AlarmFormatter::Style::JSON, false), 100);
     sink.Stop();
     sink.Stop();
@@ -315,6 +317,23 @@ TEST(AlarmSink, GetsReadyAnewWhenItIsToReopen) {
     ASSERT_TRUE(WaitUntil([&] { return place.Prepared() == 1; }));
     sink.Reopen();
     EXPECT_TRUE(WaitUntil([&] { return place.Prepared() == 2; }));
+}
+
+TEST(AlarmSink, IsNotCuredByReopeningWhatOnlyAnAlarmCanTry) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    place.Take(0);
+    AlarmSink sink(std::make_unique<ScriptedWriter>(place, false),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    sink.Offer("refused");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
+    place.Take(-1);
+    sink.Reopen();
+    ASSERT_TRUE(WaitUntil([&] { return place.Prepared() == 2; }));
+    place.Take(0);
+    sink.Offer("refused again");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 2; }));
+    EXPECT_FALSE(log.Contains("can be written again"));
 }
 
 }  // namespace

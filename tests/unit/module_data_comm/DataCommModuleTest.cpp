@@ -6,9 +6,12 @@
 #include "support/CapturedLog.h"
 #include "support/KafkaCluster.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 #include <Poco/Exception.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 namespace {
 
@@ -113,6 +116,30 @@ TEST_F(DataCommModule, PassesOnNothingButAlarms) {
               1U);
 }
 
+TEST_F(DataCommModule, RotatesFilesAsItIsTold) {
+    m_engine->config().setString("report.file.megabytes", "1");
+    m_engine->config().setString("report.file.keep", "2");
+    Start("file:" + m_folder / "alarms");
+    const std::string half(600 << 10, 'x');
+    for (const char* number : {"1", "2", "3", "4"}) {
+        Send("2", number + half);
+    }
+    m_engine->StopModules();
+    EXPECT_EQ(ReadText(m_folder / "alarms"), '4' + half + '\n');
+    EXPECT_EQ(ReadText(m_folder / "alarms.1"), '3' + half + '\n');
+    EXPECT_EQ(ReadText(m_folder / "alarms.2"), '2' + half + '\n');
+    EXPECT_EQ(ReadText(m_folder / "alarms.3"), "");
+}
+
+TEST_F(DataCommModule, OpensItsFilesAnewWhenItIsAskedTo) {
+    Start("file:" + m_folder / "alarms");
+    std::filesystem::rename(m_folder / "alarms", m_folder / "moved");
+    Send(Framework::DataMessage::REOPEN, "");
+    EXPECT_TRUE(
+        TestSupport::WaitUntil([&] { return std::filesystem::exists(m_folder / "alarms"); }));
+    m_engine->StopModules();
+}
+
 TEST_F(DataCommModule, RefusesToStartWithoutItsOutput) {
     EXPECT_THROW(Start("file:" + m_folder / "missing/alarms"), Poco::Exception);
     EXPECT_EQ(m_engine->FindTask("data_comm_report_task"), nullptr);
@@ -121,7 +148,7 @@ TEST_F(DataCommModule, RefusesToStartWithoutItsOutput) {
 TEST_F(DataCommModule, RefusesAnOutputThatItDoesNotKnow) {
     EXPECT_THROW(Start("json:nowhere"), Poco::Exception);
     EXPECT_TRUE(m_log.Contains(
-        "report.output(nowhere) is not understood, expected stdout, file:PATH, syslog, "
+        "report.output(nowhere) is not understood, expected stdout, file:PATH, journald, syslog, "
         "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka"));
 }
 

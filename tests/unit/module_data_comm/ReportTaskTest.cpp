@@ -1,6 +1,7 @@
 #include "ReportTask.h"
 
 #include "LineWriter.h"
+#include "ScriptedWriter.h"
 #include "SinkBooks.h"
 #include "TestPipe.h"
 #include "framework/Engine.h"
@@ -83,6 +84,24 @@ TEST_F(ReportTask, CountsNoMoreThanAFewClasses) {
     const SDK::Ledger books = SDK::OpenLedger::ReadAll().at(0);
     EXPECT_LE(books.m_kinds.size(), 17U);
     EXPECT_EQ(books.m_seen, 100U);
+}
+
+TEST_F(ReportTask, LetsEachSinkReopenItsPlaceWhenItIsAskedTo) {
+    ScriptedWriter::Place places[2];
+    for (ScriptedWriter::Place& place : places) {
+        m_task->AddSink(
+            std::make_unique<AlarmSink>(std::make_unique<ScriptedWriter>(place),
+                                        AlarmFormatter(AlarmFormatter::Style::JSON, false), 4));
+        ASSERT_TRUE(TestSupport::WaitUntil([&] { return place.Prepared() == 1; }));
+    }
+    const Framework::DataMessage reopen(Framework::DataMessage::REOPEN, "");
+    EXPECT_EQ(m_task->HandleMsg(&reopen), 0);
+    for (ScriptedWriter::Place& place : places) {
+        EXPECT_TRUE(TestSupport::WaitUntil([&] { return place.Prepared() == 2; }));
+        EXPECT_TRUE(place.Taken().empty()) << "it is no alarm";
+    }
+    EXPECT_EQ(SDK::OpenLedger::ReadAll().at(0).m_seen, 0U);
+    m_task = nullptr;  // before the places
 }
 
 TEST_F(ReportTask, WithoutSinksTakesAlarmsAllTheSame) {

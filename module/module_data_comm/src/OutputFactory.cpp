@@ -1,0 +1,148 @@
+#include "OutputFactory.h"
+
+#include "DataCommLog.h"
+#include "FileWriter.h"
+#include "JournalWriter.h"
+#include "KafkaWriter.h"
+#include "LineWriter.h"
+#include "SyslogWriter.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+namespace Engine {
+
+namespace {
+
+constexpr int kDefaultQueue = 8192;
+constexpr const char* kDefaultTopic = "vmescape-alarms";
+constexpr const char* kDefaultSpool = "/var/lib/vmescape/spool";
+constexpr int kDefaultSpoolMegabytes = 64;
+constexpr std::uint64_t kMegabyte = 1 << 20;
+
+constexpr const char* kKafka = "kafka";
+
+constexpr const char* kFormats[] = {"text", "json", "ocsf", "ecs"};
+
+/// What stands behind a prefix; nothing when the text does not begin with it.
+std::optional<std::string> Behind(const std::string& text, const std::string& prefix) {
+    return text.starts_with(prefix) ? std::optional(text.substr(prefix.length())) : std::nullopt;
+}
+
+}  // namespace
+
+std::unique_ptr<AlarmSink> OutputFactory::Make(std::string output) const {
+    const std::string format = TakeFormat(output);
+    std::unique_ptr<AlarmWriter> writer = MakeWriter(output);
+    std::unique_ptr<AlarmSpool> spool;
+    if (writer == nullptr || !MakeSpool(output, spool)) {
+        return nullptr;
+    }
+    const AlarmFormatter formatter = MakeFormatter(format, *writer);
+    return std::make_unique<AlarmSink>(
+        std::move(writer), formatter,
+        static_cast<std::size_t>(m_settings.getInt("report.queue", kDefaultQueue)),
+        std::move(spool));
+}
+
+/// Takes the format off the front of an output that names its own.
+std::string OutputFactory::TakeFormat(std::string& output) const {
+    for (const char* format : kFormats) {
+        if (const auto rest = Behind(output, std::string(format) + ':')) {
+            output = *rest;
+            return format;
+        }
+    }
+    return m_settings.getString("report.format", "auto");
+}
+
+std::unique_ptr<AlarmWriter> OutputFactory::MakeWriter(const std::string& output) const {
+    if (output == "stdout") {
+        return std::make_unique<LineWriter>(STDOUT_FILENO, "stdout");
+    }
+    if (const auto path = Behind(output, "file:")) {
+        return MakeFile(*path);
+    }
+    if (output == "journald") {
+        return std::make_unique<JournalWriter>();
+    }
+    if (output == "syslog") {
+        return SyslogWriter::Open("");
+    }
+    if (const auto place = Behind(output, "syslog:")) {
+        return SyslogWriter::Open(*place);
+    }
+    if (output == kKafka) {
+        return MakeKafka();
+    }
+    SDK::LogError(GetDataCommLogger(),
+                  "report.output(%s) is not understood, expected stdout, file:PATH, journald, "
+                  "syslog, syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka",
+                  output);
+    return nullptr;
+}
+
+std::unique_ptr<AlarmWriter> OutputFactory::MakeFile(const std::string& path) const {
+    using WhenFull = FileWriter::WhenFull;
+    const std::string full = m_settings.getString("report.file.full", "drop");
+    FileWriter::Options options;
+    options.m_limit = m_settings.getUInt64("report.file.megabytes", 0) * kMegabyte;
+    options.m_keep = m_settings.getInt("report.file.keep", options.m_keep);
+    options.m_whenFull = full == "rotate" ? WhenFull::ROTATE
+                         : full == "wait" ? WhenFull::WAIT
+                                          : WhenFull::DROP;
+    return FileWriter::Open(path, options);
+}
+
+std::unique_ptr<AlarmWriter> OutputFactory::MakeKafka() const {
+    KafkaSettings kafka{m_settings.getString("report.kafka.brokers", ""),
+                        m_settings.getString("report.kafka.topic", kDefaultTopic),
+                        {}};
+    const std::string properties = m_settings.getString("report.kafka.properties_file", "");
+    std::string why = kafka.m_brokers.empty() ? "report.kafka.brokers is not set" : "";
+    std::unique_ptr<AlarmWriter> writer;
+    if (why.empty() && (properties.empty() || kafka.ReadProperties(properties, why))) {
+        writer = KafkaWriter::Open(kafka, why);
+    }
+    if (writer == nullptr) {
+        SDK::LogError(GetDataCommLogger(), "Output(kafka) cannot be had: %s", why);
+    }
+    return writer;
+}
+
+AlarmFormatter OutputFactory::MakeFormatter(const std::string& format,
+                                            const AlarmWriter& writer) const {
+    using Style = AlarmFormatter::Style;
+    const std::string color = m_settings.getString("report.color", "auto");
+    const bool colored = color == "always" || (color == "auto" && writer.IsTerminal());
+    const bool text = format == "text" || (format == "auto" && writer.IsForPeople());
+    const Style style = format == "ocsf"  ? Style::OCSF
+                        : format == "ecs" ? Style::ECS
+                        : text            ? Style::TEXT
+                                          : Style::JSON;
+    return AlarmFormatter(style, colored, HostIdentity::Read());
+}
+
+/// Outputs to servers that may be away for long have a spool.
+/// @return false when the one that it should have cannot be had (logged)
+bool OutputFactory::MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool) const {
+    const std::string folder = m_settings.getString("report.spool.folder", kDefaultSpool);
+    if (output != kKafka || folder.empty()) {
+        return true;
+    }
+    const auto megabytes = static_cast<std::uint64_t>(
+        m_settings.getInt("report.spool.megabytes", kDefaultSpoolMegabytes));
+    std::string why;
+    spool = AlarmSpool::Open(folder, output, megabytes * kMegabyte, why);
+    if (spool == nullptr) {
+        SDK::LogError(GetDataCommLogger(), "The spool of output(%s) cannot be had: %s", output,
+                      why);
+    }
+    return spool != nullptr;
+}
+
+}  // namespace Engine
