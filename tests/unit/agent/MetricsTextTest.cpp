@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
 #include <sstream>
+#include <vector>
 
 namespace {
 
@@ -30,8 +32,15 @@ Json::Value OneOfEach() {
     books.m_filtered = {{"own", 1}};
     books.m_lost = {{"queue_full", 2}};
     books.m_kinds = {{"vmescape_0001", 4}};
+    books.m_machines = {{"vmescape_0001", 2}};
+    books.m_latency.emplace();
+    books.m_latency->Add(std::chrono::microseconds(500));
+    books.m_latency->Add(std::chrono::milliseconds(250));
+    books.m_latency->Add(std::chrono::seconds(11));
     books.m_lastS = 86400;
-    return status.Document({task}, {books});
+    Json::Value document = status.Document({task}, {books});
+    document["machines"] = 7;
+    return document;
 }
 
 /// True when the metrics hold this line.
@@ -85,14 +94,72 @@ TEST(Metrics, HaveOneSampleForOutputsOfOneName) {
     EXPECT_TRUE(Has(text, R"(vmescape_seen_total{book="alarms",by="stdout"} 4)")) << text;
 }
 
+TEST(Metrics, TellOfTheMachinesThatAreWatchedAndOfThoseThatAlarmsNamed) {
+    Json::Value status = OneOfEach();
+    const std::string text = Agent::ToMetrics(status);
+    EXPECT_TRUE(Has(text, "vmescape_machines 7")) << text;
+    EXPECT_TRUE(Has(text, R"(vmescape_alarmed_machines{class="vmescape_0001"} 2)")) << text;
+    status.removeMember("machines");
+    EXPECT_EQ(Agent::ToMetrics(status).find("vmescape_machines"), std::string::npos)
+        << "an agent that does not count them has not none";
+}
+
+/// The samples of a histogram's book, in their order: "0.00025 0".
+std::vector<std::string> Buckets(const std::string& text, const std::string& by) {
+    const std::string head = R"(vmescape_latency_seconds_bucket{book="alarms",by=")" + by + "\"";
+    std::istringstream lines(text);
+    std::vector<std::string> buckets;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(head, 0) == 0) {
+            // ,le="0.001"} 1
+            buckets.push_back(std::regex_replace(line.substr(head.length()),
+                                                 std::regex("^,le=\"([^\"]*)\"\\} "), "$1 "));
+        }
+    }
+    return buckets;
+}
+
+TEST(Metrics, TellLatenciesInBucketsThatHoldAllBelowThem) {
+    const std::string text = Agent::ToMetrics(OneOfEach());
+    EXPECT_TRUE(Has(text, "# TYPE vmescape_latency_seconds histogram"));
+    EXPECT_EQ(Buckets(text, R"(file:/a \"b\"\\)"),
+              (std::vector<std::string>{"0.00025 0", "0.0005 1", "0.001 1", "0.002 1", "0.005 1",
+                                        "0.01 1", "0.025 1", "0.05 1", "0.1 1", "0.25 2", "1 2",
+                                        "10 2", "+Inf 3"}));
+    const std::string book = R"({book="alarms",by="file:/a \"b\"\\"})";
+    EXPECT_TRUE(Has(text, "vmescape_latency_seconds_sum" + book + " 11.2505")) << text;
+    EXPECT_TRUE(Has(text, "vmescape_latency_seconds_count" + book + " 3")) << text;
+}
+
+TEST(Metrics, HaveOneHistogramForOutputsOfOneName) {
+    Agent::Status status(60);
+    SDK::Ledger books;
+    books.m_name = "alarms";
+    books.m_by = "stdout";
+    books.m_latency.emplace();
+    books.m_latency->Add(std::chrono::seconds(2));
+    SDK::Ledger without = books;
+    without.m_latency.reset();
+    const std::string text = Agent::ToMetrics(status.Document({}, {books, without, books}));
+    const std::vector<std::string> buckets = Buckets(text, "stdout");
+    ASSERT_EQ(buckets.size(), 13U) << text;
+    EXPECT_EQ(buckets[10], "1 0");
+    EXPECT_EQ(buckets[11], "10 2");
+    EXPECT_TRUE(Has(text, R"(vmescape_latency_seconds_sum{book="alarms",by="stdout"} 4)")) << text;
+}
+
 TEST(Metrics, StandBelowTheirOwnHeads) {
     std::istringstream lines(Agent::ToMetrics(OneOfEach()));
+    const std::regex part("_(bucket|sum|count)$");
     std::string metric;
+    bool histogram = false;
     for (std::string line; std::getline(lines, line);) {
         if (line.rfind("# TYPE ", 0) == 0) {
             metric = line.substr(7, line.rfind(' ') - 7);
+            histogram = line.substr(line.rfind(' ') + 1) == "histogram";
         } else if (line[0] != '#') {
-            EXPECT_EQ(line.substr(0, line.find_first_of("{ ")), metric);
+            const std::string name = line.substr(0, line.find_first_of("{ "));
+            EXPECT_EQ(histogram ? std::regex_replace(name, part, "") : name, metric);
         }
     }
 }
