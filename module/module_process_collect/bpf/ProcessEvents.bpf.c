@@ -313,6 +313,7 @@ int BPF_PROG(OnExec, struct task_struct* task, int oldPid, struct linux_binprm* 
     }
     /* By now the calling thread is the leader, whichever thread called. */
     FillHeader(&scratch->record, PROCESS_EXEC, task);
+    /* Forks and exits wait for the reader on purpose: their times would tell nothing. */
     scratch->record.eventTime = bpf_ktime_get_ns();
     scratch->record.parentPid = task->real_parent->tgid;
     scratch->record.stackStart = mm->start_stack;
