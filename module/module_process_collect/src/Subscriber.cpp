@@ -21,25 +21,14 @@ void Subscriber::SetWanted(unsigned int type, bool wanted) {
 bool Subscriber::Offer(std::shared_ptr<Framework::Message> message, TimePoint time) {
     const bool kept = Outbox::Offer(std::move(message));
     if (kept) {
-        m_times.push_back(time);
+        m_times.Push(time);
     }
     return kept;
 }
 
 std::size_t Subscriber::Flush(SDK::LatencyHistogram& latency) {
     const std::size_t moved = Outbox::Flush();
-    if (moved == 0) {
-        return 0;
-    }
-    // One look at the clock for all, after the last of them.
-    const TimePoint now = std::chrono::steady_clock::now();
-    const auto end = m_times.begin() + static_cast<std::ptrdiff_t>(moved);
-    std::for_each(m_times.begin(), end, [&](TimePoint time) {
-        if (time != TimePoint()) {
-            latency.Add(now - time);
-        }
-    });
-    m_times.erase(m_times.begin(), end);
+    m_times.Deliver(moved, latency);
     return moved;
 }
 

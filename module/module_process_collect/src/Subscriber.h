@@ -1,12 +1,10 @@
 #pragma once
 
 #include "framework/Outbox.h"
-#include "sdk/LatencyHistogram.h"
+#include "sdk/QueueTimes.h"
 
 #include <array>
-#include <chrono>
 #include <cstddef>
-#include <deque>
 #include <memory>
 
 namespace ProcessCollect {
@@ -16,7 +14,7 @@ namespace ProcessCollect {
 /// Threads: one at a time. Ownership: shares the inbox with its task.
 class Subscriber : public Framework::Outbox {
 public:
-    using TimePoint = std::chrono::steady_clock::time_point;
+    using TimePoint = SDK::QueueTimes::TimePoint;
 
     /// @param backlog  events kept at the most while the inbox is full; further ones are lost
     Subscriber(std::shared_ptr<Framework::Inbox> inbox, std::size_t backlog);
@@ -35,7 +33,7 @@ public:
 
 private:
     std::array<bool, 4> m_types{};  // by type; 0 is none
-    std::deque<TimePoint> m_times;  // of each message that waits
+    SDK::QueueTimes m_times;        // of each message that waits, when its event happened
 };
 
 }  // namespace ProcessCollect
