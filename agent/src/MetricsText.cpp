@@ -102,7 +102,7 @@ void AddAgent(std::string& text, const Json::Value& status) {
     Metric(text, "vmescape_last_alarm_time_seconds", kGauge,
            "When an output last took an alarm, since the epoch; 0: never.")
         .Add(Seconds(status["last_alarm"].asString()));
-    if (status.isMember("machines")) {
+    if (status["machines"].isUInt64()) {
         Metric(text, "vmescape_machines", kGauge, "Virtual machines that it watches.")
             .Add(status["machines"].asUInt64());
     }
@@ -152,6 +152,15 @@ void AddBooks(std::string& text, const Json::Value& books) {
                                                         {label, name}});
             }
         }
+    }
+}
+
+void AddTroubles(std::string& text, const Json::Value& books) {
+    Metric metric(text, "vmescape_trouble", kGauge,
+                  "Whether the part does not do all that it should; status tells why.");
+    for (const Json::Value& book : books) {
+        metric.Add(book["trouble"].asString().empty() ? 0 : 1,
+                   {{"book", book["name"].asString()}, {"by", book["by"].asString()}});
     }
 }
 
@@ -232,6 +241,7 @@ std::string ToMetrics(const Json::Value& status) {
     if (!status.isNull()) {
         AddTasks(text, status["tasks"]);
         AddBooks(text, status["books"]);
+        AddTroubles(text, status["books"]);
         AddAlarmedMachines(text, status["books"]);
         AddLatencies(text, status["books"]);
         AddPolicies(text, status["policies"]);
