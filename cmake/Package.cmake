@@ -19,7 +19,8 @@ foreach(text changelog vmescape-agent.8 vmescape-policy.5)
 endforeach()
 install(FILES ${PROJECT_BINARY_DIR}/vmescape-agent.8.gz DESTINATION /usr/share/man/man8)
 install(FILES ${PROJECT_BINARY_DIR}/vmescape-policy.5.gz DESTINATION /usr/share/man/man5)
-install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright packaging/prometheus-alerts.yml
+install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright
+    packaging/prometheus-alerts.yml packaging/grafana-dashboard.json
     DESTINATION /usr/share/doc/vmescape-agent)
 install(FILES packaging/completion.bash RENAME vmescape-agent
     DESTINATION /usr/share/bash-completion/completions)

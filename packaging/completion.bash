@@ -9,6 +9,8 @@ _vmescape_agent() {
     case $before in
         --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --policies | --modules) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
+        --listen) mapfile -t COMPREPLY < <(compgen -W '127.0.0.1: unix:/' -- "$word") ;;
+        --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json ocsf ecs' -- "$word") ;;
         --output) mapfile -t COMPREPLY < <(compgen -W 'stdout file: json:stdout text:stdout ocsf:stdout ecs:stdout json:file: text:file: ocsf:file: ecs:file: journald syslog syslog:unix: syslog:tcp: kafka' -- "$word") ;;
         --log-level)
             mapfile -t COMPREPLY < <(compgen -W 'fatal critical error warning notice information debug trace' -- "$word") ;;

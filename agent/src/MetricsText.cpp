@@ -8,7 +8,10 @@
 
 #include <functional>
 #include <initializer_list>
+#include <iomanip>
+#include <limits>
 #include <map>
+#include <sstream>
 #include <tuple>
 #include <utility>
 
@@ -18,13 +21,39 @@ namespace {
 
 using Label = std::pair<const char*, std::string>;
 
+void AddHead(std::string& text, const std::string& name, const char* type, const char* help) {
+    text += "# HELP " + name + ' ' + help + "\n# TYPE " + name + ' ' + type + '\n';
+}
+
+/// As the format wants it in the value of a label.
+std::string Escape(const std::string& text) {
+    return Poco::replace(Poco::replace(Poco::replace(text, "\\", "\\\\"), "\"", "\\\""), "\n",
+                         "\\n");
+}
+
+/// `{book="alarms",by="stdout"}`; nothing without labels.
+std::string Labels(std::initializer_list<Label> labels) {
+    std::string shown;
+    for (const auto& [name, text] : labels) {
+        shown += (shown.empty() ? "{" : ",") + std::string(name) + "=\"" + Escape(text) + '"';
+    }
+    return shown + (shown.empty() ? "" : "}");
+}
+
+std::string Number(double value) {
+    std::ostringstream text;
+    // All digits that a decimal number keeps in a double: 0.00025 stays that.
+    text << std::setprecision(std::numeric_limits<double>::digits10) << value;
+    return text.str();
+}
+
 /// Collects the samples of one metric, and writes them behind its head when it ends: one metric
 /// ends before the next begins.
 class Metric {
 public:
     Metric(std::string& text, std::string name, const char* type, const char* help)
         : m_text(text), m_name(std::move(name)) {
-        m_text += "# HELP " + m_name + ' ' + help + "\n# TYPE " + m_name + ' ' + type + '\n';
+        AddHead(m_text, m_name, type, help);
     }
 
     ~Metric() {
@@ -38,20 +67,10 @@ public:
     /// Samples with the same labels, as of two outputs to one place, become one: a reader refuses
     /// everything when a sample comes twice.
     void Add(std::uint64_t value, std::initializer_list<Label> labels = {}) {
-        std::string shown;
-        for (const auto& [name, text] : labels) {
-            shown += (shown.empty() ? "{" : ",") + std::string(name) + "=\"" + Escape(text) + '"';
-        }
-        m_samples[shown + (shown.empty() ? "" : "}")] += value;
+        m_samples[Labels(labels)] += value;
     }
 
 private:
-    /// As the format wants it in the value of a label.
-    static std::string Escape(const std::string& text) {
-        return Poco::replace(Poco::replace(Poco::replace(text, "\\", "\\\\"), "\"", "\\\""), "\n",
-                             "\\n");
-    }
-
     std::string& m_text;
     const std::string m_name;
     std::map<std::string, std::uint64_t> m_samples;
@@ -83,6 +102,10 @@ void AddAgent(std::string& text, const Json::Value& status) {
     Metric(text, "vmescape_last_alarm_time_seconds", kGauge,
            "When an output last took an alarm, since the epoch; 0: never.")
         .Add(Seconds(status["last_alarm"].asString()));
+    if (status["machines"].isUInt64()) {
+        Metric(text, "vmescape_machines", kGauge, "Virtual machines that it watches.")
+            .Add(status["machines"].asUInt64());
+    }
 }
 
 void AddTasks(std::string& text, const Json::Value& tasks) {
@@ -132,6 +155,67 @@ void AddBooks(std::string& text, const Json::Value& books) {
     }
 }
 
+void AddTroubles(std::string& text, const Json::Value& books) {
+    Metric metric(text, "vmescape_trouble", kGauge,
+                  "Whether the part does not do all that it should; status tells why.");
+    for (const Json::Value& book : books) {
+        metric.Add(book["trouble"].asString().empty() ? 0 : 1,
+                   {{"book", book["name"].asString()}, {"by", book["by"].asString()}});
+    }
+}
+
+void AddAlarmedMachines(std::string& text, const Json::Value& books) {
+    Metric metric(text, "vmescape_alarmed_machines", kGauge,
+                  "Virtual machines that alarms have named since the start.");
+    for (const Json::Value& book : books) {
+        for (const std::string& kind : book["machines"].getMemberNames()) {
+            metric.Add(book["machines"][kind].asUInt64(), {{"class", kind}});
+        }
+    }
+}
+
+/// One histogram of Prometheus: its buckets count all below them, too.
+void AddHistogram(std::string& text, const std::string& name, const std::string& book,
+                  const std::string& by, const Json::Value& latency) {
+    std::uint64_t below = 0;
+    Json::ArrayIndex bucket = 0;
+    const auto add = [&](const std::string& bound) {
+        below += latency["counts"][bucket++].asUInt64();
+        text += name + "_bucket" + Labels({{"book", book}, {"by", by}, {"le", bound}}) + ' ' +
+                std::to_string(below) + '\n';
+    };
+    for (const Json::Value& bound : latency["bounds"]) {
+        add(Number(bound.asDouble()));
+    }
+    add("+Inf");
+    const std::string labels = Labels({{"book", book}, {"by", by}}) + ' ';
+    text += name + "_sum" + labels + Number(latency["sum"].asDouble()) + '\n';
+    text += name + "_count" + labels + std::to_string(below) + '\n';
+}
+
+void AddLatencies(std::string& text, const Json::Value& books) {
+    // As with the samples of other metrics, books of one name become one.
+    std::map<std::pair<std::string, std::string>, Json::Value> latencies;
+    for (const Json::Value& book : books) {
+        if (!book.isMember("latency")) {
+            continue;
+        }
+        Json::Value& all = latencies[{book["name"].asString(), book["by"].asString()}];
+        all["bounds"] = book["latency"]["bounds"];
+        all["sum"] = all["sum"].asDouble() + book["latency"]["sum"].asDouble();
+        Json::ArrayIndex bucket = 0;
+        for (const Json::Value& count : book["latency"]["counts"]) {
+            Json::Value& sum = all["counts"][bucket++];
+            sum = Json::UInt64{sum.asUInt64() + count.asUInt64()};
+        }
+    }
+    const std::string name = "vmescape_latency_seconds";
+    AddHead(text, name, "histogram", "How long the part took to deliver, from the event on.");
+    for (const auto& [book, latency] : latencies) {
+        AddHistogram(text, name, book.first, book.second, latency);
+    }
+}
+
 void AddPolicies(std::string& text, const Json::Value& policies) {
     {
         Metric generation(text, "vmescape_policy_generation", kGauge,
@@ -157,6 +241,9 @@ std::string ToMetrics(const Json::Value& status) {
     if (!status.isNull()) {
         AddTasks(text, status["tasks"]);
         AddBooks(text, status["books"]);
+        AddTroubles(text, status["books"]);
+        AddAlarmedMachines(text, status["books"]);
+        AddLatencies(text, status["books"]);
         AddPolicies(text, status["policies"]);
     }
     return text;

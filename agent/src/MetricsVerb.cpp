@@ -1,5 +1,6 @@
 #include "MetricsVerb.h"
 
+#include "LocalListener.h"
 #include "MetricsText.h"
 #include "Privileges.h"
 #include "StatusQuery.h"
@@ -13,9 +14,11 @@
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/ServerSocketImpl.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Timespan.h>
 
+#include <fcntl.h>
 #include <signal.h>
 
 #include <iostream>
@@ -105,6 +108,68 @@ int PrintOnce(const std::string& socket) {
     return wrong.empty() ? EXIT_GOOD : EXIT_FAILED;
 }
 
+/// A server's socket that listens already.
+class ListeningSocket : public Poco::Net::ServerSocket {
+public:
+    /// @param descriptor  stays the caller's
+    explicit ListeningSocket(int descriptor) : ServerSocket(new Impl(descriptor), true) {}
+
+private:
+    struct Impl : Poco::Net::ServerSocketImpl {
+        explicit Impl(int descriptor) { reset(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0)); }
+    };
+};
+
+constexpr const char* kLocalPrefix = "unix:";
+
+/// @param path  behind the prefix
+/// @return EXIT_GOOD, or another exit status (said)
+int ListenLocally(const std::string& path, LocalListener& local,
+                  Poco::Net::ServerSocket& listener) {
+    const std::string wrong = local.Open(path);
+    if (!wrong.empty()) {
+        Complain("--listen " + (kLocalPrefix + path) + ": " + wrong);
+        return EXIT_FAILED;
+    }
+    listener = ListeningSocket(local.Descriptor());
+    return EXIT_GOOD;
+}
+
+/// The same, at any of the addresses that there are.
+int Listen(const std::string& listen, LocalListener& local, Poco::Net::ServerSocket& listener) {
+    const std::string prefix = kLocalPrefix;
+    if (listen.rfind(prefix + '/', 0) == 0) {
+        return ListenLocally(listen.substr(prefix.length()), local, listener);
+    }
+    if (listen.rfind(prefix, 0) == 0 || listen.front() == '/') {
+        Complain("--listen: expected HOST:PORT or unix:/PATH, found " + listen);
+        return EXIT_USAGE;
+    }
+    const Poco::Net::SocketAddress address(listen);
+    if (!address.host().isLoopback()) {
+        Complain("--listen: expected a loopback address, found " + listen);
+        return EXIT_USAGE;
+    }
+    listener = Poco::Net::ServerSocket(address, kMaxQueued);
+    return EXIT_GOOD;
+}
+
+/// Answers until a signal comes.
+void AnswerUntil(const sigset_t& signals, const Poco::Net::ServerSocket& listener,
+                 const std::string& where, const std::string& socket) {
+    auto* parameters = new Poco::Net::HTTPServerParams;  // the server's
+    parameters->setMaxThreads(kMaxThreads);
+    parameters->setMaxQueued(kMaxQueued);
+    parameters->setKeepAlive(false);
+    parameters->setTimeout(Poco::Timespan(kPatienceS, 0));
+    Poco::Net::HTTPServer server(new HandlerFactory(socket), listener, parameters);
+    server.start();
+    std::cerr << "vmescape-agent: metrics at " << where << "/metrics, health at /health\n";
+    int signal = 0;
+    ::sigwait(&signals, &signal);
+    server.stopAll(true);
+}
+
 int Serve(const std::string& listen, const std::string& socket) {
     // Blocked before the server's threads start, so that they come here.
     sigset_t signals;
@@ -113,30 +178,24 @@ int Serve(const std::string& listen, const std::string& socket) {
     ::sigaddset(&signals, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     try {
-        const Poco::Net::SocketAddress address(listen);
-        if (!address.host().isLoopback()) {
-            Complain("--listen: expected a loopback address, found " + listen);
-            return EXIT_USAGE;
+        LocalListener local;
+        Poco::Net::ServerSocket listener;
+        if (const int code = Listen(listen, local, listener); code != EXIT_GOOD) {
+            return code;
         }
-        Poco::Net::ServerSocket listener(address, kMaxQueued);
         // It speaks with anybody on this host, so it keeps nothing but its user: that is who may
         // ask the agent.
         if (const std::string wrong = Privileges::KeepNone(); !wrong.empty()) {
             Complain(wrong);
             return EXIT_FAILED;
         }
-        auto* parameters = new Poco::Net::HTTPServerParams;  // the server's
-        parameters->setMaxThreads(kMaxThreads);
-        parameters->setMaxQueued(kMaxQueued);
-        parameters->setKeepAlive(false);
-        parameters->setTimeout(Poco::Timespan(kPatienceS, 0));
-        Poco::Net::HTTPServer server(new HandlerFactory(socket), listener, parameters);
-        server.start();
-        std::cerr << "vmescape-agent: metrics at http://" << listener.address().toString()
-                  << "/metrics, health at /health\n";
-        int signal = 0;
-        ::sigwait(&signals, &signal);
-        server.stopAll(true);
+        const bool isLocal = local.Descriptor() >= 0;
+        const std::string where =
+            isLocal ? listen + ' ' : "http://" + listener.address().toString();
+        AnswerUntil(signals, listener, where, socket);
+        if (const std::string wrong = local.Close(); !wrong.empty()) {
+            Complain(listen + " cannot be removed: " + wrong);
+        }
         return EXIT_GOOD;
     } catch (const Poco::Exception& exception) {
         Complain("--listen " + listen + ": " + exception.displayText());

@@ -18,12 +18,13 @@ struct Health {
 /// @param wrong   why none answers
 Health JudgeHealth(const Json::Value& status, const std::string& wrong);
 
-/// Prints the metrics of the running agent once, or serves them over HTTP on a loopback address,
-/// with /metrics and /health, until it is stopped. It is a program of its own on purpose: the
-/// privileged agent listens to nobody on the network, and that it is gone can still be told.
+/// Prints the metrics of the running agent once, or serves them over HTTP on a loopback address or
+/// a local socket, with /metrics and /health, until it is stopped. It is a program of its own on
+/// purpose: the privileged agent listens to nobody on the network, and that it is gone can still be
+/// told.
 /// @return EXIT_GOOD; EXIT_FAILED when no agent answers (printing) or the address cannot be had
-///         (serving); EXIT_USAGE for an address that is no loopback address; EXIT_BAD_INPUT when
-///         the configuration is wrong
+///         (serving); EXIT_USAGE for an address that is neither; EXIT_BAD_INPUT when the
+///         configuration is wrong
 int ExportMetrics(const Options& options);
 
 }  // namespace Agent

@@ -100,8 +100,9 @@ void AddMetrics(CLI::App& app, Options& options) {
         app.add_subcommand("metrics", "The agent's status as metrics in Prometheus' text format");
     metrics
         ->add_option("--listen", options.m_listen,
-                     "Serve /metrics and /health at a loopback address until stopped")
-        ->type_name("HOST:PORT");
+                     "Serve /metrics and /health at a loopback address or a local socket until "
+                     "stopped")
+        ->type_name("HOST:PORT|unix:/PATH");
     AddWhereItAnswers(*metrics, options);
     metrics->footer(
         "Without --listen they are printed once.\n"

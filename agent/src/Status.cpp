@@ -9,6 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <numeric>
+#include <sstream>
 
 namespace Agent {
 
@@ -55,6 +58,18 @@ Json::Value ByName(const std::map<std::string, std::uint64_t>& counts) {
     return named;
 }
 
+Json::Value LatencyEntry(const SDK::LatencyHistogram& latency) {
+    Json::Value entry;
+    for (const auto bound : SDK::LatencyHistogram::BOUNDS) {
+        entry["bounds"].append(std::chrono::duration<double>(bound).count());
+    }
+    for (const std::uint64_t count : latency.GetCounts()) {
+        entry["counts"].append(Json::UInt64{count});
+    }
+    entry["sum"] = latency.SumS();
+    return entry;
+}
+
 Json::Value BookEntry(const SDK::Ledger& ledger) {
     Json::Value entry;
     entry["name"] = ledger.m_name;
@@ -65,6 +80,10 @@ Json::Value BookEntry(const SDK::Ledger& ledger) {
     entry["filtered"] = ByName(ledger.m_filtered);
     entry["lost"] = ByName(ledger.m_lost);
     entry["kinds"] = ByName(ledger.m_kinds);
+    entry["machines"] = ByName(ledger.m_machines);
+    if (ledger.m_latency.has_value()) {
+        entry["latency"] = LatencyEntry(*ledger.m_latency);
+    }
     entry["trouble"] = ledger.m_trouble;
     return entry;
 }
@@ -80,6 +99,40 @@ std::string Reasons(const Json::Value& counts) {
     return text.empty() ? "0" : text;
 }
 
+/// "0.25 ms", "10 s"
+std::string Duration(double seconds) {
+    constexpr double kMsPerSecond = 1000;
+    std::ostringstream text;
+    if (seconds < 1) {
+        text << seconds * kMsPerSecond << " ms";
+    } else {
+        text << seconds << " s";
+    }
+    return text.str();
+}
+
+std::uint64_t Sum(const Json::Value& counts) {
+    return std::accumulate(
+        counts.begin(), counts.end(), std::uint64_t{0},
+        [](std::uint64_t sum, const Json::Value& count) { return sum + count.asUInt64(); });
+}
+
+/// Within what time so many of a hundred were delivered, as well as the buckets tell it.
+std::string Within(const Json::Value& latency, std::uint64_t percent) {
+    const std::uint64_t all = Sum(latency["counts"]);
+    std::uint64_t below = 0;
+    Json::ArrayIndex bucket = 0;
+    double last = 0;
+    for (const Json::Value& bound : latency["bounds"]) {
+        last = bound.asDouble();
+        below += latency["counts"][bucket++].asUInt64();
+        if (below * 100 >= all * percent) {
+            return "within " + Duration(last);
+        }
+    }
+    return "beyond " + Duration(last);
+}
+
 /// The numbers side by side, and below them, for each kind that has any, the reasons.
 std::string BookLines(const Json::Value& book) {
     const std::string by = book["by"].asString();
@@ -88,6 +141,13 @@ std::string BookLines(const Json::Value& book) {
                                     Number(book["delivered"]), Number(book["waiting"]));
     if (!book["kinds"].empty()) {
         text += "    kinds: " + Reasons(book["kinds"]) + '\n';
+    }
+    if (!book["machines"].empty()) {
+        text += "    machines: " + Reasons(book["machines"]) + '\n';
+    }
+    if (Sum(book["latency"]["counts"]) > 0) {
+        text += "    latency: half " + Within(book["latency"], 50) + ", 99 % " +
+                Within(book["latency"], 99) + '\n';
     }
     for (const char* kind : {"filtered", "lost"}) {
         text += Poco::format("    %s: %s\n", std::string(kind), Reasons(book[kind]));

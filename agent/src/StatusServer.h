@@ -1,6 +1,6 @@
 #pragma once
 
-#include "sdk/UniqueDescriptor.h"
+#include "LocalListener.h"
 
 #include <functional>
 #include <string>
@@ -12,21 +12,14 @@ namespace Agent {
 /// Threads: one at a time.
 class StatusServer {
 public:
-    StatusServer() = default;
-    ~StatusServer() { Close(); }
-    StatusServer(const StatusServer&) = delete;
-    StatusServer& operator=(const StatusServer&) = delete;
-
-    /// Listens at a path; its folder is made when it is missing, and a socket that a killed agent
-    /// left there is replaced. One that somebody listens at is not.
-    /// @return what is wrong, or ""
-    std::string Open(const std::string& path);
+    /// Listens at a path. @return what is wrong, or "": see LocalListener
+    std::string Open(const std::string& path) { return m_listener.Open(path); }
 
     /// Takes the socket away.
-    void Close();
+    void Close() { m_listener.Close(); }
 
     /// Readable when somebody has connected; -1 when closed.
-    int Descriptor() const { return m_socket.Get(); }
+    int Descriptor() const { return m_listener.Descriptor(); }
 
     /// Sends each of those who have connected a text, as far as they take it at once, and hangs up.
     void Answer(const std::function<std::string()>& text) const;
@@ -37,8 +30,7 @@ public:
     static std::string Ask(const std::string& path, std::string& answer);
 
 private:
-    SDK::UniqueDescriptor m_socket;
-    std::string m_path;
+    LocalListener m_listener;
 };
 
 }  // namespace Agent

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "sdk/LatencyHistogram.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +23,10 @@ struct Ledger {
     std::map<std::string, std::uint64_t> m_filtered;  ///< left out on purpose, by reason
     std::map<std::string, std::uint64_t> m_lost;      ///< by reason
     std::map<std::string, std::uint64_t> m_kinds;  ///< of the delivered; empty where nobody tells
+    std::map<std::string, std::uint64_t> m_machines;  ///< virtual machines that the delivered name,
+                                                      ///< by kind; empty where nobody tells
+    std::optional<LatencyHistogram> m_latency;  ///< how long it took to deliver; none where nobody
+                                                ///< measures it
     std::int64_t m_lastS = 0;  ///< when the last was delivered, in seconds since the epoch; 0: not
                                ///< yet, or nobody keeps it
     std::string m_trouble;     ///< why the part does not do all that it should; "" when it does

@@ -46,6 +46,7 @@ bool AlarmSink::Offer(const std::string& document) {
         ++m_offered;
         if (m_waiting.size() < m_capacity && !m_stopping) {
             m_waiting.push_back(document);
+            m_times.Push(std::chrono::steady_clock::now());
             // One free place does not end a burst, or a full queue would log every other alarm.
             m_dropping = m_dropping && m_waiting.size() > m_capacity / 2;
             m_changed.notify_one();
@@ -104,6 +105,7 @@ SDK::Ledger AlarmSink::GetLedger() const {
     books.m_delivered = m_written;
     books.m_waiting = m_waiting.size() + m_away;
     books.m_lost = {{kQueueFull, m_dropped}, {kNotWritten, m_failed}};
+    books.m_latency = m_latency;
     books.m_lastS = m_lastS;
     if (!m_trouble.empty()) {
         books.m_trouble =
@@ -128,6 +130,7 @@ void AlarmSink::TakeOverSpool() {
         const SDK::LockGuard lock(m_mutex);
         m_offered += m_spool->Count();
         m_away += m_spool->Count();
+        m_times.PushOldest(m_spool->Count());
     }
     SDK::Log(GetDataCommLogger(), Poco::Message::PRIO_NOTICE,
              "Output(%s) has %lu alarms in its spool from before", m_writer->Name(),
@@ -186,6 +189,7 @@ void AlarmSink::TakeFromSpool() {
     {
         const SDK::LockGuard lock(m_mutex);
         m_away -= lost;
+        m_times.DropOldest(lost);
         m_failed += lost;
     }
     SDK::LogError(GetDataCommLogger(), "Output(%s) has lost %lu alarms of its spool: %s",
@@ -249,6 +253,7 @@ void AlarmSink::SettleFirst(std::size_t count) {
     const SDK::LockGuard lock(m_mutex);
     m_away -= count;
     m_written += count;
+    m_times.Deliver(count, m_latency);
     m_lastS = SDK::TimeUtils::GetCurrentTimestampS();
 }
 
@@ -261,6 +266,7 @@ void AlarmSink::FailFirst() {
     const SDK::LockGuard lock(m_mutex);
     --m_away;
     ++m_failed;
+    m_times.DropOldest(1);
 }
 
 /// There is no time for another try. What is in the spool stays there.
@@ -269,6 +275,7 @@ void AlarmSink::GiveUpHand() {
         const SDK::LockGuard lock(m_mutex);
         m_away -= m_hand.size();
         m_failed += m_hand.size();
+        m_times.DropOldest(m_hand.size());
     }
     m_hand.clear();
 }
@@ -277,6 +284,7 @@ void AlarmSink::GiveUpQueue() {
     Spill();
     const SDK::LockGuard lock(m_mutex);
     m_dropped += m_waiting.size();
+    m_times.DropNewest(m_waiting.size());
     m_waiting.clear();
 }
 

@@ -6,6 +6,7 @@
 #include "OutgoingAlarm.h"
 #include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
+#include "sdk/QueueTimes.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -56,7 +57,8 @@ public:
     void Stop();
 
     /// What was offered, and what became of it: delivered is what was written. What an agent before
-    /// this one left in the spool counts as offered.
+    /// this one left in the spool counts as offered. The latency goes from the offer to the moment
+    /// at which the place has the alarm; of what was left it is not known.
     SDK::Ledger GetLedger() const;
 
 private:
@@ -97,6 +99,8 @@ private:
     bool m_stopping SDK_GUARDED_BY(m_mutex) = false;
     bool m_reopening SDK_GUARDED_BY(m_mutex) = false;
     bool m_dropping SDK_GUARDED_BY(m_mutex) = false;
+    SDK::QueueTimes m_times SDK_GUARDED_BY(m_mutex);  // of m_away and m_waiting: their offers
+    SDK::LatencyHistogram m_latency SDK_GUARDED_BY(m_mutex);
     std::uint64_t m_offered SDK_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_away SDK_GUARDED_BY(m_mutex) = 0;  // with the sink's thread or in the spool
     std::uint64_t m_written SDK_GUARDED_BY(m_mutex) = 0;

@@ -3,6 +3,7 @@
 #include "DataCommLog.h"
 #include "sdk/JsonUtils.h"
 
+#include <functional>
 #include <utility>
 
 namespace Engine {
@@ -15,6 +16,9 @@ constexpr int kBatch = 128;
 
 constexpr const char* kNoClass = "other";
 constexpr std::size_t kMaxClasses = 16;
+
+// More than a host carries; what one name costs is some 32 bytes.
+constexpr std::size_t kMaxMachines = 4096;
 
 }  // namespace
 
@@ -72,20 +76,48 @@ int ReportTask::HandleMsg(const Framework::Message* message) {
 
 void ReportTask::CountAlarm(const std::string& document) {
     Json::Value alarm;
+    Json::Value resource;
     SDK::JsonUtils::ParseJsonStr(document.c_str(), document.length(), alarm);
+    SDK::JsonUtils::GetSubobjectValue(alarm, "resource_info", resource);
     const std::string kind = SDK::JsonUtils::GetStringValue(alarm, "event_classid", kNoClass);
-    const SDK::LockGuard lock(m_mutex);
-    // The classes are the detection's; a document that is none of its must not fill the memory.
-    ++m_alarms[m_alarms.size() < kMaxClasses || m_alarms.count(kind) > 0 ? kind : kNoClass];
+    bool more = false;
+    {
+        const SDK::LockGuard lock(m_mutex);
+        // The classes are the detection's; a document that is none of its must not fill the memory.
+        const bool known = m_classes.size() < kMaxClasses || m_classes.count(kind) > 0;
+        Detections& detections = m_classes[known ? kind : kNoClass];
+        ++detections.m_alarms;
+        more = CountMachine(detections, SDK::JsonUtils::GetStringValue(resource, "vm_name", ""));
+    }
+    if (more) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Alarms of class(%s) have named %lu virtual machines, the limit. Further "
+                        "ones are not counted as machines.",
+                        kind, static_cast<unsigned long>(kMaxMachines));
+    }
+}
+
+/// @return whether this is the first machine too many
+bool ReportTask::CountMachine(Detections& detections, const std::string& machine) {
+    const std::size_t hash = std::hash<std::string>()(machine);
+    if (machine.empty() || detections.m_machineHashes.count(hash) > 0) {
+        return false;
+    }
+    if (detections.m_machineHashes.size() < kMaxMachines) {
+        detections.m_machineHashes.insert(hash);
+        return false;
+    }
+    return !std::exchange(detections.m_moreMachines, true);
 }
 
 SDK::Ledger ReportTask::GetLedger() const {
     const SDK::LockGuard lock(m_mutex);
     SDK::Ledger books;
     books.m_name = "detections";
-    books.m_kinds = m_alarms;
-    for (const auto& [kind, count] : m_alarms) {
-        books.m_seen += count;
+    for (const auto& [kind, detections] : m_classes) {
+        books.m_kinds[kind] = detections.m_alarms;
+        books.m_machines[kind] = detections.m_machineHashes.size();
+        books.m_seen += detections.m_alarms;
     }
     books.m_delivered = books.m_seen;
     return books;

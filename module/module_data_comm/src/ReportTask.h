@@ -5,10 +5,12 @@
 #include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace Engine {
@@ -38,15 +40,24 @@ public:
     int HandleMsg(const Framework::Message* message) override;
 
 private:
+    /// What is known of the alarms of one class.
+    struct Detections {
+        std::uint64_t m_alarms = 0;
+        // Of names, not the names: those are as long as somebody made them.
+        std::unordered_set<std::size_t> m_machineHashes;
+        bool m_moreMachines = false;  // than are kept apart; logged
+    };
+
     void CountAlarm(const std::string& document);
+    bool CountMachine(Detections& detections, const std::string& machine) SDK_REQUIRES(m_mutex);
     SDK::Ledger GetLedger() const;
 
     std::vector<std::unique_ptr<AlarmSink>> m_sinks;
     mutable SDK::Mutex m_mutex;
     // By class. Those of the detections are there from the start, so that whoever watches the
     // numbers sees the first alarm as a change.
-    std::map<std::string, std::uint64_t> m_alarms SDK_GUARDED_BY(m_mutex) = {
-        {"vmescape_0001", 0}, {"vmescape_0002", 0}, {"vmescape_0003", 0}};
+    std::map<std::string, Detections> m_classes SDK_GUARDED_BY(m_mutex) = {
+        {"vmescape_0001", {}}, {"vmescape_0002", {}}, {"vmescape_0003", {}}};
     const SDK::OpenLedger m_books{[this] { return GetLedger(); }};
 };
 

@@ -166,6 +166,7 @@ static __always_inline void FillHeader(struct ProcessRecord* record, enum Proces
     record->argumentStart = 0;
     record->pid = leader->tgid;
     record->startTime = leader->start_boottime;
+    record->eventTime = 0;
     bpf_probe_read_kernel(record->comm, sizeof(record->comm), leader->comm);
 }
 
@@ -312,6 +313,8 @@ int BPF_PROG(OnExec, struct task_struct* task, int oldPid, struct linux_binprm* 
     }
     /* By now the calling thread is the leader, whichever thread called. */
     FillHeader(&scratch->record, PROCESS_EXEC, task);
+    /* Forks and exits wait for the reader on purpose: their times would tell nothing. */
+    scratch->record.eventTime = bpf_ktime_get_ns();
     scratch->record.parentPid = task->real_parent->tgid;
     scratch->record.stackStart = mm->start_stack;
     scratch->record.argumentStart = mm->arg_start;

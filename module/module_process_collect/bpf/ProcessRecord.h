@@ -8,7 +8,7 @@
 
 #include <linux/types.h>
 
-#define PROCESS_RECORD_VERSION 1
+#define PROCESS_RECORD_VERSION 2
 
 /* The longest command line and the longest path (PATH_MAX) that are taken. */
 #define PROCESS_ARGUMENT_BYTES 4096
@@ -40,6 +40,7 @@ struct ProcessRecord {
     __s32 pid;       /* of the process, as the first pid namespace counts */
     __s32 parentPid; /* fork: who forked; exec: the kernel's parent; exit: 0 */
     __u64 startTime; /* nanoseconds from boot to the fork */
+    __u64 eventTime; /* exec: when, in nanoseconds of CLOCK_MONOTONIC; others: 0 */
     /* exec: where stack and arguments begin. Each exec draws them anew, so they tell one program's
      * run from the next; /proc shows the same numbers. */
     __u64 stackStart;
@@ -67,9 +68,9 @@ struct ProcessShared {
 };
 
 #ifdef __cplusplus
-static_assert(sizeof(ProcessRecord) == 64, "the layout is shared with the kernel side");
+static_assert(sizeof(ProcessRecord) == 72, "the layout is shared with the kernel side");
 static_assert(sizeof(ProcessShared) == 64, "the layout is shared with the kernel side");
 #else
-_Static_assert(sizeof(struct ProcessRecord) == 64, "the layout is shared with the reader");
+_Static_assert(sizeof(struct ProcessRecord) == 72, "the layout is shared with the reader");
 _Static_assert(sizeof(struct ProcessShared) == 64, "the layout is shared with the reader");
 #endif

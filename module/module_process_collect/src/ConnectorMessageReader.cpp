@@ -35,6 +35,9 @@ std::size_t BytesNeeded(const proc_event& event) {
 void Fill(const proc_event& event, ConnectorMessage& message) {
     using Kind = ConnectorMessage::Kind;
     message.m_cpu = event.cpu;
+    // ktime_get_ns of the kernel, as the steady clock.
+    message.m_time =
+        std::chrono::steady_clock::time_point(std::chrono::nanoseconds(event.timestamp_ns));
     switch (event.what) {
         case proc_event::PROC_EVENT_NONE:
             message.m_kind = Kind::ACKNOWLEDGE;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,12 +17,13 @@ struct ConnectorMessage {
     };
 
     Kind m_kind = Kind::OTHER;
-    int m_pid = 0;               ///< fork: the child's; of a thread
-    int m_tgid = 0;              ///< fork: the child's; of its process
-    int m_parentTgid = 0;        ///< fork only
-    std::uint32_t m_error = 0;   ///< ACKNOWLEDGE: an errno, or 0
-    std::uint32_t m_cpu = 0;     ///< where it happened
-    std::uint32_t m_number = 0;  ///< counts that processor's messages
+    int m_pid = 0;                                 ///< fork: the child's; of a thread
+    int m_tgid = 0;                                ///< fork: the child's; of its process
+    int m_parentTgid = 0;                          ///< fork only
+    std::uint32_t m_error = 0;                     ///< ACKNOWLEDGE: an errno, or 0
+    std::uint32_t m_cpu = 0;                       ///< where it happened
+    std::uint32_t m_number = 0;                    ///< counts that processor's messages
+    std::chrono::steady_clock::time_point m_time;  ///< when it happened
 };
 
 /// Reads netlink messages of the process connector. Stateless: any thread at any time.

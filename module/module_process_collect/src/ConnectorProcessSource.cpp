@@ -246,6 +246,7 @@ bool ConnectorProcessSource::HandleExec(const ConnectorMessage& message, const S
     event.m_parentPid = stat.m_parentPid;
     event.m_startTime = stat.m_startTime;
     event.m_marks = stat.m_marks;
+    event.m_time = message.m_time;
     event.m_comm = stat.m_comm;
     event.m_exePath = path;
     event.m_arguments = arguments;

@@ -36,13 +36,14 @@ void EventDispatcher::Unsubscribe(unsigned int type,
     }
     (*found)->SetWanted(type, false);
     if (!(*found)->WantsAny()) {
-        m_counters.m_delivered += (*found)->Flush();
+        m_counters.m_delivered += (*found)->Flush(m_latency);
         m_counters.m_lostGone += (*found)->Waiting();
         m_subscribers.erase(found);
     }
 }
 
-void EventDispatcher::Dispatch(Engine::ProcsMessage::Flag type, int pid, const Info* info) {
+void EventDispatcher::Dispatch(Engine::ProcsMessage::Flag type, int pid, const Info* info,
+                               Subscriber::TimePoint time) {
     bool wanted = false;
     for (const auto& subscriber : m_subscribers) {
         if (!subscriber->Wants(type)) {
@@ -51,8 +52,8 @@ void EventDispatcher::Dispatch(Engine::ProcsMessage::Flag type, int pid, const I
         wanted = true;
         ++m_counters.m_seen;
         auto copy = info == nullptr ? nullptr : std::make_shared<Info>(*info);
-        if (!subscriber->Offer(
-                std::make_shared<Engine::ProcsMessage>(type, pid, std::move(copy)))) {
+        if (!subscriber->Offer(std::make_shared<Engine::ProcsMessage>(type, pid, std::move(copy)),
+                               time)) {
             ++m_counters.m_lostBehind;
         }
     }
@@ -65,7 +66,7 @@ void EventDispatcher::Dispatch(Engine::ProcsMessage::Flag type, int pid, const I
 void EventDispatcher::Flush() {
     DropAbandoned();
     for (const auto& subscriber : m_subscribers) {
-        m_counters.m_delivered += subscriber->Flush();
+        m_counters.m_delivered += subscriber->Flush(m_latency);
     }
 }
 

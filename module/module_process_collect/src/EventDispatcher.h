@@ -28,7 +28,9 @@ public:
 
     /// Queues an event for everyone who wants it; Flush delivers.
     /// @param info  copied for each; null when nothing is known of the process
-    void Dispatch(Engine::ProcsMessage::Flag type, int pid, const Info* info);
+    /// @param time  when it happened; the clock's zero: not known
+    void Dispatch(Engine::ProcsMessage::Flag type, int pid, const Info* info,
+                  Subscriber::TimePoint time = {});
 
     /// Counts an event that was told before.
     void CountRepeated() {
@@ -51,12 +53,16 @@ public:
     std::size_t SubscriberCount() const { return m_subscribers.size(); }
     Counters GetCounters() const;
 
+    /// How long it took from the events, whose time was known, to the inboxes.
+    const SDK::LatencyHistogram& Latency() const { return m_latency; }
+
 private:
     void DropAbandoned();
 
     const std::size_t m_backlog;
     std::vector<std::unique_ptr<Subscriber>> m_subscribers;
     Counters m_counters;  // m_waiting is summed up on demand
+    SDK::LatencyHistogram m_latency;
 };
 
 }  // namespace ProcessCollect

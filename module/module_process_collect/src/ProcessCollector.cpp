@@ -119,7 +119,9 @@ Counters ProcessCollector::GetCounters() {
 }
 
 SDK::Ledger ProcessCollector::GetLedger() {
-    const Counters counters = GetCounters();
+    const SDK::LockGuard lock(m_mutex);
+    Drain();
+    const Counters counters = m_dispatcher.GetCounters();
     SDK::Ledger books;
     books.m_name = "process_events";
     books.m_by = SourceName();
@@ -131,6 +133,7 @@ SDK::Ledger ProcessCollector::GetLedger() {
     books.m_lost = {{"in_kernel", counters.m_lostInKernel},
                     {"behind", counters.m_lostBehind},
                     {"with_subscriber", counters.m_lostGone}};
+    books.m_latency = m_dispatcher.Latency();
     return books;
 }
 
@@ -167,7 +170,7 @@ void ProcessCollector::HandleEvent(const ProcessEvent& event, std::int64_t now) 
         m_dispatcher.Dispatch(Engine::ProcsMessage::FORK, event.m_pid, &info);
     }
     m_dispatcher.Dispatch(event.m_type, event.m_pid,
-                          news == ProcessTable::News::UNKNOWN ? nullptr : &info);
+                          news == ProcessTable::News::UNKNOWN ? nullptr : &info, event.m_time);
     if (++m_undelivered >= kBatch) {
         m_dispatcher.Flush();
         m_undelivered = 0;

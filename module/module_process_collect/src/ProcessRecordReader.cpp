@@ -2,6 +2,7 @@
 
 #include "ProcessRecord.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 
@@ -43,6 +44,9 @@ bool ProcessRecordReader::Read(const void* data, std::size_t size, ProcessEvent&
     parsed.m_pid = record.pid;
     parsed.m_parentPid = record.parentPid;
     parsed.m_startTime = record.startTime;
+    // The kernel's CLOCK_MONOTONIC and the library's steady clock are one.
+    parsed.m_time =
+        std::chrono::steady_clock::time_point(std::chrono::nanoseconds(record.eventTime));
     parsed.m_marks = RunMarks{record.stackStart, record.argumentStart};
     parsed.m_comm = std::string_view(comm, ::strnlen(comm, PROCESS_COMM_BYTES));
     parsed.m_arguments = std::string_view(texts, record.argumentBytes);

@@ -18,4 +18,18 @@ void Subscriber::SetWanted(unsigned int type, bool wanted) {
     }
 }
 
+bool Subscriber::Offer(std::shared_ptr<Framework::Message> message, TimePoint time) {
+    const bool kept = Outbox::Offer(std::move(message));
+    if (kept) {
+        m_times.Push(time);
+    }
+    return kept;
+}
+
+std::size_t Subscriber::Flush(SDK::LatencyHistogram& latency) {
+    const std::size_t moved = Outbox::Flush();
+    m_times.Deliver(moved, latency);
+    return moved;
+}
+
 }  // namespace ProcessCollect

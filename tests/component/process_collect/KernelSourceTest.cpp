@@ -79,6 +79,23 @@ TEST_P(KernelSource, ExecIsToldWithArgumentsPathParentAndName) {
     EXPECT_EQ(m_harness->Of(ProcsMessage::EXIT, pid).size(), 1U);
 }
 
+TEST_P(KernelSource, ExecsAreToldWithTheirTimeOnTheClockOfTheReader) {
+    using Seconds = std::chrono::duration<double>;
+    const auto start = std::chrono::steady_clock::now();
+    const SDK::LatencyHistogram before = m_harness->Collector().GetLedger().m_latency.value();
+    const int pid = Spawn({"/bin/sleep", "0.1"});
+    const auto ran = std::chrono::steady_clock::now();
+    const Seconds waited = std::chrono::steady_clock::now() - ran;  // nobody has read till now
+    EXPECT_NE(m_harness->WaitForExec("/bin/sleep 0.1"), nullptr);
+    Reap(pid);
+    const SDK::LatencyHistogram after = m_harness->Collector().GetLedger().m_latency.value();
+    const Seconds all = std::chrono::steady_clock::now() - start;
+    const auto told = static_cast<double>(after.Count() - before.Count());
+    EXPECT_GE(told, 1);
+    EXPECT_GT(after.SumS() - before.SumS(), waited.count());
+    EXPECT_LE(after.SumS() - before.SumS(), told * all.count()) << "none is older than this test";
+}
+
 TEST_P(KernelSource, AChildIsKnownToALookUpWithoutAWait) {
     // Nobody pumps here: whoever asks right after the start gets the answer all the same.
     for (int i = 0; i < 50; ++i) {

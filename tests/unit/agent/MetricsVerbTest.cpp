@@ -68,6 +68,27 @@ TEST_F(MetricsVerb, SaysWhyItCannotServe) {
     EXPECT_NE(m_complaint.find("--listen 127.0.0.1:70000: "), std::string::npos) << m_complaint;
 }
 
+TEST_F(MetricsVerb, WantsTheWholePathOfALocalSocketBehindItsPrefix) {
+    m_options.m_socket = m_folder / "none";
+    for (const std::string& address :
+         {std::string("unix:"), std::string("unix:metrics"), m_folder / "metrics"}) {
+        m_options.m_listen = address;
+        EXPECT_EQ(Export(), Agent::EXIT_USAGE) << address;
+        EXPECT_NE(m_complaint.find("expected HOST:PORT or unix:/PATH, found " + address),
+                  std::string::npos)
+            << m_complaint;
+    }
+}
+
+TEST_F(MetricsVerb, LeavesAFileWhereALocalSocketIsWanted) {
+    m_options.m_socket = m_folder / "none";
+    m_options.m_listen = "unix:" + m_folder.Write("file", "precious");
+    EXPECT_EQ(Export(), Agent::EXIT_FAILED);
+    EXPECT_NE(m_complaint.find(m_options.m_listen + ": Address already in use"), std::string::npos)
+        << m_complaint;
+    EXPECT_EQ(TestSupport::ReadText(m_folder / "file"), "precious");
+}
+
 TEST_F(MetricsVerb, EndsWithSixWhenTheConfigurationIsWrong) {
     m_options.m_config = m_folder.Write("agent.json", "[]");
     EXPECT_EQ(Export(), Agent::EXIT_BAD_INPUT);

@@ -46,13 +46,6 @@ TEST_F(StatusServer, AnswersWithAHundredThousandBytes) {
     EXPECT_EQ(Ask(std::string(100000, 'x')).length(), 100000U);
 }
 
-TEST_F(StatusServer, AnswersNobodyElseThanItsUser) {
-    ASSERT_EQ(m_server.Open(m_path), "");
-    struct stat status {};
-    ASSERT_EQ(::stat(m_path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0700U);
-}
-
 TEST_F(StatusServer, IsNotHeldUpByWhoDoesNotRead) {
     ASSERT_EQ(m_server.Open(m_path), "");
     sockaddr_un address{};
@@ -71,34 +64,6 @@ TEST_F(StatusServer, TakesItsSocketAway) {
     EXPECT_FALSE(std::filesystem::exists(m_path));
     std::string answer;
     EXPECT_EQ(Agent::StatusServer::Ask(m_path, answer), "No such file or directory");
-}
-
-TEST_F(StatusServer, ReplacesTheSocketOfAnAgentThatWasKilled) {
-    {
-        std::filesystem::create_directory(m_folder / "run");
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        m_path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        const SDK::UniqueDescriptor killed(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ASSERT_EQ(
-            ::bind(killed.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    }
-    ASSERT_EQ(m_server.Open(m_path), "");
-    EXPECT_EQ(Ask("fine"), "fine");
-}
-
-TEST_F(StatusServer, LeavesTheSocketOfAnAgentThatRuns) {
-    ASSERT_EQ(m_server.Open(m_path), "");
-    Agent::StatusServer second;
-    EXPECT_EQ(second.Open(m_path), "another agent listens there");
-    second.Close();
-    m_server.Answer([] { return std::string(); });
-    EXPECT_EQ(Ask("fine"), "fine");
-}
-
-TEST_F(StatusServer, SaysThatAPathIsTooLong) {
-    EXPECT_EQ(m_server.Open('/' + std::string(200, 'x')), "File name too long");
-    EXPECT_EQ(m_server.Descriptor(), -1);
 }
 
 TEST_F(StatusServer, ThatStandsStillIsNotWaitedForForever) {

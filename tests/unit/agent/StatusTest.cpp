@@ -81,6 +81,56 @@ TEST_F(Status, ShowsBooksByReasonAndTheLastAlarm) {
     EXPECT_TRUE(books["filtered"].isObject());
 }
 
+TEST_F(Status, ShowsTheLatencyOfBooksThatHaveOneByBucketInSeconds) {
+    SDK::Ledger books;
+    EXPECT_FALSE(m_status.Document({}, {books})["books"][0].isMember("latency"));
+    books.m_latency.emplace();
+    books.m_latency->Add(std::chrono::milliseconds(2));
+    books.m_latency->Add(std::chrono::seconds(11));
+    const Json::Value latency = m_status.Document({}, {books})["books"][0]["latency"];
+    ASSERT_EQ(latency["bounds"].size(), 12U);
+    ASSERT_EQ(latency["counts"].size(), 13U);
+    EXPECT_DOUBLE_EQ(latency["bounds"][0].asDouble(), 0.00025);
+    EXPECT_DOUBLE_EQ(latency["bounds"][3].asDouble(), 0.002);
+    EXPECT_DOUBLE_EQ(latency["bounds"][11].asDouble(), 10);
+    EXPECT_EQ(latency["counts"][3].asUInt64(), 1U);
+    EXPECT_EQ(latency["counts"][12].asUInt64(), 1U);
+    EXPECT_DOUBLE_EQ(latency["sum"].asDouble(), 11.002);
+}
+
+TEST_F(Status, ShowsHowManyMachinesTheAlarmsNamed) {
+    SDK::Ledger books;
+    books.m_machines = {{"vmescape_0001", 3}};
+    const Json::Value document = m_status.Document({}, {books});
+    EXPECT_EQ(document["books"][0]["machines"]["vmescape_0001"].asUInt64(), 3U);
+    EXPECT_NE(Agent::Status::ToText(document).find("\n    machines: vmescape_0001 3\n"),
+              std::string::npos);
+    EXPECT_EQ(Agent::Status::ToText(m_status.Document({}, {SDK::Ledger()})).find("machines"),
+              std::string::npos);
+}
+
+TEST_F(Status, AsTextTellsWithinWhatTimeHalfAndAlmostAllWereDelivered) {
+    SDK::Ledger books;
+    books.m_latency.emplace();
+    const auto text = [&] { return Agent::Status::ToText(m_status.Document({}, {books})); };
+    EXPECT_EQ(text().find("latency"), std::string::npos) << "of nothing there is nothing to tell";
+    const auto add = [&](int count, SDK::LatencyHistogram::Duration latency) {
+        for (int i = 0; i < count; ++i) {
+            books.m_latency->Add(latency);
+        }
+    };
+    add(50, std::chrono::microseconds(1));
+    add(49, std::chrono::milliseconds(4));
+    add(1, std::chrono::seconds(9));
+    EXPECT_NE(text().find("\n    latency: half within 0.25 ms, 99 % within 5 ms\n"),
+              std::string::npos)
+        << text();
+    add(1, std::chrono::seconds(9));
+    EXPECT_NE(text().find("half within 5 ms, 99 % within 10 s\n"), std::string::npos) << text();
+    add(200, std::chrono::seconds(11));
+    EXPECT_NE(text().find("half beyond 10 s, 99 % beyond 10 s\n"), std::string::npos) << text();
+}
+
 TEST_F(Status, IsDegradedByTheTroubleOfACollectorOrAnOutput) {
     Take();
     SDK::Ledger books = AlarmBooks();

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <thread>
 #include <vector>
@@ -231,6 +232,7 @@ TEST_F(AlarmSinkWithASpool, KeepsFarMoreThanItsQueueHoldsWhileThePlaceIsAway) {
     m_place.Take(-1);
     ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 60; }));
     EXPECT_EQ(m_place.Taken(), Numbers(0, 60)) << "each once, in order";
+    EXPECT_EQ(Latency(*sink).Count(), 60U);
     EXPECT_EQ(BooksOf(*sink).m_seen, 60 + dropped);
 }
 
@@ -251,6 +253,7 @@ TEST_F(AlarmSinkWithASpool, TakesUpWhatAnAgentBeforeItLeft) {
     ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 9; }));
     EXPECT_EQ(m_place.Taken(), Numbers(0, 9));
     EXPECT_EQ(BooksOf(*sink).m_seen, 9U);
+    EXPECT_EQ(Latency(*sink).Count(), 2U) << "nobody knows when those from before were offered";
     EXPECT_TRUE(m_log.Contains("Output(place) has 7 alarms in its spool from before"));
 }
 
@@ -292,7 +295,51 @@ TEST_F(AlarmSinkWithASpool, CountsWhatSomebodyTookAwayFromTheDisk) {
     ASSERT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_waiting == 0; }));
     EXPECT_GT(Failed(*sink), 0U);
     EXPECT_EQ(Written(*sink) + Failed(*sink), 20U);
+    EXPECT_EQ(Latency(*sink).Count(), Written(*sink));
     EXPECT_TRUE(m_log.Contains("alarms of its spool: spool file("));
+}
+
+using Clock = std::chrono::steady_clock;
+
+/// How long ago that was, in seconds.
+double Since(Clock::time_point time) {
+    return std::chrono::duration<double>(Clock::now() - time).count();
+}
+
+TEST(AlarmSink, TellsHowLongAlarmsTookFromTheirOfferToTheirArrival) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    place.Take(0);
+    AlarmSink sink(std::make_unique<ScriptedWriter>(place),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    const Clock::time_point before = Clock::now();
+    sink.Offer("one");
+    sink.Offer("two");
+    const Clock::time_point offered = Clock::now();
+    ASSERT_TRUE(WaitUntil([&] { return !sink.GetLedger().m_trouble.empty(); }));
+    EXPECT_EQ(Latency(sink).Count(), 0U) << "none has arrived";
+    const double away = Since(offered);
+    place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(sink) == 2; }));
+    EXPECT_EQ(Latency(sink).Count(), 2U);
+    EXPECT_GE(Latency(sink).SumS(), 2 * away);
+    EXPECT_LE(Latency(sink).SumS(), 2 * Since(before));
+}
+
+TEST(AlarmSink, TellsNoLatencyOfAlarmsThatDoNotArrive) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    place.Take(0);
+    AlarmSink sink(std::make_unique<ScriptedWriter>(place, false),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    sink.Offer("refused");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
+    place.Take(-1);
+    const Clock::time_point before = Clock::now();
+    sink.Offer("taken");
+    ASSERT_TRUE(WaitUntil([&] { return Written(sink) == 1; }));
+    EXPECT_EQ(Latency(sink).Count(), 1U);
+    EXPECT_LE(Latency(sink).SumS(), Since(before)) << "its own, not that of the one before it";
 }
 
 TEST(AlarmSink, WritesTheRestOfABatchOfWhichOneIsRefused) {

@@ -104,6 +104,39 @@ TEST_F(ReportTask, LetsEachSinkReopenItsPlaceWhenItIsAskedTo) {
     m_task = nullptr;  // before the places
 }
 
+/// An alarm of one machine.
+std::string AlarmOf(const std::string& kind, const std::string& machine) {
+    return R"({"event_classid":")" + kind + R"(","resource_info":{"vm_name":")" + machine + "\"}}";
+}
+
+TEST_F(ReportTask, CountsTheMachinesThatAlarmsNameEachOnceAClass) {
+    const auto send = [this](const std::string& document) {
+        const Framework::DataMessage message("2", document);
+        EXPECT_EQ(m_task->HandleMsg(&message), 0);
+    };
+    send(AlarmOf("vmescape_0001", "vm-01"));
+    send(AlarmOf("vmescape_0001", "vm-01"));
+    send(AlarmOf("vmescape_0001", "vm-02"));
+    send(AlarmOf("vmescape_0003", "vm-01"));
+    send(AlarmOf("vmescape_0003", ""));
+    send(R"({"event_classid":"vmescape_0003"})");
+    EXPECT_EQ(SDK::OpenLedger::ReadAll().at(0).m_machines,
+              (std::map<std::string, std::uint64_t>{
+                  {"vmescape_0001", 2}, {"vmescape_0002", 0}, {"vmescape_0003", 1}}));
+}
+
+TEST_F(ReportTask, KeepsNoMoreThan4096MachinesOfAClassApartAndSaysSoOnce) {
+    for (int i = 0; i < 4100; ++i) {
+        const Framework::DataMessage message("2", AlarmOf("vmescape_0002", std::to_string(i)));
+        m_task->HandleMsg(&message);
+    }
+    EXPECT_EQ(SDK::OpenLedger::ReadAll().at(0).m_machines.at("vmescape_0002"), 4096U);
+    EXPECT_EQ(m_log.Count(Poco::Message::PRIO_WARNING,
+                          "Alarms of class(vmescape_0002) have named 4096 virtual machines, the "
+                          "limit. Further ones are not counted as machines."),
+              1U);
+}
+
 TEST_F(ReportTask, WithoutSinksTakesAlarmsAllTheSame) {
     ASSERT_EQ(m_engine->RegisterTask(m_task, false), 0);
     Send();

@@ -12,6 +12,9 @@ inline SDK::Ledger BooksOf(const Engine::AlarmSink& sink) {
     EXPECT_TRUE(books.Balanced());
     return books;
 }
+inline SDK::LatencyHistogram Latency(const Engine::AlarmSink& sink) {
+    return BooksOf(sink).m_latency.value();
+}
 inline std::uint64_t Written(const Engine::AlarmSink& sink) { return BooksOf(sink).m_delivered; }
 inline std::uint64_t Dropped(const Engine::AlarmSink& sink) {
     return BooksOf(sink).m_lost.at("queue_full");

@@ -16,6 +16,7 @@ inline std::vector<char> Datagram(std::uint32_t cpu, std::uint32_t number, std::
     proc_event event{};
     std::memcpy(&event.what, &what, sizeof(what));
     event.cpu = cpu;
+    event.timestamp_ns = 1000 + number;
     std::memcpy(&event.event_data, data.data(), sizeof(data));
     cn_msg connector{};
     connector.id.idx = CN_IDX_PROC;

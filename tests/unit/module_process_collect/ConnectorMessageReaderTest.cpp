@@ -32,6 +32,7 @@ TEST(ConnectorMessageReader, ReadsExecAndExit) {
     EXPECT_NE(Read(ExecDatagram(0, 1, 5), message), 0U);
     EXPECT_EQ(message.m_kind, Kind::EXEC);
     EXPECT_EQ(message.m_tgid, 5);
+    EXPECT_EQ(message.m_time.time_since_epoch(), std::chrono::nanoseconds(1001));
     EXPECT_NE(Read(ExitDatagram(0, 2, 6, 5), message), 0U);
     EXPECT_EQ(message.m_kind, Kind::EXIT);
     EXPECT_EQ(message.m_pid, 6);

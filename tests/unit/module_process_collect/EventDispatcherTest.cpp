@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <vector>
 
@@ -106,6 +107,20 @@ TEST_F(EventDispatcherTest, AnotherSubscriberIsNotHeldUpByAFullOne) {
         m_dispatcher.Flush();
     }
     EXPECT_EQ(Pids(*m_large), (Ints{1, 2, 3, 4, 5}));
+}
+
+TEST_F(EventDispatcherTest, CountsTheLatencyOfEachDeliveryOfAnEventWhoseTimeIsKnown) {
+    m_dispatcher.Subscribe(ProcsMessage::EXEC, m_small);
+    m_dispatcher.Subscribe(ProcsMessage::EXEC, m_large);
+    Exec(1);
+    m_dispatcher.Dispatch(ProcsMessage::EXEC, 2, nullptr, std::chrono::steady_clock::now());
+    m_dispatcher.Dispatch(ProcsMessage::EXIT, 2, nullptr, std::chrono::steady_clock::now());
+    EXPECT_EQ(m_dispatcher.Latency().Count(), 0U);
+    m_dispatcher.Flush();
+    EXPECT_EQ(m_dispatcher.Latency().Count(), 2U) << "nobody wants exits, nobody knows when 1 was";
+    m_dispatcher.Dispatch(ProcsMessage::EXEC, 3, nullptr, std::chrono::steady_clock::now());
+    m_dispatcher.Unsubscribe(ProcsMessage::EXEC, m_large);
+    EXPECT_EQ(m_dispatcher.Latency().Count(), 3U) << "an end hands over what waits";
 }
 
 TEST_F(EventDispatcherTest, RefusesUnknownTypes) {

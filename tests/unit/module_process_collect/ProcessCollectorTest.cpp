@@ -105,6 +105,19 @@ TEST_F(ProcessCollectorTest, AnswersWithWhatTheSourceHasToldByNow) {
     EXPECT_EQ(m_collector->UnknownLookups(), 1U);
 }
 
+TEST_F(ProcessCollectorTest, TellsInItsBooksHowLongExecsTookToTheirSubscribers) {
+    ASSERT_TRUE(m_collector->Start());
+    Subscribe();
+    const auto anHourAgo = std::chrono::steady_clock::now() - std::chrono::hours(1);
+    m_source->Add(ProcsMessage::FORK, kPid, 1, 5);
+    m_source->Add(ProcsMessage::EXEC, kPid, 1, 5, anHourAgo);
+    const SDK::Ledger books = m_collector->GetLedger();
+    ASSERT_TRUE(books.m_latency.has_value());
+    EXPECT_EQ(books.m_delivered, 2U);
+    EXPECT_EQ(books.m_latency->Count(), 1U);
+    EXPECT_EQ(books.m_latency->GetCounts().back(), 1U);
+}
+
 TEST_F(ProcessCollectorTest, DeliversWhatCameBeforeAnUnsubscription) {
     ASSERT_TRUE(m_collector->Start());
     Subscribe();

@@ -23,6 +23,7 @@ protected:
         m_record.pid = 42;
         m_record.parentPid = 7;
         m_record.startTime = 123;
+        m_record.eventTime = 124;
         m_record.stackStart = 5;
         m_record.argumentStart = 6;
         std::strcpy(m_record.comm, "sh");
@@ -54,6 +55,7 @@ TEST_F(RecordReader, ReadsAnExec) {
     EXPECT_EQ(m_event.m_pid, 42);
     EXPECT_EQ(m_event.m_parentPid, 7);
     EXPECT_EQ(m_event.m_startTime, 123U);
+    EXPECT_EQ(m_event.m_time.time_since_epoch(), std::chrono::nanoseconds(124));
     EXPECT_EQ(m_event.m_marks.m_stackStart, 5U);
     EXPECT_EQ(m_event.m_marks.m_argumentStart, 6U);
     EXPECT_EQ(m_event.m_comm, "sh");

@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -36,12 +37,14 @@ public:
         return {{"ring full", m_lost, true}, {"arguments cut", m_cut, false}};
     }
 
-    void Add(Engine::ProcsMessage::Flag type, int pid, int parent, std::uint64_t start) {
+    void Add(Engine::ProcsMessage::Flag type, int pid, int parent, std::uint64_t start,
+             std::chrono::steady_clock::time_point time = {}) {
         ProcessCollect::ProcessEvent event;
         event.m_type = type;
         event.m_pid = pid;
         event.m_parentPid = parent;
         event.m_startTime = start;
+        event.m_time = time;
         event.m_comm = "scripted";
         m_events.push_back(event);
     }

@@ -1,18 +1,35 @@
 #include "Subscriber.h"
 
 #include "process_collect/ProcsMessage.h"
+#include "support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
+#include <vector>
 
 namespace {
 
 using Engine::ProcsMessage;
 
+using std::chrono::steady_clock;
+
 class SubscriberTest : public testing::Test {
 protected:
-    ProcessCollect::Subscriber m_subscriber{std::make_shared<Framework::Inbox>("reader", 4), 8};
+    /// Offers an event that happened so long ago.
+    bool Offer(std::chrono::milliseconds ago) {
+        return m_subscriber.Offer(std::make_shared<ProcsMessage>(ProcsMessage::EXEC, 1, nullptr),
+                                  steady_clock::now() - ago);
+    }
+    void Empty() {
+        std::vector<std::shared_ptr<Framework::Message>> messages;
+        m_inbox->Receive(messages, 4);
+    }
+
+    std::shared_ptr<Framework::Inbox> m_inbox = std::make_shared<Framework::Inbox>("reader", 4);
+    ProcessCollect::Subscriber m_subscriber{m_inbox, 8};
+    SDK::LatencyHistogram m_latency;
 };
 
 TEST_F(SubscriberTest, WantsNothingAtFirst) {
@@ -38,6 +55,48 @@ TEST_F(SubscriberTest, NeverWantsATypeThatThereIsNot) {
     EXPECT_FALSE(m_subscriber.Wants(4));
     EXPECT_FALSE(m_subscriber.Wants(UINT32_MAX));
     EXPECT_FALSE(m_subscriber.WantsAny());
+}
+
+TEST_F(SubscriberTest, TellsHowLongAgoWhatItHandsOverHappened) {
+    using std::chrono::milliseconds;
+    ASSERT_TRUE(Offer(milliseconds(0)));
+    ASSERT_TRUE(Offer(std::chrono::hours(1)));
+    EXPECT_EQ(m_subscriber.Flush(m_latency), 2U);
+    EXPECT_EQ(m_latency.Count(), 2U);
+    EXPECT_EQ(m_latency.GetCounts().back(), 1U) << "the hour";
+    EXPECT_GE(m_latency.SumS(), 3600);
+    EXPECT_LT(m_latency.SumS(), 3660);
+}
+
+TEST_F(SubscriberTest, CountsNothingUntilTheInboxTakesItAndThenItsWholeWait) {
+    const TestSupport::CapturedLog log;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(Offer(std::chrono::milliseconds(0)));
+    }
+    ASSERT_TRUE(Offer(std::chrono::hours(1)));
+    EXPECT_EQ(m_subscriber.Flush(m_latency), 4U);
+    EXPECT_EQ(m_latency.Count(), 4U);
+    EXPECT_EQ(m_subscriber.Flush(m_latency), 0U);
+    EXPECT_EQ(m_latency.Count(), 4U);
+    Empty();
+    EXPECT_EQ(m_subscriber.Flush(m_latency), 1U);
+    EXPECT_EQ(m_latency.GetCounts().back(), 1U) << "its own time, not that of one before it";
+}
+
+TEST_F(SubscriberTest, LeavesOutWhatIsLostAndWhatHasNoTime) {
+    const TestSupport::CapturedLog log;
+    const auto untimed = std::make_shared<ProcsMessage>(ProcsMessage::EXEC, 1, nullptr);
+    ASSERT_TRUE(m_subscriber.Offer(untimed, {}));
+    for (int i = 0; i < 7; ++i) {
+        ASSERT_TRUE(Offer(std::chrono::milliseconds(0)));
+    }
+    ASSERT_FALSE(Offer(std::chrono::hours(1)));
+    std::size_t moved = m_subscriber.Flush(m_latency);
+    Empty();
+    moved += m_subscriber.Flush(m_latency);
+    EXPECT_EQ(moved, 8U);
+    EXPECT_EQ(m_latency.Count(), 7U);
+    EXPECT_EQ(m_latency.GetCounts().back(), 0U);
 }
 
 }  // namespace
