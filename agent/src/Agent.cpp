@@ -205,6 +205,7 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
     if (result == Result::ACCEPTED) {
         LogNotice("Policy(%s) is in force", path);
         m_status.TakePolicy(feature, path, text, SDK::TimeUtils::GetCurrentTimestampS());
+        m_inventory.TakePolicy(feature, text);
     } else if (result == Result::REFUSED) {
         m_status.RefusePolicy(feature, path, "the module does not take it");
     } else if (result == Result::UNCHANGED) {
@@ -236,10 +237,7 @@ bool Agent::Loop() {
             m_policies->HandleChanges();
         }
         if (waited[2].revents != 0) {
-            m_statusServer.Answer([this] {
-                return SDK::JsonUtils::JsonToString(
-                    m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll()));
-            });
+            m_statusServer.Answer([this] { return TellStatus(); });
         }
         signalfd_siginfo info{};
         if (::read(m_signals, &info, sizeof(info)) != static_cast<ssize_t>(sizeof(info))) {
@@ -260,6 +258,12 @@ void Agent::OpenStatus() {
     if (!wrong.empty()) {
         SDK::LogWarning(Logger(), "Nobody can ask for the status at %s: %s", path, wrong);
     }
+}
+
+std::string Agent::TellStatus() {
+    const std::size_t machines = m_inventory.CountMachines(Inventory::ReadProcesses(*m_engine));
+    return SDK::JsonUtils::JsonToString(
+        m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll(), machines));
 }
 
 void Agent::LookAtTasks() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Inventory.h"
 #include "Options.h"
 #include "ServiceManager.h"
 #include "Settings.h"
@@ -42,6 +43,7 @@ private:
     void DeliverPolicy(const std::string& path, const std::string& text);
     bool Loop();
     void OpenStatus();
+    std::string TellStatus();
     void LookAtTasks();
     void LogTotals() const;
 
@@ -53,6 +55,7 @@ private:
     const ServiceManager m_manager;
     TaskWatch m_taskWatch;
     Status m_status;
+    Inventory m_inventory;
     StatusServer m_statusServer;
     int m_signals = -1;
 };

@@ -56,6 +56,14 @@ TEST_F(Status, IsDegradedWithoutAPolicy) {
     EXPECT_EQ(Reason(), "No policy is in force, nothing is detected");
 }
 
+TEST_F(Status, TellsHowManyVirtualMachinesThereAre) {
+    EXPECT_EQ(m_status.Document({}, {})["machines"].asUInt(), 0U);
+    const Json::Value document = m_status.Document({}, {}, 7);
+    EXPECT_EQ(document["machines"].asUInt(), 7U);
+    const std::string text = Agent::Status::ToText(document);
+    EXPECT_NE(text.find("\nvirtual machines: 7\n"), std::string::npos) << text;
+}
+
 TEST_F(Status, ShowsEachTask) {
     const Json::Value task = m_status.Document(OneTask(), {})["tasks"][0];
     EXPECT_EQ(task["name"].asString(), "qemu_cmd_detect_task");
