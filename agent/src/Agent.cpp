@@ -6,6 +6,7 @@
 #include "PolicyChecker.h"
 #include "PolicyFolder.h"
 #include "Privileges.h"
+#include "StatusQuery.h"
 #include "framework/Engine.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
@@ -237,7 +238,7 @@ bool Agent::Loop() {
             m_policies->HandleChanges();
         }
         if (waited[2].revents != 0) {
-            m_statusServer.Answer([this] { return TellStatus(); });
+            m_statusServer.Answer([this](const std::string& request) { return Tell(request); });
         }
         signalfd_siginfo info{};
         if (::read(m_signals, &info, sizeof(info)) != static_cast<ssize_t>(sizeof(info))) {
@@ -260,10 +261,15 @@ void Agent::OpenStatus() {
     }
 }
 
-std::string Agent::TellStatus() {
-    const std::size_t machines = m_inventory.CountMachines(Inventory::ReadProcesses(*m_engine));
-    return SDK::JsonUtils::JsonToString(
-        m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll(), machines));
+std::string Agent::Tell(const std::string& request) {
+    Json::Value answer;
+    if (request == STATUS_REQUEST) {
+        answer = m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll(),
+                                   m_inventory.CountMachines(Inventory::ReadProcesses(*m_engine)));
+    } else {
+        answer["error"] = "expected the request \"status\", found \"" + request + "\"";
+    }
+    return SDK::JsonUtils::JsonToString(answer);
 }
 
 void Agent::LookAtTasks() {

@@ -43,7 +43,7 @@ private:
     void DeliverPolicy(const std::string& path, const std::string& text);
     bool Loop();
     void OpenStatus();
-    std::string TellStatus();
+    std::string Tell(const std::string& request);
     void LookAtTasks();
     void LogTotals() const;
 
