@@ -6,6 +6,7 @@
 #include "PolicyChecker.h"
 #include "PolicyFolder.h"
 #include "Privileges.h"
+#include "StatusQuery.h"
 #include "framework/Engine.h"
 #include "framework/Message.h"
 #include "sdk/InnerCpuCtrlUtils.h"
@@ -209,6 +210,7 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
     if (result == Result::ACCEPTED) {
         LogNotice("Policy(%s) is in force", path);
         m_status.TakePolicy(feature, path, text, SDK::TimeUtils::GetCurrentTimestampS());
+        m_inventory.TakePolicy(feature, text);
     } else if (result == Result::REFUSED) {
         m_status.RefusePolicy(feature, path, "the module does not take it");
     } else if (result == Result::UNCHANGED) {
@@ -240,10 +242,7 @@ bool Agent::Loop() {
             m_policies->HandleChanges();
         }
         if (waited[2].revents != 0) {
-            m_statusServer.Answer([this] {
-                return SDK::JsonUtils::JsonToString(
-                    m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll()));
-            });
+            m_statusServer.Answer([this](const std::string& request) { return Tell(request); });
         }
         signalfd_siginfo info{};
         if (::read(m_signals, &info, sizeof(info)) != static_cast<ssize_t>(sizeof(info))) {
@@ -275,6 +274,17 @@ void Agent::OpenStatus() {
     if (!wrong.empty()) {
         SDK::LogWarning(Logger(), "Nobody can ask for the status at %s: %s", path, wrong);
     }
+}
+
+std::string Agent::Tell(const std::string& request) {
+    Json::Value answer;
+    if (request == STATUS_REQUEST) {
+        answer = m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll(),
+                                   m_inventory.CountMachines(Inventory::ReadProcesses(*m_engine)));
+    } else {
+        answer["error"] = "expected the request \"status\", found \"" + request + "\"";
+    }
+    return SDK::JsonUtils::JsonToString(answer);
 }
 
 void Agent::LookAtTasks() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Inventory.h"
 #include "Options.h"
 #include "ServiceManager.h"
 #include "Settings.h"
@@ -43,6 +44,7 @@ private:
     bool Loop();
     void Reload();
     void OpenStatus();
+    std::string Tell(const std::string& request);
     void LookAtTasks();
     void LogTotals() const;
 
@@ -54,6 +56,7 @@ private:
     const ServiceManager m_manager;
     TaskWatch m_taskWatch;
     Status m_status;
+    Inventory m_inventory;
     StatusServer m_statusServer;
     int m_signals = -1;
 };

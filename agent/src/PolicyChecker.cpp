@@ -2,34 +2,69 @@
 
 #include "FileTrust.h"
 #include "JsonFile.h"
+#include "PolicyShape.h"
 #include "sdk/PathUtils.h"
 
-#include <Poco/NumberParser.h>
-
 #include <algorithm>
-#include <array>
-#include <cstdint>
 #include <set>
-#include <string_view>
+#include <utility>
 
 namespace Agent {
 
 namespace {
 
-constexpr const char* kModuleName = "vmescape_module";
+// Neither a program's name, nor a command, nor a path can hold one: the kernel ends them there.
+constexpr const char* kNoNul = "expected a string without NUL characters (\\u0000)";
 
-// What the module reads at the most; the rest is ignored.
-constexpr Json::ArrayIndex kMaxRules = 50;
-constexpr Json::ArrayIndex kMaxTexts = 100;
+bool HasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
-enum class Need { REQUIRED, OPTIONAL };
+/// What a kind of value is in JSON, and how it is asked for.
+struct Expected {
+    Json::ValueType m_type;
+    const char* m_what;
+};
 
-/// Collects the problems of one file.
-class Findings {
+Expected ExpectedOf(PolicyField::Kind kind) {
+    switch (kind) {
+        case PolicyField::Kind::MODULE:
+            return {Json::stringValue, "\"vmescape_module\""};
+        case PolicyField::Kind::CONTENT:
+            return {Json::objectValue, "an object"};
+        case PolicyField::Kind::RULES:
+            return {Json::arrayValue, "a list of at least one rule"};
+        case PolicyField::Kind::PROGRAM:
+            return {Json::stringValue, "a non-empty string"};
+        case PolicyField::Kind::TEXTS:
+            return {Json::arrayValue, "a list of strings"};
+        case PolicyField::Kind::ACTION:
+            return {Json::booleanValue, "a boolean (true: allow list, false: deny list)"};
+        case PolicyField::Kind::FLAG:
+            return {Json::booleanValue, "a boolean"};
+        case PolicyField::Kind::TEXT:
+            break;
+    }
+    return {Json::stringValue, "a string"};
+}
+
+/// Goes through one policy along the shape that it should have, and collects the problems.
+class Walk {
 public:
-    Findings(std::string file, std::vector<Problem>& problems)
-        : m_file(std::move(file)), m_problems(problems) {}
+    Walk(std::string file, const PolicyShape& shape, std::vector<Problem>& problems)
+        : m_file(std::move(file)), m_shape(shape), m_problems(problems) {}
 
+    /// Checks an object at a place, and everything below it.
+    void CheckObject(const Json::Value& object, const std::string& place,
+                     const PolicyShape::Fields& fields) {
+        WarnOfUnknownKeys(object, place, fields);
+        for (const PolicyField& field : fields) {
+            const std::string below = Pointer(place, field.m_key);
+            if (Expect(object, below, field)) {
+                CheckValue(object[field.m_key], below, field);
+            }
+        }
+    }
+
+private:
     void Error(const std::string& place, const std::string& text) {
         m_problems.push_back({m_file, place, text, false});
     }
@@ -38,233 +73,118 @@ public:
     }
 
     void WarnOfUnknownKeys(const Json::Value& object, const std::string& place,
-                           const std::vector<std::string_view>& known) {
+                           const PolicyShape::Fields& fields) {
         for (const std::string& key : object.getMemberNames()) {
-            if (std::find(known.begin(), known.end(), key) == known.end()) {
+            if (std::none_of(fields.begin(), fields.end(),
+                             [&key](const PolicyField& field) { return key == field.m_key; })) {
                 Warn(Pointer(place, key), "unknown key");
             }
         }
     }
 
-    /// Whether the member is there and of the type; complains when it is not but should be.
-    bool Expect(const Json::Value& object, const std::string& place, const char* key,
-                Json::ValueType type, const char* what, Need need) {
-        if (!object.isMember(key)) {
-            if (need == Need::REQUIRED) {
-                Error(Pointer(place, key), std::string("expected ") + what + ", found nothing");
+    /// Whether the key is there and of its type; complains when it is not but should be.
+    bool Expect(const Json::Value& object, const std::string& place, const PolicyField& field) {
+        const auto [type, what] = ExpectedOf(field.m_kind);
+        if (!object.isMember(field.m_key)) {
+            if (field.m_required) {
+                Error(place, std::string("expected ") + what + ", found nothing");
             }
             return false;
         }
-        if (object[key].type() == type) {
-            return true;
+        const Json::Value& value = object[field.m_key];
+        if (value.type() != type) {
+            Error(place, std::string("expected ") + what + ", found " + DescribeType(value));
         }
-        Error(Pointer(place, key),
-              std::string("expected ") + what + ", found " + DescribeType(object[key]));
-        return false;
+        return value.type() == type;
     }
 
-private:
+    void CheckValue(const Json::Value& value, const std::string& place, const PolicyField& field) {
+        switch (field.m_kind) {
+            case PolicyField::Kind::MODULE:
+                CheckModule(value.asString(), place);
+                break;
+            case PolicyField::Kind::CONTENT:
+                CheckObject(value, place, m_shape.m_content);
+                break;
+            case PolicyField::Kind::RULES:
+                CheckRules(value, place);
+                break;
+            case PolicyField::Kind::PROGRAM:
+                CheckProgram(value.asString(), place);
+                break;
+            case PolicyField::Kind::TEXTS:
+                CheckTexts(value, place, field);
+                break;
+            case PolicyField::Kind::ACTION:
+            case PolicyField::Kind::FLAG:
+            case PolicyField::Kind::TEXT:
+                break;
+        }
+    }
+
+    void CheckModule(const std::string& name, const std::string& place) {
+        if (name != PolicyShape::MODULE_NAME) {
+            Error(place, "expected \"vmescape_module\", found \"" + name + "\"");
+        }
+    }
+
+    void CheckRules(const Json::Value& rules, const std::string& place) {
+        if (rules.empty()) {
+            Error(place, "expected a list of at least one rule, found an empty list");
+        }
+        if (rules.size() > PolicyShape::MAX_RULES) {
+            Warn(place, "expected at most 50 rules, found " + std::to_string(rules.size()) +
+                            "; the rest is ignored");
+        }
+        for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
+            const std::string entry = Pointer(place, std::to_string(i));
+            if (rules[i].isObject()) {
+                CheckObject(rules[i], entry, m_shape.m_rule);
+            } else {
+                Error(entry, "expected an object, found " + DescribeType(rules[i]));
+            }
+        }
+    }
+
+    void CheckProgram(const std::string& name, const std::string& place) {
+        if (name.empty()) {
+            Error(place, "expected a non-empty string, found an empty string");
+        } else if (HasNul(name)) {
+            Error(place, kNoNul);
+        } else if (!m_programs.insert(name).second) {
+            Warn(place, "\"" + name + "\" has a rule already; this one is ignored");
+        }
+        if (name.find('/') != std::string::npos) {
+            Warn(place,
+                 "\"" + name + "\" is a path; processes are known by name, it will never match");
+        }
+    }
+
+    void CheckTexts(const Json::Value& texts, const std::string& place, const PolicyField& field) {
+        if (texts.size() > PolicyShape::MAX_TEXTS) {
+            Warn(place, std::string("expected at most 100 ") + field.m_noun + ", found " +
+                            std::to_string(texts.size()) + "; the rest is ignored");
+        }
+        for (Json::ArrayIndex i = 0; i < texts.size(); ++i) {
+            CheckText(texts[i], Pointer(place, std::to_string(i)), field.m_oddity);
+        }
+    }
+
+    void CheckText(const Json::Value& text, const std::string& place, PolicyField::Oddity oddity) {
+        if (!text.isString()) {
+            Error(place, "expected a non-empty string, found " + DescribeType(text));
+        } else if (HasNul(text.asString())) {
+            Error(place, kNoNul);
+        } else if (const std::string odd = oddity(text.asString()); !odd.empty()) {
+            Warn(place, odd);
+        }
+    }
+
     const std::string m_file;
+    const PolicyShape& m_shape;
     std::vector<Problem>& m_problems;
+    std::set<std::string> m_programs;  // that have a rule
 };
-
-void CheckEnvelope(Findings& check, const Json::Value& policy) {
-    check.WarnOfUnknownKeys(policy, "", {"module_name", "enabled", "hash", "content"});
-    if (check.Expect(policy, "", "module_name", Json::stringValue, "\"vmescape_module\"",
-                     Need::REQUIRED) &&
-        policy["module_name"].asString() != kModuleName) {
-        check.Error("/module_name", "expected \"vmescape_module\", found \"" +
-                                        policy["module_name"].asString() + "\"");
-    }
-    check.Expect(policy, "", "enabled", Json::booleanValue, "a boolean", Need::OPTIONAL);
-    check.Expect(policy, "", "hash", Json::stringValue, "a string", Need::OPTIONAL);
-}
-
-/// Says what is odd about one entry of a list of texts; empty when nothing is.
-using Oddity = std::string (*)(const std::string& text);
-
-std::string OddCommand(const std::string& text) {
-    return text.empty() ? "an empty string names no command" : "";
-}
-
-std::string OddPath(const std::string& text) {
-    return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it never matches";
-}
-
-std::string OddDirectory(const std::string& text) {
-    return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it is not watched";
-}
-
-std::string OddPort(const std::string& text) {
-    unsigned int port = 0;
-    // Ports are compared as texts: "080" is never equal to "80".
-    const bool plain = Poco::NumberParser::tryParseUnsigned(text, port) && port >= 1 &&
-                       port <= UINT16_MAX && std::to_string(port) == text;
-    return plain ? "" : "\"" + text + "\" is no plain number from 1 to 65535, it never matches";
-}
-
-/// A list of texts in a policy.
-struct TextList {
-    const char* m_key;
-    const char* m_noun;
-    Oddity m_oddity;
-};
-
-/// How the policy of one feature is made up.
-struct Shape {
-    std::string_view m_feature;
-    const char* m_taskKey;
-    const char* m_programKey;  // in each rule
-    TextList m_list;           // in each rule
-    bool m_ruleAction;         // an "action" in each rule
-    bool m_contentAction;      // one "action" for all rules
-    TextList m_contentList;    // beside the rules; without a key there is none
-};
-
-const std::array<Shape, 3> kShapes = {{
-    {"qemu_cmd_detect_feature",
-     "qemu_cmd_detect_task",
-     "virtcmd",
-     {"cmdlist", "commands", OddCommand},
-     true,
-     false,
-     {nullptr, nullptr, nullptr}},
-    {"qemu_file_detect_feature",
-     "qemu_file_detect_task",
-     "virtmonitor",
-     {"filelist", "files", OddPath},
-     false,
-     true,
-     {"senstive_dirs", "directories", OddDirectory}},
-    {"qemu_port_detect_feature",
-     "qemu_port_detect_task",
-     "virtmonitor",
-     {"portlist", "ports", OddPort},
-     false,
-     false,
-     {nullptr, nullptr, nullptr}},
-}};
-
-const Shape* FindShape(std::string_view feature) {
-    const auto found = std::find_if(kShapes.begin(), kShapes.end(),
-                                    [&](const Shape& shape) { return shape.m_feature == feature; });
-    return found == kShapes.end() ? nullptr : found;
-}
-
-// Neither a program's name, nor a command, nor a path can hold one: the kernel ends them there.
-constexpr const char* kNoNul = "expected a string without NUL characters (\\u0000)";
-
-bool HasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
-
-void CheckTexts(Findings& check, const Json::Value& object, const std::string& above,
-                const TextList& list) {
-    if (!check.Expect(object, above, list.m_key, Json::arrayValue, "a list of strings",
-                      Need::REQUIRED)) {
-        return;
-    }
-    const Json::Value& texts = object[list.m_key];
-    const std::string place = Pointer(above, list.m_key);
-    if (texts.size() > kMaxTexts) {
-        check.Warn(place, std::string("expected at most 100 ") + list.m_noun + ", found " +
-                              std::to_string(texts.size()) + "; the rest is ignored");
-    }
-    for (Json::ArrayIndex i = 0; i < texts.size(); ++i) {
-        const std::string entry = Pointer(place, std::to_string(i));
-        if (!texts[i].isString()) {
-            check.Error(entry, "expected a non-empty string, found " + DescribeType(texts[i]));
-            continue;
-        }
-        if (HasNul(texts[i].asString())) {
-            check.Error(entry, kNoNul);
-            continue;
-        }
-        const std::string odd = list.m_oddity(texts[i].asString());
-        if (!odd.empty()) {
-            check.Warn(entry, odd);
-        }
-    }
-}
-
-void CheckAction(Findings& check, const Json::Value& object, const std::string& place) {
-    check.Expect(object, place, "action", Json::booleanValue,
-                 "a boolean (true: allow list, false: deny list)", Need::OPTIONAL);
-}
-
-void CheckProgram(Findings& check, const Json::Value& rule, const std::string& above,
-                  const char* key, std::set<std::string>& seen) {
-    if (!check.Expect(rule, above, key, Json::stringValue, "a non-empty string", Need::REQUIRED)) {
-        return;
-    }
-    const std::string name = rule[key].asString();
-    const std::string place = Pointer(above, key);
-    if (name.empty()) {
-        check.Error(place, "expected a non-empty string, found an empty string");
-    } else if (HasNul(name)) {
-        check.Error(place, kNoNul);
-    } else if (!seen.insert(name).second) {
-        check.Warn(place, "\"" + name + "\" has a rule already; this one is ignored");
-    }
-    if (name.find('/') != std::string::npos) {
-        check.Warn(place,
-                   "\"" + name + "\" is a path; processes are known by name, it will never match");
-    }
-}
-
-void CheckRule(Findings& check, const Json::Value& rule, const std::string& place,
-               const Shape& shape, std::set<std::string>& seen) {
-    if (!rule.isObject()) {
-        check.Error(place, "expected an object, found " + DescribeType(rule));
-        return;
-    }
-    std::vector<std::string_view> known{shape.m_programKey, shape.m_list.m_key};
-    if (shape.m_ruleAction) {
-        known.emplace_back("action");
-        CheckAction(check, rule, place);
-    }
-    check.WarnOfUnknownKeys(rule, place, known);
-    CheckProgram(check, rule, place, shape.m_programKey, seen);
-    CheckTexts(check, rule, place, shape.m_list);
-}
-
-void CheckRules(Findings& check, const Json::Value& content, const Shape& shape) {
-    if (!check.Expect(content, "/content", "monitor_list", Json::arrayValue,
-                      "a list of at least one rule", Need::REQUIRED)) {
-        return;
-    }
-    const Json::Value& rules = content["monitor_list"];
-    const std::string place = "/content/monitor_list";
-    if (rules.empty()) {
-        check.Error(place, "expected a list of at least one rule, found an empty list");
-    }
-    if (rules.size() > kMaxRules) {
-        check.Warn(place, "expected at most 50 rules, found " + std::to_string(rules.size()) +
-                              "; the rest is ignored");
-    }
-    std::set<std::string> seen;
-    for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
-        CheckRule(check, rules[i], Pointer(place, std::to_string(i)), shape, seen);
-    }
-}
-
-void CheckContent(Findings& check, const Json::Value& policy, const Shape& shape) {
-    if (!check.Expect(policy, "", "content", Json::objectValue, "an object", Need::REQUIRED)) {
-        return;
-    }
-    const Json::Value& content = policy["content"];
-    std::vector<std::string_view> known{"monitor_list", shape.m_taskKey};
-    check.Expect(content, "/content", shape.m_taskKey, Json::stringValue, "a string",
-                 Need::OPTIONAL);
-    if (shape.m_contentAction) {
-        known.emplace_back("action");
-        CheckAction(check, content, "/content");
-    }
-    if (shape.m_contentList.m_key != nullptr) {
-        known.emplace_back(shape.m_contentList.m_key);
-        CheckTexts(check, content, "/content", shape.m_contentList);
-    }
-    check.WarnOfUnknownKeys(content, "/content", known);
-    CheckRules(check, content, shape);
-}
 
 }  // namespace
 
@@ -282,17 +202,14 @@ std::vector<Problem> PolicyChecker::Check(const std::string& path, const std::st
     if (!ParseObject(path, text, policy, problems)) {
         return problems;
     }
-    Findings check(path, problems);
-    const std::string feature = FeatureOf(path);
-    const Shape* shape = FindShape(feature);
+    const PolicyShape* shape = PolicyShape::Find(FeatureOf(path));
     if (shape == nullptr) {
-        check.Error("",
-                    "expected the file name of a feature (qemu_cmd_detect_feature.json, "
-                    "qemu_file_detect_feature.json or qemu_port_detect_feature.json)");
+        problems.push_back({path, "",
+                            "expected the file name of a feature (qemu_cmd_detect_feature.json, "
+                            "qemu_file_detect_feature.json or qemu_port_detect_feature.json)"});
         return problems;
     }
-    CheckEnvelope(check, policy);
-    CheckContent(check, policy, *shape);
+    Walk(path, *shape, problems).CheckObject(policy, "", PolicyShape::Envelope());
     return problems;
 }
 

@@ -225,7 +225,7 @@ std::vector<std::string> Status::Reasons(const std::vector<SDK::Ledger>& books) 
 }
 
 Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& tasks,
-                             const std::vector<SDK::Ledger>& books) const {
+                             const std::vector<SDK::Ledger>& books, std::size_t machines) const {
     Json::Value document;
     const std::vector<std::string> reasons = Reasons(books);
     document["version"] = VMESCAPE_VERSION;
@@ -236,6 +236,7 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
     for (const std::string& reason : reasons) {
         document["reasons"].append(Shorten(reason));
     }
+    document["machines"] = Json::UInt64{machines};
     std::int64_t lastAlarmS = 0;
     for (const SDK::Ledger& ledger : books) {
         document["books"].append(BookEntry(ledger));
@@ -309,6 +310,7 @@ std::string Status::ToText(const Json::Value& document) {
         text += BookLines(book);
     }
     const std::string last = document["last_alarm"].asString();
+    text += "\nvirtual machines: " + Number(document["machines"]);
     return text + "\nlast alarm: " + (last.empty() ? "none yet" : last) + '\n';
 }
 

@@ -5,6 +5,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -38,8 +39,9 @@ public:
     /// All of it.
     /// @param tasks  what the engine tells of its tasks now
     /// @param books  of the collectors and outputs, now
+    /// @param machines  how many virtual machines are monitored now
     Json::Value Document(const std::vector<Framework::Engine::TaskStatus>& tasks,
-                         const std::vector<SDK::Ledger>& books) const;
+                         const std::vector<SDK::Ledger>& books, std::size_t machines = 0) const;
 
     /// A document as a table for people. Safe for a terminal.
     static std::string ToText(const Json::Value& document);

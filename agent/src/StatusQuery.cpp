@@ -3,6 +3,7 @@
 #include "Settings.h"
 #include "StatusServer.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/StrUtils.h"
 
 #include <iostream>
 
@@ -29,8 +30,9 @@ int FindStatusSocket(const Options& options, std::string& path) {
     return EXIT_GOOD;
 }
 
-std::string QueryStatus(const std::string& path, std::string& answer, Json::Value& document) {
-    const std::string wrong = StatusServer::Ask(path, answer);
+std::string QueryAgent(const std::string& path, const std::string& request, std::string& answer,
+                       Json::Value& document) {
+    const std::string wrong = StatusServer::Ask(path, request, answer);
     if (!wrong.empty()) {
         return "no agent answers at " + path + ": " + wrong;
     }
@@ -39,7 +41,16 @@ std::string QueryStatus(const std::string& path, std::string& answer, Json::Valu
         !document.isObject()) {
         return "what answers at " + path + " is no agent";
     }
+    if (document.isMember("error")) {
+        return SDK::StrUtils::EscapeForTerminal(
+            "the agent at " + path +
+            " says: " + SDK::JsonUtils::GetStringValue(document, "error", "something is wrong"));
+    }
     return "";
+}
+
+std::string QueryStatus(const std::string& path, std::string& answer, Json::Value& document) {
+    return QueryAgent(path, STATUS_REQUEST, answer, document);
 }
 
 }  // namespace Agent

@@ -1,11 +1,9 @@
 #include "VmEscapeUtils.h"
 
 #include "sdk/CryptoCodeUtils.h"
-#include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 
 #include <cstring>
-#include <vector>
 
 namespace Engine {
 
@@ -19,29 +17,6 @@ constexpr int kEventCount = 1;
 constexpr int kAttackPhase = 4;
 constexpr int kAttackTag = 2;
 constexpr int kConfidence = 60;
-
-/// The value that follows the key in one piece; empty when there is none.
-std::string FindInPiece(const std::string& piece, const std::string& key) {
-    std::size_t found = piece.find(key + " ");
-    if (found == std::string::npos) {
-        found = piece.find(key + "=");
-    }
-    if (found == std::string::npos) {
-        return "";
-    }
-    std::string rest = piece.substr(found + key.length() + 1);
-    SDK::StrUtils::Trim(rest);
-    return rest.substr(0, rest.find(' '));
-}
-
-/// The value of the first key that has one, else UNKNOWN.
-std::string GetFirstItem(const std::string& cmdline, const char* first, const char* second) {
-    std::string value;
-    if (VmEscapeUtils::GetItemFromCmdline(cmdline, first, value) != 0) {
-        VmEscapeUtils::GetItemFromCmdline(cmdline, second, value);
-    }
-    return value;
-}
 
 }  // namespace
 
@@ -57,26 +32,15 @@ bool VmEscapeUtils::QuickCompareString(const char* str1, const char* str2, unsig
 
 int VmEscapeUtils::GetItemFromCmdline(const std::string& cmdline, const std::string& key,
                                       std::string& value) {
-    std::vector<std::string> pieces;
-    SDK::StrUtils::Split(cmdline, ",", pieces);
-    for (std::string& piece : pieces) {
-        SDK::StrUtils::Trim(piece);
-        std::string found = FindInPiece(piece, key);
-        if (!found.empty()) {
-            value = std::move(found);
-            return 0;
-        }
-    }
-    value = UNKNOWN;
-    return -1;
+    return SDK::MachineUtils::GetItemFromCmdline(cmdline, key, value);
 }
 
 std::string VmEscapeUtils::GetVmNameFromCmdline(const std::string& cmdline) {
-    return GetFirstItem(cmdline, "-name guest", "-name");
+    return SDK::MachineUtils::GetNameFromCmdline(cmdline);
 }
 
 std::string VmEscapeUtils::GetVmUUIDFromCmdline(const std::string& cmdline) {
-    return GetFirstItem(cmdline, "virsh domuuid", "-uuid");
+    return SDK::MachineUtils::GetUuidFromCmdline(cmdline);
 }
 
 int VmEscapeUtils::GenerateAlarmCommonInfo(Json::Value& alarm) {

@@ -236,7 +236,9 @@ TEST_F(AgentProgram, ItsBooksBalanceAndTellOfTheLastAlarm) {
         return document;
     };
     EXPECT_EQ(status()["last_alarm"].asString(), "");
+    EXPECT_EQ(status()["machines"].asUInt(), 0U);
     const TestSupport::QemuProcess qemu({"-name", "guest=vm-books"});
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return status()["machines"].asUInt() == 1; }));
     qemu.RunShell("id");
     EXPECT_FALSE(WaitFor(agent, "system/fork", "id").isNull());
     EXPECT_TRUE(TestSupport::WaitUntil([&] { return !status()["last_alarm"].asString().empty(); }));

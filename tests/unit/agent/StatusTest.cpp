@@ -56,6 +56,14 @@ TEST_F(Status, IsDegradedWithoutAPolicy) {
     EXPECT_EQ(Reason(), "No policy is in force, nothing is detected");
 }
 
+TEST_F(Status, TellsHowManyVirtualMachinesThereAre) {
+    EXPECT_EQ(m_status.Document({}, {})["machines"].asUInt(), 0U);
+    const Json::Value document = m_status.Document({}, {}, 7);
+    EXPECT_EQ(document["machines"].asUInt(), 7U);
+    const std::string text = Agent::Status::ToText(document);
+    EXPECT_NE(text.find("\nvirtual machines: 7\n"), std::string::npos) << text;
+}
+
 TEST_F(Status, ShowsEachTask) {
     const Json::Value task = m_status.Document(OneTask(), {})["tasks"][0];
     EXPECT_EQ(task["name"].asString(), "qemu_cmd_detect_task");
@@ -105,7 +113,7 @@ TEST_F(Status, ShowsHowManyMachinesTheAlarmsNamed) {
     EXPECT_EQ(document["books"][0]["machines"]["vmescape_0001"].asUInt64(), 3U);
     EXPECT_NE(Agent::Status::ToText(document).find("\n    machines: vmescape_0001 3\n"),
               std::string::npos);
-    EXPECT_EQ(Agent::Status::ToText(m_status.Document({}, {SDK::Ledger()})).find("machines"),
+    EXPECT_EQ(Agent::Status::ToText(m_status.Document({}, {SDK::Ledger()})).find("    machines:"),
               std::string::npos);
 }
 

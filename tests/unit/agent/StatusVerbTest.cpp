@@ -7,6 +7,7 @@
 
 #include <poll.h>
 
+#include <atomic>
 #include <thread>
 
 namespace {
@@ -22,10 +23,15 @@ protected:
     int AskWhileAnswering(const std::string& answer) {
         Agent::StatusServer server;
         EXPECT_EQ(server.Open(m_options.m_socket), "");
+        std::atomic<bool> asked{false};
         std::thread answering([&] {
             pollfd waited{server.Descriptor(), POLLIN, 0};
-            ::poll(&waited, 1, 20000);
-            server.Answer([&] { return answer; });
+            while (!asked && ::poll(&waited, 1, 20000) > 0) {
+                server.Answer([&](const std::string& request) {
+                    asked = true;
+                    return request == "status" ? answer : "";
+                });
+            }
         });
         const int code = Ask();
         answering.join();
@@ -74,6 +80,11 @@ TEST_F(StatusVerb, EndsWithOneWhenWhatAnswersIsNoAgent) {
         EXPECT_EQ(AskWhileAnswering(answer), Agent::EXIT_FAILED) << answer;
         EXPECT_NE(m_complaint.find("is no agent"), std::string::npos) << answer;
     }
+}
+
+TEST_F(StatusVerb, PrintsWhatTheAgentComplainsOf) {
+    EXPECT_EQ(AskWhileAnswering(R"({"error":"no \u001b[31m way"})"), Agent::EXIT_FAILED);
+    EXPECT_NE(m_complaint.find(" says: no \\x1b[31m way\n"), std::string::npos) << m_complaint;
 }
 
 TEST_F(StatusVerb, AsksAtTheSocketOfTheConfiguration) {

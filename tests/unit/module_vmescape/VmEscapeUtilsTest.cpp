@@ -38,72 +38,19 @@ TEST(QuickCompareString, IsCaseSensitiveAndRefusesNull) {
     EXPECT_FALSE(Quick("abc", nullptr, 0));
 }
 
-/// The value of a key in a command line, or "(none)" when the result says so.
-std::string Item(const std::string& cmdline, const std::string& key) {
-    std::string value = "untouched";
-    const int result = VmEscapeUtils::GetItemFromCmdline(cmdline, key, value);
-    EXPECT_EQ(result, value == "Unknow" ? -1 : 0);
-    return value;
-}
-
-TEST(GetItemFromCmdline, FindsNothingInAnEmptyCommandLine) {
-    EXPECT_EQ(Item("", "-uuid"), "Unknow");
-}
-
-TEST(GetItemFromCmdline, EndsTheValueAtABlankOrAComma) {
-    EXPECT_EQ(Item("qemu -uuid abc -S", "-uuid"), "abc");
-    EXPECT_EQ(Item("qemu -uuid abc,def", "-uuid"), "abc");
-    EXPECT_EQ(Item("qemu -uuid abc", "-uuid"), "abc");
-}
-
-TEST(GetItemFromCmdline, SkipsSeveralBlanksBeforeTheValue) {
-    EXPECT_EQ(Item("qemu -uuid   abc", "-uuid"), "abc");
-}
-
-TEST(GetItemFromCmdline, TakesTheFormWithABlankBeforeTheOneWithAnEqualsSign) {
-    EXPECT_EQ(Item("-uuid=first -uuid second", "-uuid"), "second");
-    EXPECT_EQ(Item("-uuid=first", "-uuid"), "first");
-}
-
-TEST(GetItemFromCmdline, LooksAtTheFirstOccurrenceInAPieceOnly) {
-    EXPECT_EQ(Item("-uuid first -uuid second", "-uuid"), "first");
-    EXPECT_EQ(Item("-uuid=first -uuid=second", "-uuid"), "first");
-    EXPECT_EQ(Item("-uuid ", "-uuid"), "Unknow");
-    EXPECT_EQ(Item("-uuid=,-uuid=second", "-uuid"), "second");
-}
-
-TEST(GetItemFromCmdline, TrimsAPieceBeforeItLooksForTheKey) {
-    EXPECT_EQ(Item("-uuid=abc -uuid ", "-uuid"), "abc");
-}
-
-TEST(GetItemFromCmdline, MatchesAKeyInsideAnArgumentToo) {
-    EXPECT_EQ(Item("x-uuid abc", "-uuid"), "abc");
-}
-
-TEST(GetVmName, ComesFromTheNamedPropertyFirst) {
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest=vm-01,debug-threads=on -S"),
-              "vm-01");
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name vm-01 -S"), "vm-01");
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -S"), "Unknow");
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline(""), "Unknow");
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest -S"), "-S");
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest vm-01"), "vm-01");
-}
-
-TEST(GetVmName, WithAnEmptyPropertyIsWhatFollowsTheOption) {
-    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline("qemu -name guest=,debug-threads=on -name vm-02"),
-              "guest=");
-}
-
-TEST(GetVmUuid, ComesFromTheManagementToolsQueryOrTheOption) {
-    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("virsh domuuid 4711"), "4711");
-    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("qemu -uuid 12-34 -S"), "12-34");
-    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline(""), "Unknow");
-}
-
-TEST(GetVmUuid, TakesTheManagementToolsQueryFirst) {
-    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("virsh domuuid 1 -uuid 2"), "1");
-    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline("-uuid 2 virsh domuuid 1"), "1");
+TEST(LookUpsInACommandLine, AreThoseOfTheSdk) {
+    const std::string cmdline = "qemu -name guest=vm-01,debug-threads=on -uuid 12-34 -vnc :7,to=9";
+    std::string value;
+    EXPECT_EQ(VmEscapeUtils::GetItemFromCmdline(cmdline, "-vnc", value), 0);
+    EXPECT_EQ(value, ":7");
+    EXPECT_EQ(VmEscapeUtils::GetVmNameFromCmdline(cmdline), "vm-01");
+    EXPECT_EQ(VmEscapeUtils::GetVmUUIDFromCmdline(cmdline), "12-34");
+    EXPECT_EQ(VmEscapeUtils::GetItemFromCmdline("", "-vnc", value), -1);
+    for (const std::string& unknown :
+         {value, VmEscapeUtils::GetVmNameFromCmdline(""), VmEscapeUtils::GetVmUUIDFromCmdline(""),
+          std::string(VmEscapeUtils::UNKNOWN)}) {
+        EXPECT_EQ(unknown, "Unknow");
+    }
 }
 
 TEST(GenerateAlarmCommonInfo, WritesTheFieldsThatAllAlarmsShare) {
