@@ -21,6 +21,8 @@ install(FILES ${PROJECT_BINARY_DIR}/vmescape-agent.8.gz DESTINATION /usr/share/m
 install(FILES ${PROJECT_BINARY_DIR}/vmescape-policy.5.gz DESTINATION /usr/share/man/man5)
 install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright
     packaging/prometheus-alerts.yml packaging/grafana-dashboard.json
+    packaging/README.Debian docs/quickstart.md docs/agent.md docs/policies.md docs/alarms.md
+    docs/detection.md docs/metrics.md docs/security.md docs/troubleshooting.md
     DESTINATION /usr/share/doc/vmescape-agent)
 install(FILES packaging/completion.bash RENAME vmescape-agent
     DESTINATION /usr/share/bash-completion/completions)
@@ -36,7 +38,11 @@ install(CODE "
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vmescape-agent)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "The vmescape developers <vmescape@lists.vmescape.org>")
+# Whoever builds the package for others says who they are. The default is an address that can never be
+# anybody's (RFC 2606).
+set(VMESCAPE_MAINTAINER "The vmescape developers <vmescape@vmescape.invalid>" CACHE STRING
+    "Who maintains the Debian package, with an address")
+set(CPACK_PACKAGE_CONTACT "${VMESCAPE_MAINTAINER}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Notices when a guest breaks out of its virtual machine")
 set(CPACK_PACKAGE_DESCRIPTION "\
 Watches QEMU processes and everything that they start: the commands they run,

@@ -1,31 +1,54 @@
 # Completion of vmescape-agent for bash.
+
+# Where alarms may go. $1: what is typed of it, which may begin with a format
+_vmescape_agent_output() {
+    local typed=$1 format= formats='json: text: ocsf: ecs:'
+    case $typed in
+        json:* | text:* | ocsf:* | ecs:*) format=${typed%%:*}: typed=${typed#*:} formats= ;;
+    esac
+    case $typed in
+        file:* | syslog:local:* | syslog:unix:*)
+            compgen -f -P "$format${typed%"${typed##*:}"}" -- "${typed##*:}" ;;
+        *)
+            compgen -P "$format" -W "$formats stdout file: journald syslog syslog:local: syslog:unix: syslog:tcp: kafka" \
+                -- "$typed" ;;
+    esac
+}
+
 _vmescape_agent() {
-    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local verb=${COMP_WORDS[1]}
-    if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics selftest version --help --version' -- "$word")
-        return
-    fi
+    # Bash ends a word at a colon; the words of the line end at blanks.
+    local line=${COMP_LINE:0:COMP_POINT} word words options=--help
+    word=${line##*[[:space:]]}
+    read -ra words <<<"${line%"$word"}"
+    local verb=${words[1]-} before=${words[-1]}
+    case $verb in
+        '') options='run check status metrics selftest version --help --version' ;;
+        run) options='--config --policies --modules --format --output --log-level -o --help' ;;
+        check) options='--json --help' ;;
+        status) options='--json --config --socket --help' ;;
+        metrics) options='--listen --config --socket --help' ;;
+        selftest) options='--json --modules --help' ;;
+    esac
     case $before in
         --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --policies | --modules) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
-        --listen) mapfile -t COMPREPLY < <(compgen -W '127.0.0.1: unix:/' -- "$word") ;;
         --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json ocsf ecs' -- "$word") ;;
-        --output) mapfile -t COMPREPLY < <(compgen -W 'stdout file: json:stdout text:stdout ocsf:stdout ecs:stdout json:file: text:file: ocsf:file: ecs:file: journald syslog syslog:unix: syslog:tcp: kafka' -- "$word") ;;
+        --output) mapfile -t COMPREPLY < <(_vmescape_agent_output "$word") ;;
         --log-level)
             mapfile -t COMPREPLY < <(compgen -W 'fatal critical error warning notice information debug trace' -- "$word") ;;
+        --listen) mapfile -t COMPREPLY < <(compgen -W '127.0.0.1: unix:/' -- "$word") ;;
+        -o) COMPREPLY=() ;;
         *)
-            if [ "$verb" = check ]; then
-                mapfile -t COMPREPLY < <(compgen -f -X '!*.json' -- "$word")
-            elif [ "$verb" = status ]; then
-                mapfile -t COMPREPLY < <(compgen -W '--json --config --socket --help' -- "$word")
-            elif [ "$verb" = metrics ]; then
-                mapfile -t COMPREPLY < <(compgen -W '--listen --config --socket --help' -- "$word")
-            elif [ "$verb" = selftest ]; then
-                mapfile -t COMPREPLY < <(compgen -W '--json --modules --help' -- "$word")
-            else
-                mapfile -t COMPREPLY < <(compgen -W '--config --policies --modules --format --output --log-level -o --help' -- "$word")
+            mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
+            if [ "$verb" = check ] && [ "${word#-}" = "$word" ]; then
+                mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.json' -- "$word")
             fi ;;
     esac
+    # Something follows a colon.
+    [[ ${COMPREPLY[0]-} != *: ]] || compopt -o nospace 2>/dev/null
+    # Of a word with colons bash replaces what stands behind the last one.
+    if [[ $COMP_WORDBREAKS == *:* && $word == *:* ]]; then
+        COMPREPLY=("${COMPREPLY[@]#"${word%"${word##*:}"}"}")
+    fi
 }
 complete -o filenames -F _vmescape_agent vmescape-agent

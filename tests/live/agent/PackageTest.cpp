@@ -26,7 +26,8 @@ protected:
 
 TEST_F(Package, HasNothingThatTheDistributionsRulesForbid) {
     const ChildProcess::Result checked =
-        ChildProcess::Run({"lintian", "--allow-root", "--fail-on", "error,warning", m_package});
+        ChildProcess::Run({"lintian", "--allow-root", "--pedantic", "--fail-on",
+                           "error,warning,pedantic", m_package});
     EXPECT_EQ(checked.m_status, 0) << checked.m_output;
 }
 

@@ -4,18 +4,13 @@
 # watchdog. Ends with 77 where no such manager starts.
 set -eu
 
+here=$(dirname "$0")
+. "$here/waiting.sh"
+
 # A manager takes the control group that it sees as the root of all for its own, moves everybody in it, and
 # limits them. So it is shown one that was made for it.
 if [ "${1:-}" != --inside ]; then
-    tree=$(findmnt --noheadings --output TARGET --types cgroup2 | head -1)
-    [ -n "$tree" ] || exit 77
-    group=$tree/vmescape-test-$$
-    mkdir "$group"
-    trap 'find "$group" -depth -type d -exec rmdir {} +' EXIT
-    status=0
-    setpriv --pdeathsig KILL bash -c 'echo $$ >"$1/cgroup.procs"; shift; exec "$@"' - "$group" \
-        unshare --mount --cgroup --propagation private "$0" --inside "$@" || status=$?
-    exit "$status"
+    exec "$here/own_group.sh" "$0" --inside "$@"
 fi
 shift
 mount -t cgroup2 none /sys/fs/cgroup
@@ -28,14 +23,6 @@ fail() {
     echo "failed: $1"
     cat "$folder/log"
     exit 1
-}
-wait_for() { # SECONDS COMMAND...
-    local tries=$(($1 * 10))
-    shift
-    until "$@"; do
-        [ "$((tries -= 1))" -gt 0 ] || return 1
-        sleep 0.1
-    done
 }
 manage() { systemctl --user "$@"; }
 property() { manage show --property "$1" --value vmescape-agent; }

@@ -1,0 +1,125 @@
+// The completion of the command line in bash.
+
+#include "Options.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace {
+
+using Words = std::set<std::string>;
+
+/// What is offered behind a line that ends where it is typed.
+Words Complete(const std::string& line, const std::string& folder = "/") {
+    const std::string script =
+        "source " SOURCE_FOLDER
+        "/packaging/completion.bash; cd \"$2\"; COMP_LINE=$1 COMP_POINT=${#1}; "
+        "_vmescape_agent; printf '%s\\n' \"${COMPREPLY[@]}\"";
+    const TestSupport::ChildProcess::Result result = TestSupport::ChildProcess::Run(
+        {"bash", "-u", "-c", script, "bash", "vmescape-agent " + line, folder});
+    EXPECT_EQ(result.m_status, 0);
+    EXPECT_EQ(result.m_errors, "");
+    std::istringstream lines(result.m_output);
+    Words words;
+    for (std::string word; std::getline(lines, word);) {
+        words.insert(word);
+    }
+    words.erase("");
+    return words;
+}
+
+std::string Help(const std::string& verb) {
+    const std::vector<const char*> arguments = {"vmescape-agent", verb.c_str(), "--help"};
+    Agent::Options options;
+    int exitCode = -1;
+    testing::internal::CaptureStdout();
+    Agent::ParseOptions(static_cast<int>(arguments.size()), arguments.data(), options, exitCode);
+    return testing::internal::GetCapturedStdout();
+}
+
+/// The options that a verb's help lists, by their long names where they have one.
+Words OptionsOf(const std::string& verb) {
+    Words options;
+    std::istringstream lines(Help(verb));
+    for (std::string line; std::getline(lines, line);) {
+        std::string word;
+        std::istringstream(line) >> word;
+        if (word.rfind('-', 0) == 0) {
+            options.insert(word.substr(word.find(',') + 1));
+        }
+    }
+    return options;
+}
+
+/// The outputs that the help of "run" lists, up to where the user's own part begins.
+Words OutputsOf(const std::string& help) {
+    const std::string key = "  report.output: ";
+    const std::size_t begin = help.find('(', help.find(key)) + 1;
+    std::istringstream list(help.substr(begin, help.find(" or several", begin) - begin));
+    Words outputs;
+    for (std::string word; list >> word;) {
+        outputs.insert(word.substr(0, word.find_first_not_of("abcdefghijklmnopqrstuvwxyz:")));
+    }
+    outputs.erase("or");
+    return outputs;
+}
+
+TEST(Completion, IsKnownToBash) {
+    const TestSupport::ChildProcess::Result result = TestSupport::ChildProcess::Run(
+        {"bash", "-c",
+         "source " SOURCE_FOLDER "/packaging/completion.bash; complete -p vmescape-agent"});
+    EXPECT_EQ(result.m_output, "complete -o filenames -F _vmescape_agent vmescape-agent\n");
+}
+
+TEST(Completion, OffersVerbs) {
+    EXPECT_EQ(Complete(""), (Words{"run", "check", "status", "metrics", "selftest", "version",
+                                   "--help", "--version"}));
+    EXPECT_EQ(Complete("st"), Words{"status"});
+}
+
+TEST(Completion, OffersTheOptionsThatEachVerbHas) {
+    for (const char* verb : {"run", "check", "status", "metrics", "selftest", "version"}) {
+        const Words options = OptionsOf(verb);
+        EXPECT_EQ(options.count("--help"), 1U) << verb;
+        EXPECT_EQ(Complete(std::string(verb) + " -"), options) << verb;
+    }
+    EXPECT_EQ(Complete("status --so"), Words{"--socket"});
+}
+
+TEST(Completion, OffersWhatAnOptionTakes) {
+    EXPECT_EQ(Complete("run --format "), (Words{"auto", "text", "json", "ocsf", "ecs"}));
+    EXPECT_EQ(Complete("run --log-level w"), Words{"warning"});
+    EXPECT_EQ(Complete("metrics --listen u"), Words{"unix:/"});
+    const TestSupport::TemporaryFolder folder;
+    folder.Write("agent.json", "");
+    EXPECT_EQ(Complete("run --config ", folder.Path()), Words{"agent.json"});
+    EXPECT_TRUE(Complete("run --policies ", folder.Path()).empty());
+}
+
+TEST(Completion, OffersPoliciesToCheckAndNothingElse) {
+    const TestSupport::TemporaryFolder folder;
+    folder.Write("qemu_cmd_detect_feature.json", "");
+    folder.Write("notes.txt", "");
+    EXPECT_EQ(Complete("check ", folder.Path()), Words{"qemu_cmd_detect_feature.json"});
+}
+
+/// Bash ends a word at a colon, and puts what is offered behind the last one.
+TEST(Completion, OffersOutputsPieceByPiece) {
+    Words all = OutputsOf(Help("run"));
+    EXPECT_EQ(all.count("syslog:tcp:"), 1U);
+    EXPECT_EQ(Complete("run --output json:"), all);
+    all.insert({"json:", "text:", "ocsf:", "ecs:"});
+    EXPECT_EQ(Complete("run --output "), all);
+    EXPECT_EQ(Complete("run --output json:syslog:u"), Words{"unix:"});
+    const TestSupport::TemporaryFolder folder;
+    folder.Write("alarms", "");
+    EXPECT_EQ(Complete("run --output text:file:", folder.Path()), Words{"alarms"});
+}
+
+}  // namespace
