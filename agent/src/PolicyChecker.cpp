@@ -2,13 +2,10 @@
 
 #include "FileTrust.h"
 #include "JsonFile.h"
+#include "PolicyShape.h"
 #include "sdk/PathUtils.h"
 
-#include <Poco/NumberParser.h>
-
 #include <algorithm>
-#include <array>
-#include <cstdint>
 #include <set>
 #include <string_view>
 
@@ -17,10 +14,6 @@ namespace Agent {
 namespace {
 
 constexpr const char* kModuleName = "vmescape_module";
-
-// What the module reads at the most; the rest is ignored.
-constexpr Json::ArrayIndex kMaxRules = 50;
-constexpr Json::ArrayIndex kMaxTexts = 100;
 
 enum class Need { REQUIRED, OPTIONAL };
 
@@ -80,91 +73,20 @@ void CheckEnvelope(Findings& check, const Json::Value& policy) {
     check.Expect(policy, "", "hash", Json::stringValue, "a string", Need::OPTIONAL);
 }
 
-/// Says what is odd about one entry of a list of texts; empty when nothing is.
-using Oddity = std::string (*)(const std::string& text);
-
-std::string OddCommand(const std::string& text) {
-    return text.empty() ? "an empty string names no command" : "";
-}
-
-std::string OddPath(const std::string& text) {
-    return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it never matches";
-}
-
-std::string OddDirectory(const std::string& text) {
-    return text.rfind('/', 0) == 0 ? "" : "\"" + text + "\" is no absolute path, it is not watched";
-}
-
-std::string OddPort(const std::string& text) {
-    unsigned int port = 0;
-    // Ports are compared as texts: "080" is never equal to "80".
-    const bool plain = Poco::NumberParser::tryParseUnsigned(text, port) && port >= 1 &&
-                       port <= UINT16_MAX && std::to_string(port) == text;
-    return plain ? "" : "\"" + text + "\" is no plain number from 1 to 65535, it never matches";
-}
-
-/// A list of texts in a policy.
-struct TextList {
-    const char* m_key;
-    const char* m_noun;
-    Oddity m_oddity;
-};
-
-/// How the policy of one feature is made up.
-struct Shape {
-    std::string_view m_feature;
-    const char* m_taskKey;
-    const char* m_programKey;  // in each rule
-    TextList m_list;           // in each rule
-    bool m_ruleAction;         // an "action" in each rule
-    bool m_contentAction;      // one "action" for all rules
-    TextList m_contentList;    // beside the rules; without a key there is none
-};
-
-const std::array<Shape, 3> kShapes = {{
-    {"qemu_cmd_detect_feature",
-     "qemu_cmd_detect_task",
-     "virtcmd",
-     {"cmdlist", "commands", OddCommand},
-     true,
-     false,
-     {nullptr, nullptr, nullptr}},
-    {"qemu_file_detect_feature",
-     "qemu_file_detect_task",
-     "virtmonitor",
-     {"filelist", "files", OddPath},
-     false,
-     true,
-     {"senstive_dirs", "directories", OddDirectory}},
-    {"qemu_port_detect_feature",
-     "qemu_port_detect_task",
-     "virtmonitor",
-     {"portlist", "ports", OddPort},
-     false,
-     false,
-     {nullptr, nullptr, nullptr}},
-}};
-
-const Shape* FindShape(std::string_view feature) {
-    const auto found = std::find_if(kShapes.begin(), kShapes.end(),
-                                    [&](const Shape& shape) { return shape.m_feature == feature; });
-    return found == kShapes.end() ? nullptr : found;
-}
-
 // Neither a program's name, nor a command, nor a path can hold one: the kernel ends them there.
 constexpr const char* kNoNul = "expected a string without NUL characters (\\u0000)";
 
 bool HasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 void CheckTexts(Findings& check, const Json::Value& object, const std::string& above,
-                const TextList& list) {
+                const PolicyShape::TextList& list) {
     if (!check.Expect(object, above, list.m_key, Json::arrayValue, "a list of strings",
                       Need::REQUIRED)) {
         return;
     }
     const Json::Value& texts = object[list.m_key];
     const std::string place = Pointer(above, list.m_key);
-    if (texts.size() > kMaxTexts) {
+    if (texts.size() > PolicyShape::MAX_TEXTS) {
         check.Warn(place, std::string("expected at most 100 ") + list.m_noun + ", found " +
                               std::to_string(texts.size()) + "; the rest is ignored");
     }
@@ -211,7 +133,7 @@ void CheckProgram(Findings& check, const Json::Value& rule, const std::string& a
 }
 
 void CheckRule(Findings& check, const Json::Value& rule, const std::string& place,
-               const Shape& shape, std::set<std::string>& seen) {
+               const PolicyShape& shape, std::set<std::string>& seen) {
     if (!rule.isObject()) {
         check.Error(place, "expected an object, found " + DescribeType(rule));
         return;
@@ -226,7 +148,7 @@ void CheckRule(Findings& check, const Json::Value& rule, const std::string& plac
     CheckTexts(check, rule, place, shape.m_list);
 }
 
-void CheckRules(Findings& check, const Json::Value& content, const Shape& shape) {
+void CheckRules(Findings& check, const Json::Value& content, const PolicyShape& shape) {
     if (!check.Expect(content, "/content", "monitor_list", Json::arrayValue,
                       "a list of at least one rule", Need::REQUIRED)) {
         return;
@@ -236,7 +158,7 @@ void CheckRules(Findings& check, const Json::Value& content, const Shape& shape)
     if (rules.empty()) {
         check.Error(place, "expected a list of at least one rule, found an empty list");
     }
-    if (rules.size() > kMaxRules) {
+    if (rules.size() > PolicyShape::MAX_RULES) {
         check.Warn(place, "expected at most 50 rules, found " + std::to_string(rules.size()) +
                               "; the rest is ignored");
     }
@@ -246,7 +168,7 @@ void CheckRules(Findings& check, const Json::Value& content, const Shape& shape)
     }
 }
 
-void CheckContent(Findings& check, const Json::Value& policy, const Shape& shape) {
+void CheckContent(Findings& check, const Json::Value& policy, const PolicyShape& shape) {
     if (!check.Expect(policy, "", "content", Json::objectValue, "an object", Need::REQUIRED)) {
         return;
     }
@@ -284,7 +206,7 @@ std::vector<Problem> PolicyChecker::Check(const std::string& path, const std::st
     }
     Findings check(path, problems);
     const std::string feature = FeatureOf(path);
-    const Shape* shape = FindShape(feature);
+    const PolicyShape* shape = PolicyShape::Find(feature);
     if (shape == nullptr) {
         check.Error("",
                     "expected the file name of a feature (qemu_cmd_detect_feature.json, "
