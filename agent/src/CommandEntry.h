@@ -10,9 +10,9 @@ namespace Agent {
 ///
 /// An alarm tells a command's name and its whole command line, not the path of its executable.
 /// The path is the better entry: it holds for whatever arguments (numbers of descriptors change
-/// from start to start), and what runs cannot lie about it. So it is taken from the first argument,
-/// where name and file system agree with that. A first argument that lied leads to an entry that
-/// does not match, never to one that allows more.
+/// from start to start), and another program can pass for it only without arguments. So it is taken
+/// from the first argument, where name and file system agree with that. A first argument that lied
+/// leads to a path that does not match, never to an entry that allows more.
 ///
 /// The whole command line is the entry where the path says too little: for interpreters, which do
 /// whatever their arguments tell, and for programs that go by several names.
