@@ -22,16 +22,17 @@ _vmescape_agent() {
     read -ra words <<<"${line%"$word"}"
     local verb=${words[1]-} before=${words[-1]}
     case $verb in
-        '') options='run check status metrics selftest version --help --version' ;;
+        '') options='run check status metrics selftest learn version --help --version' ;;
         run) options='--config --policies --modules --format --output --log-level -o --help' ;;
         check) options='--json --help' ;;
         status) options='--json --config --socket --help' ;;
         metrics) options='--listen --config --socket --help' ;;
         selftest) options='--json --modules --help' ;;
+        learn) options='--for --into --config --policies --modules --json --help' ;;
     esac
     case $before in
         --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
-        --policies | --modules) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
+        --policies | --modules | --into) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json ocsf ecs' -- "$word") ;;
         --output) mapfile -t COMPREPLY < <(_vmescape_agent_output "$word") ;;
         --log-level)

@@ -2,6 +2,7 @@
 
 #include "AgentLog.h"
 #include "JsonFile.h"
+#include "LoadSettings.h"
 #include "ModuleLoader.h"
 #include "PolicyChecker.h"
 #include "PolicyFolder.h"
@@ -73,7 +74,7 @@ Agent::~Agent() {
 }
 
 int Agent::Run() {
-    if (const int code = LoadSettings(); code != EXIT_GOOD) {
+    if (const int code = LoadSettings(m_options, m_settings); code != EXIT_GOOD) {
         return code;
     }
     StartLog(m_settings.Get("log_level"));
@@ -101,24 +102,6 @@ int Agent::Run() {
     m_engine = nullptr;
     LogNotice("vmescape-agent has stopped");
     return code;
-}
-
-int Agent::LoadSettings() {
-    const std::vector<Problem> problems = m_settings.LoadConfiguration(m_options.m_config);
-    for (const Problem& problem : problems) {
-        Complain(ToText(problem));
-    }
-    if (HasErrors(problems)) {
-        return EXIT_BAD_INPUT;
-    }
-    for (const auto& [key, text] : m_options.m_settings) {
-        const std::string wrong = m_settings.Set(key, text);
-        if (!wrong.empty()) {
-            Complain(wrong);
-            return EXIT_USAGE;
-        }
-    }
-    return EXIT_GOOD;
 }
 
 int Agent::CheckPrivileges() const {

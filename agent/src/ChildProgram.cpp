@@ -81,6 +81,7 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
     }
     if (m_pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
+        ::setpgid(0, 0);
         TakeAs(STDIN_FILENO, input[0].Get());
         TakeAs(STDOUT_FILENO, output.m_write.Get());
         TakeAs(STDERR_FILENO, errors.m_write.Get());
@@ -99,7 +100,7 @@ ChildProgram::~ChildProgram() {
     if (m_status) {
         return;
     }
-    ::kill(m_pid, SIGTERM);
+    AskToEnd();
     m_standardInput.Reset();
     if (!Wait(Clock::now() + kPatience)) {
         ::kill(m_pid, SIGKILL);
@@ -125,6 +126,12 @@ std::optional<std::string> ChildProgram::ReadLine(Stream stream, Deadline deadli
         if (!input.m_pipe || !Collect(deadline)) {
             return std::nullopt;
         }
+    }
+}
+
+void ChildProgram::AskToEnd() const {
+    if (!m_status) {
+        ::kill(m_pid, SIGTERM);
     }
 }
 

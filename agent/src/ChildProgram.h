@@ -14,7 +14,7 @@
 namespace Agent {
 
 /// A program that this one starts, talks to by lines, and takes along when it ends, however that
-/// comes.
+/// comes. Signals of the terminal are not for it, but for this one, which decides when it ends.
 ///
 /// Threads: the one that made it.
 class ChildProgram {
@@ -38,6 +38,14 @@ public:
     /// The next line of one of its streams. What comes on the other meanwhile is kept.
     /// @return without its end; nothing at the deadline or at the end of the stream
     std::optional<std::string> ReadLine(Stream stream, Deadline deadline);
+
+    /// Asks it to end; it may still write then.
+    void AskToEnd() const;
+
+    /// Readable when it has written something or ended; -1 each that has nothing more to come.
+    std::array<int, 2> Descriptors() const {
+        return {m_inputs[0].m_pipe.Get(), m_inputs[1].m_pipe.Get()};
+    }
 
     /// Waits for its end. @return its exit status, or 128 and the signal's number; nothing at the
     /// deadline

@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include "Duration.h"
 #include "Settings.h"
 
 #include <CLI/CLI.hpp>
@@ -127,6 +128,41 @@ void AddSelftest(CLI::App& app, Options& options) {
     actor->callback([&options] { options.m_verb = Options::Verb::SELFTEST_ACTOR; });
 }
 
+void AddLearn(CLI::App& app, Options& options) {
+    CLI::App* learn = app.add_subcommand(
+        "learn", "Watch this host for a time and write the policies that would have been silent");
+    learn
+        ->add_option_function<std::string>(
+            "--for",
+            [&options](const std::string& text) {
+                const auto duration = ParseDuration(text);
+                if (!duration) {
+                    throw CLI::ValidationError("--for", std::string("expected ") + DURATION_FORM +
+                                                            ", found \"" + text + "\"");
+                }
+                options.m_for = *duration;
+            },
+            "How long: 90s, 10m, 24h, 7d")
+        ->type_name("DURATION")
+        ->required();
+    learn->add_option("--into", options.m_into, "Folder for the policies; made when it is missing")
+        ->type_name("FOLDER")
+        ->required();
+    learn->add_option("--config", options.m_config, "Configuration file (/etc/vmescape/agent.json)")
+        ->type_name("FILE");
+    AddSetting(*learn, options, "--policies", "policies",
+               "Folder of the policies whose programs and directories are learned for");
+    AddSetting(*learn, options, "--modules", "modules", "Folder of the modules");
+    learn->add_flag("--json", options.m_json, "Print the result as JSON");
+    learn->footer(
+        "What happens meanwhile is allowed by what is learned, so look at it before it is used. "
+        "SIGINT and SIGTERM end it early; what was learned until then is written.\n"
+        "Exit status: 0 learned, 1 it failed, or something was missed, 2 usage, or FOLDER cannot "
+        "be used, 3 learned, but something stays an alarm, 4 a privilege is missing, 6 bad "
+        "configuration or policies.");
+    learn->callback([&options] { options.m_verb = Options::Verb::LEARN; });
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, const char* const* argv, Options& options, int& exitCode) {
@@ -138,6 +174,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddStatus(app, options);
     AddMetrics(app, options);
     AddSelftest(app, options);
+    AddLearn(app, options);
     app.add_subcommand("version", "Print the version")->callback([&options] {
         options.m_verb = Options::Verb::VERSION;
     });

@@ -2,6 +2,7 @@
 
 #include "ExitCode.h"
 
+#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,7 +11,7 @@ namespace Agent {
 
 /// What the command line asks for.
 struct Options {
-    enum class Verb { RUN, CHECK, STATUS, METRICS, SELFTEST, SELFTEST_ACTOR, VERSION };
+    enum class Verb { RUN, CHECK, STATUS, METRICS, SELFTEST, SELFTEST_ACTOR, LEARN, VERSION };
 
     Verb m_verb = Verb::RUN;
     std::string m_config;  ///< empty: the default file, if there
@@ -19,6 +20,8 @@ struct Options {
     std::string m_socket;  ///< to ask for the status at; empty: the one of the configuration
     std::string m_listen;  ///< to serve metrics at; empty: they are printed
     bool m_json = false;   ///< results as JSON
+    std::chrono::seconds m_for{0};  ///< how long to learn
+    std::string m_into;             ///< folder for what was learned
 };
 
 /// Reads the command line.

@@ -48,6 +48,17 @@ struct PolicyShape {
     Fields m_content;         ///< keys of the object "content"
     Fields m_rule;            ///< keys of each rule
 
+    /// The keys of a rule that every feature has: its program, and its list.
+    const PolicyField& Program() const { return *Find(m_rule, PolicyField::Kind::PROGRAM); }
+    const PolicyField& List() const { return *Find(m_rule, PolicyField::Kind::TEXTS); }
+
+    /// The list beside the rules; null for features without one.
+    const PolicyField* Watched() const { return Find(m_content, PolicyField::Kind::TEXTS); }
+
+    /// Whether each rule says how its list is read, and whether all rules share that.
+    bool HasActionInRule() const { return Find(m_rule, PolicyField::Kind::ACTION) != nullptr; }
+    bool HasSharedAction() const { return Find(m_content, PolicyField::Kind::ACTION) != nullptr; }
+
     /// The keys around the content, which all features share.
     static const Fields& Envelope();
 

@@ -2,24 +2,15 @@
 
 #include "sdk/JsonUtils.h"
 
-#include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/NumberParser.h>
 #include <json/value.h>
 
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
-#include <system_error>
 
 namespace Agent {
 
@@ -33,43 +24,15 @@ constexpr const char* kActorName = "vmescape-trial";
 constexpr const char* kMachine = "vmescape-selftest";
 
 constexpr std::chrono::seconds kStartPatience(30);
-constexpr std::chrono::seconds kEndPatience(2);
 
 // Commands and accesses are alarms at once; ports are looked at every ten seconds.
 constexpr int kPromptS = 5;
 constexpr int kPortS = 20;
 
-// The signal that interrupts the test. What it made is taken away all the same.
-volatile sig_atomic_t g_signal = 0;
-
-void CatchSignals() {
-    struct sigaction action {};
-    // Without SA_RESTART: what waits for a line comes back.
-    action.sa_handler = [](int signal) { g_signal = signal; };
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        ::sigaction(signal, &action, nullptr);
-    }
-}
-
-std::string OwnProgram() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
-
 }  // namespace
 
-Selftest::Selftest(const Options& options) : m_options(options) {
-    CatchSignals();  // before there is anything to take away
-    std::string folder = "/tmp/vmescape-selftest-XXXXXX";
-    if (::mkdtemp(folder.data()) == nullptr) {
-        throw Poco::SystemException("a folder in /tmp cannot be made", errno);
-    }
-    m_folder = folder;
-}
-
-Selftest::~Selftest() {
-    m_actor.reset();
-    m_agent.reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
-}
+Selftest::Selftest(const Options& options)
+    : m_options(options), m_scratch("selftest"), m_folder(m_scratch.Path()) {}
 
 int Selftest::Run() {
     WriteFiles();
@@ -77,7 +40,7 @@ int Selftest::Run() {
         return code;
     }
     const std::string actor = m_folder + '/' + kActorName;
-    std::filesystem::create_symlink(OwnProgram(), actor);
+    std::filesystem::create_symlink(ChildAgent::OwnProgram(), actor);
     m_actor = std::make_unique<ChildProgram>(
         actor, std::vector<std::string>{actor, "selftest-actor", "-name",
                                         std::string("guest=") + kMachine});
@@ -88,7 +51,7 @@ int Selftest::Run() {
     };
     for (Step& step : steps) {
         Play(step);
-        if (g_signal != 0) {
+        if (Interruption::Came()) {
             Complain("interrupted");
             return EXIT_FAILED;
         }
@@ -97,12 +60,10 @@ int Selftest::Run() {
 }
 
 void Selftest::WriteFiles() const {
-    for (const char* name : {"/policies", "/secrets"}) {
-        const std::string folder = m_folder + name;
-        ::mkdir(folder.c_str(), S_IRWXU);
-    }
-    std::ofstream(m_folder + "/secrets/key") << "secret\n";
-    std::ofstream(m_folder + "/agent.json") << "{}\n";
+    m_scratch.MakeFolder("policies");
+    m_scratch.MakeFolder("secrets");
+    m_scratch.Write("secrets/key", "secret\n");
+    m_scratch.Write("agent.json", "{}\n");
     // Allow lists that hold nothing: whatever the actor does is forbidden.
     const auto rule = [](const std::string& key) {
         return Poco::format(R"("monitor_list":[{"%s":"%s",)", key, std::string(kActorName));
@@ -115,48 +76,29 @@ void Selftest::WriteFiles() const {
 }
 
 void Selftest::WritePolicy(const std::string& feature, const std::string& content) const {
-    std::ofstream(m_folder + "/policies/" + feature + ".json")
-        << R"({"module_name":"vmescape_module","enabled":true,"hash":"selftest","content":{)"
-        << content << "}}\n";
+    m_scratch.Write(
+        "policies/" + feature + ".json",
+        R"({"module_name":"vmescape_module","enabled":true,"hash":"selftest","content":{)" +
+            content + "}}\n");
 }
 
 int Selftest::StartAgent() {
-    std::vector<std::string> arguments = {"vmescape-agent",
-                                          "run",
-                                          "--config",
-                                          m_folder + "/agent.json",
-                                          "--policies",
-                                          m_folder + "/policies",
-                                          "--output",
-                                          "json:stdout",
-                                          "--log-level",
-                                          "information",
-                                          "-o",
-                                          "status.socket="};
+    ChildAgent::Setup setup{ChildAgent::OwnProgram(),
+                            m_folder + "/policies",
+                            3,
+                            true,
+                            "",
+                            {"--config", m_folder + "/agent.json"}};
     for (const auto& [key, text] : m_options.m_settings) {
-        arguments.insert(arguments.end(), {"-o", Poco::format("%s=%s", key, text)});
+        setup.m_arguments.insert(setup.m_arguments.end(), {"-o", Poco::format("%s=%s", key, text)});
     }
-    m_agent = std::make_unique<ChildProgram>(OwnProgram(), arguments);
-    bool running = false;
-    bool watching = false;
-    std::string log;
-    const auto deadline = Clock::now() + kStartPatience;
-    while (!running || !watching) {
-        const std::optional<std::string> line = m_agent->ReadLine(Stream::ERRORS, deadline);
-        if (!line && g_signal != 0) {
-            Complain("interrupted");
-            return EXIT_FAILED;
-        }
-        if (!line) {
-            std::cerr << log;
-            Complain("the agent did not start");
-            return m_agent->Wait(Clock::now() + kEndPatience).value_or(EXIT_FAILED);
-        }
-        running = running || line->find(" is running, 3 policies read") != std::string::npos;
-        watching = watching || line->find(" directories are watched.") != std::string::npos;
-        log += *line + '\n';
+    m_agent = std::make_unique<ChildAgent>(setup);
+    std::string wrong;
+    const int code = m_agent->WaitUntilItWatches(kStartPatience, wrong);
+    if (!wrong.empty()) {
+        Complain(wrong);
     }
-    return EXIT_GOOD;
+    return code;
 }
 
 void Selftest::Play(Step& step) const {
@@ -178,7 +120,7 @@ void Selftest::Play(Step& step) const {
 
 /// Waits for the alarm of a class about our machine. Those of others are none of its business.
 bool Selftest::ReadAlarm(const Step& step, ChildProgram::Deadline deadline) const {
-    while (const auto line = m_agent->ReadLine(Stream::OUTPUT, deadline)) {
+    while (const auto line = m_agent->Program().ReadLine(Stream::OUTPUT, deadline)) {
         Json::Value alarm;
         if (SDK::JsonUtils::ParseJsonStr(line->c_str(), line->length(), alarm) == 0 &&
             alarm["event_classid"] == step.m_class &&

@@ -1,7 +1,9 @@
 #pragma once
 
-#include "ChildProgram.h"
+#include "ChildAgent.h"
+#include "Interruption.h"
 #include "Options.h"
+#include "ScratchFolder.h"
 
 #include <memory>
 #include <string>
@@ -17,9 +19,6 @@ class Selftest {
 public:
     /// @throws Poco::SystemException when there is no room for its files
     explicit Selftest(const Options& options);
-    ~Selftest();
-    Selftest(const Selftest&) = delete;
-    Selftest& operator=(const Selftest&) = delete;
 
     /// Plays, and prints for each class whether its alarm came and after how long.
     /// @return EXIT_GOOD when all came; what the agent ended with when it did not start; else
@@ -47,8 +46,10 @@ private:
     void Complain(const std::string& text) const;
 
     const Options& m_options;
-    std::string m_folder;
-    std::unique_ptr<ChildProgram> m_agent;
+    Interruption m_interruption;  // before there is anything to take away
+    ScratchFolder m_scratch;
+    const std::string m_folder;
+    std::unique_ptr<ChildAgent> m_agent;
     std::unique_ptr<ChildProgram> m_actor;
 };
 

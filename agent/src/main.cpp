@@ -1,5 +1,6 @@
 #include "Agent.h"
 #include "CheckVerb.h"
+#include "Learn.h"
 #include "MetricsVerb.h"
 #include "Options.h"
 #include "Selftest.h"
@@ -28,6 +29,8 @@ int Obey(const Agent::Options& options) {
             return Agent::Selftest(options).Run();
         case Agent::Options::Verb::SELFTEST_ACTOR:
             return Agent::SelftestActor::Run(std::cin, std::cout);
+        case Agent::Options::Verb::LEARN:
+            return Agent::Learn(options).Run();
     }
     return Agent::EXIT_USAGE;
 }

@@ -1,11 +1,17 @@
 #pragma once
 
+#include "sdk/UniqueDescriptor.h"
 #include "support/AgentProcess.h"
 #include "support/QemuProcess.h"
 
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 
@@ -27,6 +33,15 @@ protected:
         }
         ASSERT_EQ(std::getenv("CI"), nullptr) << missing;
         GTEST_SKIP() << missing;
+    }
+
+    /// Whether nobody holds a TCP port on any address.
+    static bool IsFree(int port) {
+        const SDK::UniqueDescriptor probe(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in6 address{};
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(static_cast<std::uint16_t>(port));
+        return ::bind(probe.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     }
 
     static std::string Mode(const Json::Value& alarm) {

@@ -18,17 +18,6 @@ namespace {
 using Ports = std::set<std::string>;
 using PortsOfMachines = std::map<std::string, Ports>;
 
-/// Whether nobody holds a TCP port on any address.
-bool IsFree(int port) {
-    const int probe = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = htons(static_cast<std::uint16_t>(port));
-    const bool free = ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-    ::close(probe);
-    return free;
-}
-
 class PortAlarm : public LiveTest {
 protected:
     /// A port that is free on all addresses, another one each time.

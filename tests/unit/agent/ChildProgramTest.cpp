@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <signal.h>
+#include <unistd.h>
 
 namespace {
 
@@ -58,6 +60,34 @@ TEST(ChildProgram, ThatHasEndedTakesNoLine) {
     Shell ended("exit 0");
     EXPECT_EQ(ended.Wait(Soon()), 0);
     EXPECT_FALSE(ended.Write("hello"));
+}
+
+TEST(ChildProgram, MayWriteAfterItWasAskedToEnd) {
+    Shell shell("trap 'echo last; exit 5' TERM; echo ready; while :; do read line; done");
+    EXPECT_EQ(shell.ReadLine(Stream::OUTPUT, Soon()), "ready");
+    shell.AskToEnd();
+    EXPECT_EQ(shell.ReadLine(Stream::OUTPUT, Soon()), "last");
+    EXPECT_EQ(shell.Wait(Soon()), 5);
+}
+
+TEST(ChildProgram, TellsByItsDescriptorsThatSomethingCame) {
+    Shell shell("read line; echo text >&2; read line");
+    const std::array<int, 2> descriptors = shell.Descriptors();
+    std::array<pollfd, 2> waited = {{{descriptors[0], POLLIN, 0}, {descriptors[1], POLLIN, 0}}};
+    EXPECT_EQ(::poll(waited.data(), waited.size(), 0), 0);
+    shell.Write("go");
+    EXPECT_EQ(::poll(waited.data(), waited.size(), 20000), 1);
+    EXPECT_EQ(waited[1].revents, POLLIN);
+    EXPECT_EQ(shell.ReadLine(Stream::ERRORS, Soon()), "text");
+    shell.Write("go");
+    EXPECT_FALSE(shell.ReadLine(Stream::ERRORS, Soon()));
+    EXPECT_EQ(shell.Descriptors()[1], -1);
+}
+
+TEST(ChildProgram, IsNotMeantByTheSignalsOfTheTerminal) {
+    Shell shell("echo $$; read line");
+    const std::string pid = shell.ReadLine(Stream::OUTPUT, Soon()).value_or("0");
+    EXPECT_EQ(::getpgid(std::stoi(pid)), std::stoi(pid));
 }
 
 TEST(ChildProgram, IsTakenAlong) {

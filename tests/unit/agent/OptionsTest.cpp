@@ -139,4 +139,31 @@ TEST_F(CommandLine, StatusTakesWhereToAsk) {
     EXPECT_EQ(m_options.m_config, "c");
 }
 
+TEST_F(CommandLine, LearnTakesATimeAndAFolder) {
+    ASSERT_TRUE(Parse({"learn", "--for", "10m", "--into", "drafts"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::LEARN);
+    EXPECT_EQ(m_options.m_for, std::chrono::minutes(10));
+    EXPECT_EQ(m_options.m_into, "drafts");
+    EXPECT_FALSE(m_options.m_json);
+    ASSERT_TRUE(Parse({"learn", "--for=7", "--into=d", "--json", "--config", "c", "--policies", "p",
+                       "--modules", "m"}));
+    EXPECT_EQ(m_options.m_for, std::chrono::seconds(7));
+    EXPECT_EQ(m_options.m_config, "c");
+    EXPECT_TRUE(m_options.m_json);
+    EXPECT_EQ(m_options.m_settings, (Pairs{{"policies", "p"}, {"modules", "m"}}));
+}
+
+TEST_F(CommandLine, LearnNeedsATimeThatItUnderstands) {
+    EXPECT_FALSE(Parse({"learn", "--into", "drafts"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
+    EXPECT_FALSE(Parse({"learn", "--for", "10m"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
+    EXPECT_FALSE(Parse({"learn", "--for", "1w", "--into", "drafts"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
+    EXPECT_NE(m_errors.find("--for: expected a whole number of seconds, or one followed by s, m, h "
+                            "or d, of at most 365 days, found \"1w\""),
+              std::string::npos)
+        << m_errors;
+}
+
 }  // namespace

@@ -1,0 +1,66 @@
+#include "ChildAgent.h"
+
+#include "ExitCode.h"
+#include "Interruption.h"
+
+#include <Poco/Format.h>
+
+#include <filesystem>
+#include <iostream>
+#include <optional>
+
+namespace Agent {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kEndPatience(2);
+
+std::vector<std::string> Arguments(const ChildAgent::Setup& setup) {
+    std::vector<std::string> arguments = {"vmescape-agent", "run"};
+    arguments.insert(arguments.end(), setup.m_arguments.begin(), setup.m_arguments.end());
+    arguments.insert(arguments.end(),
+                     {"--policies", setup.m_policies, "--output", "json:stdout", "--log-level",
+                      "information", "-o", "status.socket=" + setup.m_status});
+    return arguments;
+}
+
+}  // namespace
+
+ChildAgent::ChildAgent(const Setup& setup)
+    : m_program(setup.m_program, Arguments(setup)),
+      m_running(Poco::format(" is running, %d policies read", setup.m_policyCount)),
+      m_directories(setup.m_directories) {}
+
+int ChildAgent::WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong) {
+    bool running = false;
+    bool watching = !m_directories;
+    std::string log;
+    const auto deadline = Clock::now() + patience;
+    while (!running || !watching) {
+        const std::optional<std::string> line =
+            m_program.ReadLine(ChildProgram::Stream::ERRORS, deadline);
+        if (!line && Interruption::Came()) {
+            wrong = "interrupted";
+            return EXIT_FAILED;
+        }
+        if (!line) {
+            std::cerr << log;
+            wrong = "the agent did not start";
+            const int status =
+                m_program.Wait(Clock::now() + kEndPatience).value_or(int{EXIT_FAILED});
+            return status == EXIT_GOOD ? int{EXIT_FAILED} : status;
+        }
+        running = running || line->find(m_running) != std::string::npos;
+        watching = watching || line->find(" directories are watched.") != std::string::npos;
+        log += *line + '\n';
+    }
+    return EXIT_GOOD;
+}
+
+std::string ChildAgent::OwnProgram() {
+    return std::filesystem::read_symlink("/proc/self/exe").string();
+}
+
+}  // namespace Agent
