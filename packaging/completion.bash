@@ -3,7 +3,7 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics selftest version --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check status list metrics selftest version --help --version' -- "$word")
         return
     fi
     case $before in
@@ -16,7 +16,7 @@ _vmescape_agent() {
         *)
             if [ "$verb" = check ]; then
                 mapfile -t COMPREPLY < <(compgen -f -X '!*.json' -- "$word")
-            elif [ "$verb" = status ]; then
+            elif [ "$verb" = status ] || [ "$verb" = list ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--json --config --socket --help' -- "$word")
             elif [ "$verb" = metrics ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--listen --config --socket --help' -- "$word")

@@ -96,6 +96,17 @@ void AddStatus(CLI::App& app, Options& options) {
     status->callback([&options] { options.m_verb = Options::Verb::STATUS; });
 }
 
+void AddList(CLI::App& app, Options& options) {
+    CLI::App* list = app.add_subcommand(
+        "list", "Ask the agent that runs what it watches: policies in force, virtual machines");
+    list->add_flag("--json", options.m_json, "Print the answer as it comes, as JSON");
+    AddWhereItAnswers(*list, options);
+    list->footer(
+        "Tables show the beginning of long lists, --json all of them.\n"
+        "Exit status: 0 good, 1 no agent answers, 2 usage, 6 bad configuration.");
+    list->callback([&options] { options.m_verb = Options::Verb::LIST; });
+}
+
 void AddMetrics(CLI::App& app, Options& options) {
     CLI::App* metrics =
         app.add_subcommand("metrics", "The agent's status as metrics in Prometheus' text format");
@@ -136,6 +147,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddRun(app, options);
     AddCheck(app, options);
     AddStatus(app, options);
+    AddList(app, options);
     AddMetrics(app, options);
     AddSelftest(app, options);
     app.add_subcommand("version", "Print the version")->callback([&options] {

@@ -10,7 +10,7 @@ namespace Agent {
 
 /// What the command line asks for.
 struct Options {
-    enum class Verb { RUN, CHECK, STATUS, METRICS, SELFTEST, SELFTEST_ACTOR, VERSION };
+    enum class Verb { RUN, CHECK, STATUS, LIST, METRICS, SELFTEST, SELFTEST_ACTOR, VERSION };
 
     Verb m_verb = Verb::RUN;
     std::string m_config;  ///< empty: the default file, if there

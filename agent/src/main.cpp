@@ -1,5 +1,6 @@
 #include "Agent.h"
 #include "CheckVerb.h"
+#include "ListVerb.h"
 #include "MetricsVerb.h"
 #include "Options.h"
 #include "Selftest.h"
@@ -22,6 +23,8 @@ int Obey(const Agent::Options& options) {
             return Agent::EXIT_GOOD;
         case Agent::Options::Verb::STATUS:
             return Agent::PrintStatus(options);
+        case Agent::Options::Verb::LIST:
+            return Agent::PrintList(options);
         case Agent::Options::Verb::METRICS:
             return Agent::ExportMetrics(options);
         case Agent::Options::Verb::SELFTEST:

@@ -139,4 +139,12 @@ TEST_F(CommandLine, StatusTakesWhereToAsk) {
     EXPECT_EQ(m_options.m_config, "c");
 }
 
+TEST_F(CommandLine, ListTakesWhereToAsk) {
+    ASSERT_TRUE(Parse({"list", "--json", "--socket", "s", "--config", "c"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::LIST);
+    EXPECT_TRUE(m_options.m_json);
+    EXPECT_EQ(m_options.m_socket, "s");
+    EXPECT_EQ(m_options.m_config, "c");
+}
+
 }  // namespace
