@@ -3,7 +3,7 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check status list metrics selftest version --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check status list metrics schema selftest version --help --version' -- "$word")
         return
     fi
     case $before in
@@ -20,6 +20,8 @@ _vmescape_agent() {
                 mapfile -t COMPREPLY < <(compgen -W '--json --config --socket --help' -- "$word")
             elif [ "$verb" = metrics ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--listen --config --socket --help' -- "$word")
+            elif [ "$verb" = schema ]; then
+                mapfile -t COMPREPLY < <(compgen -W 'qemu_cmd_detect_feature qemu_file_detect_feature qemu_port_detect_feature agent alarm --json --help' -- "$word")
             elif [ "$verb" = selftest ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--json --modules --help' -- "$word")
             else

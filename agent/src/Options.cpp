@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include "SchemaVerb.h"
 #include "Settings.h"
 
 #include <CLI/CLI.hpp>
@@ -122,6 +123,18 @@ void AddMetrics(CLI::App& app, Options& options) {
     metrics->callback([&options] { options.m_verb = Options::Verb::METRICS; });
 }
 
+void AddSchema(CLI::App& app, Options& options) {
+    CLI::App* schema = app.add_subcommand(
+        "schema", "Print the JSON Schema of policies, of the configuration or of alarms");
+    schema->add_option("NAME", options.m_schema, "Of what; without it the names are listed")
+        ->check(CLI::IsMember(SchemaNames()))
+        ->type_name("");
+    schema->add_flag("--json", options.m_json,
+                     "Print it on one line; without NAME all schemas by name");
+    schema->footer("They are of draft 2020-12. Exit status: 0 good, 2 usage.");
+    schema->callback([&options] { options.m_verb = Options::Verb::SCHEMA; });
+}
+
 void AddSelftest(CLI::App& app, Options& options) {
     CLI::App* selftest = app.add_subcommand(
         "selftest", "Show that detection works on this host, without touching any machine");
@@ -149,6 +162,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddStatus(app, options);
     AddList(app, options);
     AddMetrics(app, options);
+    AddSchema(app, options);
     AddSelftest(app, options);
     app.add_subcommand("version", "Print the version")->callback([&options] {
         options.m_verb = Options::Verb::VERSION;

@@ -3,6 +3,7 @@
 #include "ListVerb.h"
 #include "MetricsVerb.h"
 #include "Options.h"
+#include "SchemaVerb.h"
 #include "Selftest.h"
 #include "SelftestActor.h"
 #include "StatusVerb.h"
@@ -27,6 +28,8 @@ int Obey(const Agent::Options& options) {
             return Agent::PrintList(options);
         case Agent::Options::Verb::METRICS:
             return Agent::ExportMetrics(options);
+        case Agent::Options::Verb::SCHEMA:
+            return Agent::PrintSchema(options);
         case Agent::Options::Verb::SELFTEST:
             return Agent::Selftest(options).Run();
         case Agent::Options::Verb::SELFTEST_ACTOR:
