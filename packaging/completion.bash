@@ -22,11 +22,12 @@ _vmescape_agent() {
     read -ra words <<<"${line%"$word"}"
     local verb=${words[1]-} before=${words[-1]}
     case $verb in
-        '') options='run check status metrics selftest learn version --help --version' ;;
+        '') options='run check status list metrics schema selftest learn version --help --version' ;;
         run) options='--config --policies --modules --format --output --log-level -o --help' ;;
         check) options='--json --help' ;;
-        status) options='--json --config --socket --help' ;;
+        status | list) options='--json --config --socket --help' ;;
         metrics) options='--listen --config --socket --help' ;;
+        schema) options='--json --help qemu_cmd_detect_feature qemu_file_detect_feature qemu_port_detect_feature agent alarm' ;;
         selftest) options='--json --modules --help' ;;
         learn) options='--for --into --config --policies --modules --json --help' ;;
     esac

@@ -264,8 +264,10 @@ std::string Agent::Tell(const std::string& request) {
     if (request == STATUS_REQUEST) {
         answer = m_status.Document(m_engine->GetTaskStatus(), SDK::OpenLedger::ReadAll(),
                                    m_inventory.CountMachines(Inventory::ReadProcesses(*m_engine)));
+    } else if (request == LIST_REQUEST) {
+        answer = m_inventory.Document(Inventory::ReadProcesses(*m_engine));
     } else {
-        answer["error"] = "expected the request \"status\", found \"" + request + "\"";
+        answer["error"] = "expected the request \"status\" or \"list\", found \"" + request + "\"";
     }
     return SDK::JsonUtils::JsonToString(answer);
 }

@@ -1,5 +1,6 @@
 #include "EffectivePolicy.h"
 
+#include "Shown.h"
 #include "sdk/JsonUtils.h"
 
 #include <algorithm>
@@ -41,6 +42,17 @@ Json::Value Member(const Json::Value& object, const PolicyShape::Fields& fields,
     return object.isObject() && field != nullptr ? object[field->m_key] : Json::Value();
 }
 
+// A command line is known to its 4096th byte, and no path is longer (PATH_MAX).
+constexpr std::size_t kMaxTextLength = 4096;
+
+Json::Value ToList(const std::vector<std::string>& texts) {
+    Json::Value list = Json::arrayValue;
+    for (const std::string& text : texts) {
+        list.append(Shorten(text, kMaxTextLength));
+    }
+    return list;
+}
+
 }  // namespace
 
 EffectivePolicy::EffectivePolicy(const PolicyShape& shape, const std::string& text)
@@ -64,6 +76,27 @@ EffectivePolicy::EffectivePolicy(const PolicyShape& shape, const std::string& te
         m_rules.push_back({program, ReadAction(rules[i], shape.m_rule, allowLists),
                            ReadTexts(rules[i], shape.m_rule, m_ignored.m_texts)});
     }
+}
+
+Json::Value EffectivePolicy::ToJson() const {
+    Json::Value entry;
+    entry["feature"] = m_shape->m_feature;
+    entry["detection"] = m_shape->m_detection;
+    entry["enabled"] = m_enabled;
+    entry["hash"] = Shorten(m_hash);
+    if (PolicyShape::Find(m_shape->m_content, Kind::TEXTS) != nullptr) {
+        entry["directories"] = ToList(m_watched);
+    }
+    entry["rules"] = Json::arrayValue;
+    for (const Rule& rule : m_rules) {
+        Json::Value& shown = entry["rules"].append(Json::objectValue);
+        shown["program"] = Shorten(rule.m_program, kMaxTextLength);
+        shown["list"] = rule.m_allowList ? "allow" : "deny";
+        shown["entries"] = ToList(rule.m_texts);
+    }
+    entry["ignored"]["rules"] = Json::UInt64{m_ignored.m_rules};
+    entry["ignored"]["entries"] = Json::UInt64{m_ignored.m_texts};
+    return entry;
 }
 
 }  // namespace Agent

@@ -2,6 +2,8 @@
 
 #include "PolicyShape.h"
 
+#include <json/value.h>
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -45,6 +47,9 @@ public:
     const std::vector<Rule>& Rules() const { return m_rules; }
 
     const Ignored& LeftOut() const { return m_ignored; }
+
+    /// All of it, as "list" tells it. Texts that are too long to match anything are cut.
+    Json::Value ToJson() const;
 
 private:
     const PolicyShape* m_shape;

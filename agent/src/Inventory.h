@@ -3,6 +3,8 @@
 #include "EffectivePolicy.h"
 #include "MachineList.h"
 
+#include <json/value.h>
+
 #include <cstddef>
 #include <map>
 #include <string>
@@ -23,6 +25,12 @@ public:
 
     /// How many virtual machines an enabled policy has a rule for.
     std::size_t CountMachines(const MachineList::Processes& processes) const;
+
+    /// All of it: the policies in force as the modules work by them, and the machines.
+    Json::Value Document(const MachineList::Processes& processes) const;
+
+    /// A document as tables for people. Safe for a terminal.
+    static std::string ToText(const Json::Value& document);
 
     /// All processes that live; none without a process collector.
     static MachineList::Processes ReadProcesses(Framework::Engine& engine);

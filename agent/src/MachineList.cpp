@@ -1,8 +1,24 @@
 #include "MachineList.h"
 
+#include "Shown.h"
+#include "sdk/MachineUtils.h"
+
 #include <algorithm>
+#include <ctime>
 
 namespace Agent {
+
+namespace {
+
+constexpr std::int64_t kNanoseconds = 1000000000;
+
+std::int64_t Now(clockid_t clock) {
+    timespec now{};
+    ::clock_gettime(clock, &now);
+    return now.tv_sec * kNanoseconds + now.tv_nsec;
+}
+
+}  // namespace
 
 MachineList::MachineList(const Processes& processes, const Coverage& coverage)
     : m_coverage(coverage) {
@@ -36,6 +52,44 @@ std::size_t MachineList::Count() const {
         count += m_nodes[i].m_machine == i ? 1 : 0;
     }
     return count;
+}
+
+Json::Value MachineList::ToJson(std::size_t& omitted) const {
+    const std::int64_t bootNs = Now(CLOCK_REALTIME) - Now(CLOCK_BOOTTIME);
+    Json::Value machines = Json::arrayValue;
+    std::map<std::size_t, Json::ArrayIndex> shown;  // machines, and their places in the list
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
+        if (m_nodes[i].m_machine == i && ++count <= MAX_SHOWN) {
+            shown[i] = machines.size();
+            machines.append(ToJson(m_nodes[i], bootNs))["processes"] = Json::arrayValue;
+        }
+    }
+    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
+        const Node& node = m_nodes[i];
+        if (node.m_detections != nullptr && node.m_machine != NONE && node.m_machine != i &&
+            ++count <= MAX_SHOWN) {
+            machines[shown[node.m_machine]]["processes"].append(ToJson(node, bootNs));
+        }
+    }
+    omitted = count - std::min(count, MAX_SHOWN);
+    return machines;
+}
+
+/// @param bootNs  when the host booted, in nanoseconds since the epoch
+Json::Value MachineList::ToJson(const Node& node, std::int64_t bootNs) {
+    const Engine::ProcsMessage::procInfo& info = *node.m_info;
+    const auto startNs = static_cast<std::int64_t>(info.m_startTime);
+    Json::Value entry;
+    entry["pid"] = info.m_pid;
+    entry["name"] = Shorten(info.m_name);
+    entry["vm_name"] = Shorten(SDK::MachineUtils::GetNameFromCmdline(info.m_cmdline));
+    entry["since"] = startNs > 0 ? ShowTime((bootNs + startNs) / kNanoseconds) : "";
+    entry["below"] = Json::UInt64{node.m_below};
+    for (const std::string& detection : *node.m_detections) {
+        entry["detections"].append(detection);
+    }
+    return entry;
 }
 
 void MachineList::FindParents() {

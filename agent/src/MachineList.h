@@ -2,7 +2,10 @@
 
 #include "process_collect/ProcsMessage.h"
 
+#include <json/value.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -30,6 +33,13 @@ public:
     /// How many machines there are.
     std::size_t Count() const;
 
+    /// The machines, each with the monitored processes below it. Of more than MAX_SHOWN processes,
+    /// machines are shown before others.
+    /// @param omitted  set to how many monitored processes are not shown
+    Json::Value ToJson(std::size_t& omitted) const;
+
+    static constexpr std::size_t MAX_SHOWN = 1000;
+
 private:
     static constexpr std::size_t NONE = static_cast<std::size_t>(-1);
 
@@ -44,6 +54,7 @@ private:
 
     void FindParents();
     std::vector<std::size_t> ChildrenFirst() const;
+    static Json::Value ToJson(const Node& node, std::int64_t bootNs);
 
     const Coverage m_coverage;
     std::vector<Node> m_nodes;  // by pid

@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include "Duration.h"
+#include "SchemaVerb.h"
 #include "Settings.h"
 
 #include <CLI/CLI.hpp>
@@ -96,6 +97,17 @@ void AddStatus(CLI::App& app, Options& options) {
     status->callback([&options] { options.m_verb = Options::Verb::STATUS; });
 }
 
+void AddList(CLI::App& app, Options& options) {
+    CLI::App* list = app.add_subcommand(
+        "list", "Ask the agent that runs what it watches: policies in force, virtual machines");
+    list->add_flag("--json", options.m_json, "Print the answer as it comes, as JSON");
+    AddWhereItAnswers(*list, options);
+    list->footer(
+        "Tables show the beginning of long lists, --json all of them.\n"
+        "Exit status: 0 good, 1 no agent answers, 2 usage, 6 bad configuration.");
+    list->callback([&options] { options.m_verb = Options::Verb::LIST; });
+}
+
 void AddMetrics(CLI::App& app, Options& options) {
     CLI::App* metrics =
         app.add_subcommand("metrics", "The agent's status as metrics in Prometheus' text format");
@@ -110,6 +122,18 @@ void AddMetrics(CLI::App& app, Options& options) {
         "Exit status: 0 good, 1 no agent answers, or the address cannot be had, 2 usage, 6 bad "
         "configuration.");
     metrics->callback([&options] { options.m_verb = Options::Verb::METRICS; });
+}
+
+void AddSchema(CLI::App& app, Options& options) {
+    CLI::App* schema = app.add_subcommand(
+        "schema", "Print the JSON Schema of policies, of the configuration or of alarms");
+    schema->add_option("NAME", options.m_schema, "Of what; without it the names are listed")
+        ->check(CLI::IsMember(SchemaNames()))
+        ->type_name("");
+    schema->add_flag("--json", options.m_json,
+                     "Print it on one line; without NAME all schemas by name");
+    schema->footer("They are of draft 2020-12. Exit status: 0 good, 2 usage.");
+    schema->callback([&options] { options.m_verb = Options::Verb::SCHEMA; });
 }
 
 void AddSelftest(CLI::App& app, Options& options) {
@@ -172,7 +196,9 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddRun(app, options);
     AddCheck(app, options);
     AddStatus(app, options);
+    AddList(app, options);
     AddMetrics(app, options);
+    AddSchema(app, options);
     AddSelftest(app, options);
     AddLearn(app, options);
     app.add_subcommand("version", "Print the version")->callback([&options] {

@@ -11,7 +11,18 @@ namespace Agent {
 
 /// What the command line asks for.
 struct Options {
-    enum class Verb { RUN, CHECK, STATUS, METRICS, SELFTEST, SELFTEST_ACTOR, LEARN, VERSION };
+    enum class Verb {
+        RUN,
+        CHECK,
+        STATUS,
+        LIST,
+        METRICS,
+        SCHEMA,
+        SELFTEST,
+        SELFTEST_ACTOR,
+        LEARN,
+        VERSION
+    };
 
     Verb m_verb = Verb::RUN;
     std::string m_config;  ///< empty: the default file, if there
@@ -19,6 +30,7 @@ struct Options {
     std::vector<std::string> m_files;                             ///< to check
     std::string m_socket;  ///< to ask for the status at; empty: the one of the configuration
     std::string m_listen;  ///< to serve metrics at; empty: they are printed
+    std::string m_schema;  ///< to print the schema of; empty: their names
     bool m_json = false;   ///< results as JSON
     std::chrono::seconds m_for{0};  ///< how long to learn
     std::string m_into;             ///< folder for what was learned

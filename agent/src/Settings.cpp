@@ -8,10 +8,12 @@
 #include <Poco/Format.h>
 #include <Poco/NumberParser.h>
 #include <Poco/RegularExpression.h>
+#include <Poco/String.h>
 #include <Poco/StringTokenizer.h>
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <climits>
 
 namespace Agent {
@@ -109,10 +111,12 @@ std::string Expected(const Row& row) {
 }
 
 /// One place for alarms, with or without a format before it.
+constexpr const char* kOutput =
+    "^((text|json|ocsf|ecs):)?(stdout|file:.+|journald|syslog|syslog:(local|unix):/"
+    ".+|syslog:tcp:.+:[0-9]{1,5}|kafka)$";
+
 bool IsOutput(const std::string& text) {
-    static const Poco::RegularExpression output(
-        "^((text|json|ocsf|ecs):)?(stdout|file:.+|journald|syslog|syslog:(local|unix):/"
-        ".+|syslog:tcp:.+:[0-9]{1,5}|kafka)$");
+    static const Poco::RegularExpression output(kOutput);
     return output.match(text);
 }
 
@@ -139,8 +143,8 @@ bool IsGood(const Row& row, const std::string& text) {
 /// The strings of a list with commas between; false when it is no list of strings.
 bool JoinStrings(const Json::Value& value, std::string& text) {
     text.clear();
-    for (const Json::Value& entry : value) {
-        text += (text.empty() ? "" : ",") + (entry.isString() ? entry.asString() : "");
+    for (Json::ArrayIndex i = 0; value.isArray() && i < value.size(); ++i) {
+        text += (i == 0 ? "" : ",") + (value[i].isString() ? value[i].asString() : "");
     }
     return value.isArray() && std::all_of(value.begin(), value.end(),
                                           [](const Json::Value& v) { return v.isString(); });
@@ -165,6 +169,56 @@ bool ToText(const Row& row, const Json::Value& value, std::string& text) {
             return JoinStrings(value, text);
     }
     return false;
+}
+
+Json::Value StringSchema() {
+    Json::Value schema;
+    schema["type"] = "string";
+    return schema;
+}
+
+/// One output or several with commas between. As each is looked at for itself, a dot means no comma
+/// here; and to the dot's own mind no line's end.
+Json::Value OutputsSchema() {
+    const std::string whole = kOutput;
+    const std::string one = Poco::replace(whole.substr(1, whole.length() - 2), ".+", "[^,]+");
+    Json::Value text = StringSchema();
+    text["pattern"] = "^(" + one + ")(,(" + one + "))*$";
+    text["not"]["pattern"] = "\\n";
+    Json::Value list;
+    list["type"] = "array";
+    list["items"] = text;
+    list["minItems"] = 1;
+    Json::Value schema;
+    schema["anyOf"].append(text);
+    schema["anyOf"].append(list);
+    return schema;
+}
+
+Json::Value RowSchema(const Row& row) {
+    Json::Value schema = StringSchema();
+    if (row.m_kind == Kind::NUMBER) {
+        schema["type"] = "integer";
+        schema["minimum"] = row.m_least;
+        schema["maximum"] = row.m_most;
+        schema["default"] = Poco::NumberParser::parse(row.m_default);
+    } else if (row.m_kind == Kind::LIST) {
+        schema["type"] = "array";
+        schema["items"] = StringSchema();
+        schema["default"] = Json::arrayValue;
+    } else {
+        if (row.m_kind == Kind::OUTPUTS) {
+            schema = OutputsSchema();
+        }
+        for (const std::string& word : SplitWords(row.m_allowed, " ")) {
+            schema["enum"].append(word);
+        }
+        schema["default"] = row.m_default;
+    }
+    std::string meaning = row.m_meaning;
+    meaning.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(meaning.front())));
+    schema["description"] = meaning + '.';
+    return schema;
 }
 
 }  // namespace
@@ -258,6 +312,30 @@ std::string Settings::DescribeKeys() {
                              std::string(row.m_meaning), Expected(row), std::string(row.m_default));
     }
     return text;
+}
+
+Json::Value Settings::Schema() {
+    Json::Value schema;
+    schema["type"] = "object";
+    schema["description"] = "The configuration of vmescape-agent.";
+    Json::Value& keys = schema["properties"];
+    for (const Row& row : kRows) {
+        const std::string key = row.m_key;
+        const std::size_t dot = key.find('.');
+        if (dot == std::string::npos) {
+            keys[key] = RowSchema(row);
+            continue;
+        }
+        const std::string group = key.substr(0, dot);
+        const std::string name = key.substr(dot + 1);
+        keys[group]["type"] = "object";
+        keys[group]["description"] = Poco::format("The keys of -o that begin with \"%s.\".", group);
+        keys[group]["properties"][name] = RowSchema(row);
+        // As on the command line, which a file may do, too.
+        keys[key]["$ref"] = Poco::format("#/properties/%s/properties/%s", group, name);
+        keys[key]["description"] = Poco::format("The same as %s in %s.", name, group);
+    }
+    return schema;
 }
 
 }  // namespace Agent

@@ -43,6 +43,10 @@ public:
     /// All keys with type and meaning, one a line, for the help.
     static std::string DescribeKeys();
 
+    /// What a configuration file may hold, in JSON Schema, without its head ("$schema", "$id"). As
+    /// unknown keys are only warned of, they are allowed.
+    static Json::Value Schema();
+
 private:
     void LoadObject(const std::string& path, const Json::Value& object, const std::string& prefix,
                     const std::string& pointer, std::vector<Problem>& problems);

@@ -1,10 +1,9 @@
 #include "Status.h"
 
+#include "Shown.h"
 #include "sdk/JsonUtils.h"
 
-#include <Poco/DateTimeFormatter.h>
 #include <Poco/Format.h>
-#include <Poco/Timestamp.h>
 
 #include <unistd.h>
 
@@ -19,12 +18,6 @@ namespace {
 
 // Whoever may put files into the folder of policies must not make the answer endless.
 constexpr std::size_t kMaxShown = 64;
-constexpr std::size_t kMaxShownLength = 300;
-
-std::string Time(std::int64_t seconds) {
-    return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(seconds),
-                                           "%Y-%m-%dT%H:%M:%SZ");
-}
 
 /// What comes from a file may hold anything.
 std::string Printable(std::string text) {
@@ -155,11 +148,6 @@ std::string BookLines(const Json::Value& book) {
     return text;
 }
 
-/// Names and reasons that somebody chose must not make the answer endless either.
-std::string Shorten(const std::string& text) {
-    return text.length() <= kMaxShownLength ? text : text.substr(0, kMaxShownLength) + "...";
-}
-
 }  // namespace
 
 void Status::TakePolicy(const std::string& feature, const std::string& path,
@@ -230,7 +218,7 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
     const std::vector<std::string> reasons = Reasons(books);
     document["version"] = VMESCAPE_VERSION;
     document["pid"] = ::getpid();
-    document["started"] = Time(m_startedS);
+    document["started"] = ShowTime(m_startedS);
     document["state"] = reasons.empty() ? "up" : "degraded";
     document["reasons"] = Json::arrayValue;
     for (const std::string& reason : reasons) {
@@ -242,7 +230,7 @@ Json::Value Status::Document(const std::vector<Framework::Engine::TaskStatus>& t
         document["books"].append(BookEntry(ledger));
         lastAlarmS = std::max(lastAlarmS, ledger.m_lastS);
     }
-    document["last_alarm"] = lastAlarmS > 0 ? Time(lastAlarmS) : "";
+    document["last_alarm"] = lastAlarmS > 0 ? ShowTime(lastAlarmS) : "";
     for (const Framework::Engine::TaskStatus& task : tasks) {
         document["tasks"].append(TaskEntry(task));
     }
@@ -264,7 +252,7 @@ Json::Value Status::PolicyEntries() const {
         entry["file"] = Shorten(policy.m_path);
         entry["generation"] = policy.m_generation;
         entry["hash"] = Shorten(policy.m_hash);
-        entry["since"] = policy.m_generation > 0 ? Time(policy.m_sinceS) : "";
+        entry["since"] = policy.m_generation > 0 ? ShowTime(policy.m_sinceS) : "";
         if (!policy.m_refusal.empty()) {
             entry["refused"] = Shorten(policy.m_refusal);
         }

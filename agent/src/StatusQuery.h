@@ -10,6 +10,7 @@ namespace Agent {
 
 /// What a running agent may be asked for.
 inline constexpr const char* STATUS_REQUEST = "status";
+inline constexpr const char* LIST_REQUEST = "list";
 
 /// Finds out where the running agent answers: as the command line says, or else the configuration.
 /// @return EXIT_GOOD; EXIT_BAD_INPUT when the configuration is wrong, EXIT_FAILED when it lets the

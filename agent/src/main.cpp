@@ -1,8 +1,10 @@
 #include "Agent.h"
 #include "CheckVerb.h"
 #include "Learn.h"
+#include "ListVerb.h"
 #include "MetricsVerb.h"
 #include "Options.h"
+#include "SchemaVerb.h"
 #include "Selftest.h"
 #include "SelftestActor.h"
 #include "StatusVerb.h"
@@ -23,8 +25,12 @@ int Obey(const Agent::Options& options) {
             return Agent::EXIT_GOOD;
         case Agent::Options::Verb::STATUS:
             return Agent::PrintStatus(options);
+        case Agent::Options::Verb::LIST:
+            return Agent::PrintList(options);
         case Agent::Options::Verb::METRICS:
             return Agent::ExportMetrics(options);
+        case Agent::Options::Verb::SCHEMA:
+            return Agent::PrintSchema(options);
         case Agent::Options::Verb::SELFTEST:
             return Agent::Selftest(options).Run();
         case Agent::Options::Verb::SELFTEST_ACTOR:

@@ -78,13 +78,13 @@ TEST(Completion, IsKnownToBash) {
 }
 
 TEST(Completion, OffersVerbs) {
-    EXPECT_EQ(Complete(""), (Words{"run", "check", "status", "metrics", "selftest", "learn",
-                                   "version", "--help", "--version"}));
+    EXPECT_EQ(Complete(""), (Words{"run", "check", "status", "list", "metrics", "schema", "selftest", "learn", "replay", "version", "--help", "--version"}));
     EXPECT_EQ(Complete("st"), Words{"status"});
 }
 
 TEST(Completion, OffersTheOptionsThatEachVerbHas) {
-    for (const char* verb : {"run", "check", "status", "metrics", "selftest", "learn", "version"}) {
+    for (const char* verb :
+         {"run", "check", "status", "list", "metrics", "schema", "selftest", "learn", "version"}) {
         const Words options = OptionsOf(verb);
         EXPECT_EQ(options.count("--help"), 1U) << verb;
         EXPECT_EQ(Complete(std::string(verb) + " -"), options) << verb;

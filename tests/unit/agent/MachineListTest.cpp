@@ -1,10 +1,14 @@
 #include "MachineList.h"
 
 #include "ProcessesOfATest.h"
+#include "Shown.h"
+#include "sdk/JsonUtils.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <ctime>
+#include <set>
 
 namespace {
 
@@ -21,6 +25,83 @@ TEST(MachineList, CountsMonitoredProcessesWithNoneAboveThem) {
     EXPECT_EQ(Count(processes), 2U);
     processes.Add(20, 10, "kvm").Add(21, 10, "sh").Add(22, 21, "helper").Add(23, 12, "helper");
     EXPECT_EQ(Count(processes), 3U) << "a helper that no machine started is one itself";
+}
+
+Json::Value List(const ProcessesOfATest& processes) {
+    std::size_t omitted = 99;
+    Json::Value list = Agent::MachineList(processes.Get(), kCoverage).ToJson(omitted);
+    EXPECT_EQ(omitted, 0U);
+    return list;
+}
+
+TEST(MachineList, TellsOfEachMachineWhatItIs) {
+    ProcessesOfATest processes;
+    processes.Add(1, 0, "systemd").Add(10, 1, "kvm", "kvm -name guest=vm-01,debug-threads=on -S");
+    processes.Add(11, 1, "helper", "helper").Add(12, 10, "sh").Add(13, 12, "id").Add(14, 1, "sh");
+    const Json::Value list = List(processes);
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_EQ(list[0]["pid"].asInt(), 10);
+    EXPECT_EQ(list[0]["name"].asString(), "kvm");
+    EXPECT_EQ(list[0]["vm_name"].asString(), "vm-01");
+    EXPECT_EQ(list[0]["below"].asUInt(), 2U);
+    EXPECT_EQ(list[0]["since"].asString(), "");
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(list[0]["detections"]), R"(["commands","ports"])");
+    EXPECT_TRUE(list[0]["processes"].empty());
+    EXPECT_EQ(list[1]["pid"].asInt(), 11);
+    EXPECT_EQ(list[1]["vm_name"].asString(), "Unknow");
+    EXPECT_EQ(list[1]["below"].asUInt(), 0U);
+    EXPECT_EQ(SDK::JsonUtils::JsonToString(list[1]["detections"]), R"(["files"])");
+}
+
+TEST(MachineList, ShowsMonitoredProcessesBelowTheirMachine) {
+    ProcessesOfATest processes;
+    processes.Add(10, 1, "kvm").Add(20, 1, "kvm").Add(21, 20, "sh").Add(22, 21, "helper");
+    processes.Add(23, 22, "kvm").Add(24, 23, "sh");
+    const Json::Value list = List(processes);
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_TRUE(list[0]["processes"].empty());
+    EXPECT_EQ(list[1]["below"].asUInt(), 4U);
+    ASSERT_EQ(list[1]["processes"].size(), 2U);
+    EXPECT_EQ(list[1]["processes"][0]["pid"].asInt(), 22);
+    EXPECT_EQ(list[1]["processes"][0]["below"].asUInt(), 2U);
+    EXPECT_EQ(list[1]["processes"][1]["pid"].asInt(), 23);
+    EXPECT_FALSE(list[1]["processes"][0].isMember("processes"));
+}
+
+TEST(MachineList, TellsSinceWhenAProcessLives) {
+    timespec now{};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    constexpr std::int64_t kAgoS = 100;
+    ProcessesOfATest processes;
+    processes.Add(10, 1, "kvm", "", static_cast<std::uint64_t>(now.tv_sec - kAgoS) * 1000000000);
+    std::set<std::string> good;
+    for (std::int64_t off = -2; off <= 2; ++off) {
+        good.insert(Agent::ShowTime(std::time(nullptr) - kAgoS + off));
+    }
+    const std::string since = List(processes)[0]["since"].asString();
+    EXPECT_EQ(good.count(since), 1U) << since;
+}
+
+TEST(MachineList, ShowsAThousandProcessesAndMachinesFirst) {
+    constexpr int kMachines = 600;
+    ProcessesOfATest processes;
+    for (int i = 1; i <= kMachines; ++i) {
+        processes.Add(2 * i, 1, "kvm").Add(2 * i + 1, 2 * i, "helper");
+    }
+    std::size_t omitted = 0;
+    const Agent::MachineList machines(processes.Get(), kCoverage);
+    const Json::Value list = machines.ToJson(omitted);
+    EXPECT_EQ(machines.Count(), std::size_t{kMachines});
+    EXPECT_EQ(list.size(), unsigned{kMachines});
+    EXPECT_EQ(omitted, 200U);
+    EXPECT_EQ(list[399]["processes"].size(), 1U);
+    EXPECT_EQ(list[400]["processes"].size(), 0U);
+}
+
+TEST(MachineList, ShortensWhatSomebodyChoseToBeLong) {
+    ProcessesOfATest processes;
+    processes.Add(10, 1, "kvm", "kvm -name " + std::string(4000, 'n'));
+    EXPECT_EQ(List(processes)[0]["vm_name"].asString(), std::string(300, 'n') + "...");
 }
 
 TEST(MachineList, CountsNoneWithoutProcessesOrRules) {

@@ -166,4 +166,29 @@ TEST_F(CommandLine, LearnNeedsATimeThatItUnderstands) {
         << m_errors;
 }
 
+TEST_F(CommandLine, SchemaTakesAName) {
+    ASSERT_TRUE(Parse({"schema"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::SCHEMA);
+    EXPECT_EQ(m_options.m_schema, "");
+    ASSERT_TRUE(Parse({"schema", "--json", "alarm"}));
+    EXPECT_EQ(m_options.m_schema, "alarm");
+    EXPECT_TRUE(m_options.m_json);
+}
+
+TEST_F(CommandLine, ASchemaThatThereIsNotIsAUsageErrorThatListsTheOthers) {
+    EXPECT_FALSE(Parse({"schema", "alarms"}));
+    EXPECT_EQ(m_exitCode, Agent::EXIT_USAGE);
+    for (const char* part : {"alarms", "qemu_cmd_detect_feature", "agent", "alarm}"}) {
+        EXPECT_NE(m_errors.find(part), std::string::npos) << part << m_errors;
+    }
+}
+
+TEST_F(CommandLine, ListTakesWhereToAsk) {
+    ASSERT_TRUE(Parse({"list", "--json", "--socket", "s", "--config", "c"}));
+    EXPECT_EQ(m_options.m_verb, Options::Verb::LIST);
+    EXPECT_TRUE(m_options.m_json);
+    EXPECT_EQ(m_options.m_socket, "s");
+    EXPECT_EQ(m_options.m_config, "c");
+}
+
 }  // namespace

@@ -1,11 +1,15 @@
 #include "Settings.h"
 
+#include "DescribedKeys.h"
+#include "sdk/JsonUtils.h"
 #include "support/TemporaryFolder.h"
 
 #include <Poco/Util/MapConfiguration.h>
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+
+#include <sstream>
 
 namespace {
 
@@ -105,6 +109,7 @@ TEST_F(Settings, OutputsThatNobodyKnowsAreRefused) {
     }
     EXPECT_EQ(Load(R"({"report": {"output": []}})").size(), 1U);
     EXPECT_EQ(Load(R"({"report": {"output": [1]}})").size(), 1U);
+    EXPECT_EQ(Load(R"({"report": {"output": ["", "stdout"]}})").size(), 1U);
 }
 
 TEST_F(Settings, TheCommandLineStandsAboveTheFile) {
@@ -148,6 +153,37 @@ TEST_F(Settings, OfAFileThatOthersMayWriteAreRefused) {
                                       " may be written by others (mode 0666), expected 0755 at "
                                       "the most");
     EXPECT_FALSE(problems[0].m_warning);
+}
+
+TEST(SettingsSchema, DescribesEveryKeyThatHelpLists) {
+    const Json::Value schema = Agent::Settings::Schema();
+    EXPECT_GE(CountDescribedKeys(schema), 15);
+    std::istringstream lines(Agent::Settings::DescribeKeys());
+    for (std::string line; std::getline(lines, line);) {
+        const std::string key = line.substr(2, line.find(':') - 2);
+        EXPECT_TRUE(schema["properties"].isMember(key)) << key;
+        const std::size_t dot = key.find('.');
+        if (dot != std::string::npos) {
+            EXPECT_TRUE(schema["properties"][key.substr(0, dot)]["properties"].isMember(
+                key.substr(dot + 1)))
+                << key;
+        }
+    }
+}
+
+TEST(SettingsSchema, TellsTypesLimitsWordsAndDefaults) {
+    const Json::Value keys = Agent::Settings::Schema()["properties"];
+    const auto text = [](const Json::Value& value) { return SDK::JsonUtils::JsonToString(value); };
+    EXPECT_EQ(text(keys["cpu_share"]),
+              R"({"default":0,"description":"Percent of a core for each task, 0: no limit.",)"
+              R"("maximum":100,"minimum":0,"type":"integer"})");
+    const Json::Value report = keys["report"]["properties"];
+    EXPECT_EQ(text(report["format"]["enum"]), R"(["auto","text","json","ocsf","ecs"])");
+    EXPECT_EQ(report["output"]["anyOf"].size(), 2U) << "one text or a list";
+    EXPECT_EQ(keys["policies"]["default"].asString(), "/etc/vmescape/policies");
+    EXPECT_EQ(keys["optional_modules"]["items"]["type"].asString(), "string");
+    EXPECT_EQ(keys["report.format"]["$ref"].asString(), "#/properties/report/properties/format");
+    EXPECT_FALSE(Agent::Settings::Schema().isMember("additionalProperties"));
 }
 
 }  // namespace

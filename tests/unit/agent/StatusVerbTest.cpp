@@ -1,14 +1,9 @@
 #include "StatusVerb.h"
 
-#include "StatusServer.h"
+#include "AnsweringAgent.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
-
-#include <poll.h>
-
-#include <atomic>
-#include <thread>
 
 namespace {
 
@@ -21,21 +16,8 @@ protected:
 
     /// Runs the verb while an agent answers. @return its exit status
     int AskWhileAnswering(const std::string& answer) {
-        Agent::StatusServer server;
-        EXPECT_EQ(server.Open(m_options.m_socket), "");
-        std::atomic<bool> asked{false};
-        std::thread answering([&] {
-            pollfd waited{server.Descriptor(), POLLIN, 0};
-            while (!asked && ::poll(&waited, 1, 20000) > 0) {
-                server.Answer([&](const std::string& request) {
-                    asked = true;
-                    return request == "status" ? answer : "";
-                });
-            }
-        });
-        const int code = Ask();
-        answering.join();
-        return code;
+        const AnsweringAgent agent(m_options.m_socket, "status", answer);
+        return Ask();
     }
 
     int Ask() {
