@@ -48,6 +48,8 @@ void AddRun(CLI::App& app, Options& options) {
                "syslog:tcp:HOST:PORT, "
                "several with commas or options");
     AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
+    AddSetting(*run, options, "--record", "record.file",
+               "New file to record what the detection is told in, for \"replay\"");
     run->add_option_function<std::vector<std::string>>(
            "-o",
            [&options](const std::vector<std::string>& pairs) {

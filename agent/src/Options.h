@@ -2,6 +2,7 @@
 
 #include "ExitCode.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,12 @@ struct Options {
     std::string m_socket;  ///< to ask for the status at; empty: the one of the configuration
     std::string m_listen;  ///< to serve metrics at; empty: they are printed
     bool m_json = false;   ///< results as JSON
+
+    /// Whether the command line sets a key of the configuration.
+    bool Sets(const std::string& key) const {
+        return std::any_of(m_settings.begin(), m_settings.end(),
+                           [&key](const auto& setting) { return setting.first == key; });
+    }
 };
 
 /// Reads the command line.
