@@ -6,6 +6,7 @@
 #include "PolicyChecker.h"
 #include "PolicyFolder.h"
 #include "Privileges.h"
+#include "ReadSettings.h"
 #include "framework/Engine.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
@@ -68,7 +69,7 @@ Agent::~Agent() {
 }
 
 int Agent::Run() {
-    if (const int code = LoadSettings(); code != EXIT_GOOD) {
+    if (const int code = ReadSettings(m_options, m_settings); code != EXIT_GOOD) {
         return code;
     }
     StartLog(m_settings.Get("log_level"));
@@ -100,24 +101,6 @@ int Agent::Run() {
     m_engine = nullptr;
     LogNotice("vmescape-agent has stopped");
     return code;
-}
-
-int Agent::LoadSettings() {
-    const std::vector<Problem> problems = m_settings.LoadConfiguration(m_options.m_config);
-    for (const Problem& problem : problems) {
-        Complain(ToText(problem));
-    }
-    if (HasErrors(problems)) {
-        return EXIT_BAD_INPUT;
-    }
-    for (const auto& [key, text] : m_options.m_settings) {
-        const std::string wrong = m_settings.Set(key, text);
-        if (!wrong.empty()) {
-            Complain(wrong);
-            return EXIT_USAGE;
-        }
-    }
-    return EXIT_GOOD;
 }
 
 int Agent::CheckPrivileges() const {

@@ -35,7 +35,6 @@ public:
     int Run();
 
 private:
-    int LoadSettings();
     int CheckPrivileges() const;
     int StartModules();
     int StartRecording();

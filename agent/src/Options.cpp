@@ -71,6 +71,28 @@ void AddRun(CLI::App& app, Options& options) {
     run->callback([&options] { options.m_verb = Options::Verb::RUN; });
 }
 
+void AddReplay(CLI::App& app, Options& options) {
+    CLI::App* replay =
+        app.add_subcommand("replay", "Judge by other policies what \"run --record\" has recorded");
+    replay->add_option("FILE", options.m_recording, "The recording")->required();
+    replay->add_flag("--json", options.m_json, "Write the summary as JSON");
+    replay
+        ->add_option("--config", options.m_config, "Configuration file (/etc/vmescape/agent.json)")
+        ->type_name("FILE");
+    AddSetting(*replay, options, "--policies", "policies", "Folder of the feature policies");
+    AddSetting(*replay, options, "--modules", "modules", "Folder of the modules");
+    AddSetting(*replay, options, "--format", "report.format", "Alarms as text or json");
+    AddOutputs(*replay, options,
+               "Alarms to somewhere else than to stdout, as with run; the configured outputs do "
+               "not count");
+    AddSetting(*replay, options, "--log-level", "log_level", "Least important lines to log");
+    replay->footer(
+        "Alarms carry the recorded time. A summary goes to standard error.\n"
+        "Exit status: 0 replayed, with alarms or without, 1 failed, 2 usage, 6 the recording, a "
+        "policy or the configuration is wrong.");
+    replay->callback([&options] { options.m_verb = Options::Verb::REPLAY; });
+}
+
 void AddCheck(CLI::App& app, Options& options) {
     CLI::App* check = app.add_subcommand("check", "Tell what is wrong with policy files");
     check->add_option("FILE", options.m_files, "Policy files, named after their features")
@@ -140,6 +162,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddStatus(app, options);
     AddMetrics(app, options);
     AddSelftest(app, options);
+    AddReplay(app, options);
     app.add_subcommand("version", "Print the version")->callback([&options] {
         options.m_verb = Options::Verb::VERSION;
     });

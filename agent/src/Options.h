@@ -11,15 +11,16 @@ namespace Agent {
 
 /// What the command line asks for.
 struct Options {
-    enum class Verb { RUN, CHECK, STATUS, METRICS, SELFTEST, SELFTEST_ACTOR, VERSION };
+    enum class Verb { RUN, CHECK, STATUS, METRICS, REPLAY, SELFTEST, SELFTEST_ACTOR, VERSION };
 
     Verb m_verb = Verb::RUN;
     std::string m_config;  ///< empty: the default file, if there
     std::vector<std::pair<std::string, std::string>> m_settings;  ///< keys and texts, in order
     std::vector<std::string> m_files;                             ///< to check
-    std::string m_socket;  ///< to ask for the status at; empty: the one of the configuration
-    std::string m_listen;  ///< to serve metrics at; empty: they are printed
-    bool m_json = false;   ///< results as JSON
+    std::string m_socket;     ///< to ask for the status at; empty: the one of the configuration
+    std::string m_listen;     ///< to serve metrics at; empty: they are printed
+    std::string m_recording;  ///< to replay
+    bool m_json = false;      ///< results as JSON
 
     /// Whether the command line sets a key of the configuration.
     bool Sets(const std::string& key) const {

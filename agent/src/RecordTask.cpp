@@ -73,7 +73,7 @@ int RecordTask::Init() {
 int RecordTask::UnInit() {
     Unsubscribe();
     TakeRest();
-    TakeSockets();
+    TakeLastSockets();
     NoteLosses();
     m_recording->End("stopped");
     return Framework::Task::UnInit();
@@ -257,12 +257,39 @@ void RecordTask::TakeSnapshot() {
     m_recording->Add(std::move(events));
 }
 
-void RecordTask::TakeSockets() {
+/// @return false when there is no collector
+bool RecordTask::ReadSockets(SocketMap& table) {
     auto* collector = FindCollector<Engine::NetProcsFullTask>("netproc_full_task");
-    if (collector != nullptr && !m_recording->Ended()) {
-        SocketMap table;
+    if (collector != nullptr) {
         collector->GetNetCacheMap(table);
-        m_recording->Add(SocketChanges::Between(m_sockets, table));
+    }
+    return collector != nullptr;
+}
+
+/// What was closed since the last look is not told, or it might never have been open for the
+/// detection, which looks at times of its own.
+void RecordTask::TakeLastSockets() {
+    SocketMap table;
+    if (m_recording->Ended() || !ReadSockets(table)) {
+        return;
+    }
+    std::vector<RecordedEvent> changes = SocketChanges::Between(m_sockets, table);
+    std::erase_if(changes, [](RecordedEvent& change) {
+        change.m_closed.clear();
+        return change.m_opened.empty();
+    });
+    m_recording->Add(std::move(changes));
+}
+
+void RecordTask::TakeSockets() {
+    SocketMap table;
+    if (!m_recording->Ended() && ReadSockets(table)) {
+        std::vector<RecordedEvent> changes = SocketChanges::Between(m_sockets, table);
+        if (!std::exchange(m_socketsTold, true) && changes.empty()) {
+            // That there are none is told, too: where nothing is, nobody looked.
+            changes.emplace_back().m_kind = Kind::SOCKETS;
+        }
+        m_recording->Add(std::move(changes));
         m_sockets = std::move(table);
     }
     // From its end on: so each table holds for no less than the period in which a detection looks.

@@ -58,6 +58,8 @@ private:
     void AddFiles(const Messages& messages);
     void TakeSnapshot();
     void TakeSockets();
+    void TakeLastSockets();
+    static bool ReadSockets(SocketMap& table);
     void NoteLosses();
     void NoteCollectorLosses();
     int MillisecondsLeft() const;
@@ -68,6 +70,7 @@ private:
     Messages m_held;  // file accesses that came while the process collector caught up
     std::set<std::string> m_watched;
     SocketMap m_sockets;
+    bool m_socketsTold = false;
     Clock::time_point m_nextLook;
     Clock::time_point m_nextSnapshot;
     std::uint64_t m_lost = 0;

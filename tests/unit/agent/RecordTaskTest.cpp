@@ -70,6 +70,10 @@ public:
         const SDK::LockGuard lock(m_mutex);
         m_ports[inode] = port;
     }
+    void Close(long inode) {
+        const SDK::LockGuard lock(m_mutex);
+        m_ports.erase(inode);
+    }
 
 private:
     SDK::Mutex m_mutex;
@@ -80,16 +84,17 @@ class RecordTaskTest : public testing::Test {
 protected:
     RecordTaskTest() {
         m_agent.Engine().RegisterTask(m_notifier, true);
-        m_agent.Engine().RegisterTask(m_sockets, true);
         m_agent.Full().Add(Process(1, "init", "/sbin/init", 0));
         m_agent.Full().Add(Process(100, "qemu", "qemu -name guest=vm"));
     }
     ~RecordTaskTest() override {
         Stop();
         SDK::ProcessUtils::SetLookup(nullptr);
-        m_agent.Engine().UnRegisterTask("netproc_full_task");
+        m_agent.Engine().UnRegisterTask("netproc_full_task");  // where there is one
         m_agent.Engine().UnRegisterTask("filenotify_task");
     }
+
+    void HaveSockets() { m_agent.Engine().RegisterTask(m_sockets, true); }
 
     void Start(std::uint64_t limit = 1 << 20) {
         std::string wrong;
@@ -153,6 +158,7 @@ protected:
 };
 
 TEST_F(RecordTaskTest, SubscribesFirstAndTakesASnapshotThen) {
+    HaveSockets();
     m_sockets->Open(7, 80);
     Start();
     EXPECT_EQ(m_agent.Real().Requests().size(), 3U);
@@ -230,18 +236,29 @@ TEST_F(RecordTaskTest, SaysWhereEventsAreMissingAndTakesAnotherSnapshot) {
     }));
 }
 
-TEST_F(RecordTaskTest, RecordsWhatWaitsAndTheLastSocketsWhenItIsStopped) {
+TEST_F(RecordTaskTest, SaysThatThereAreNoSockets) {
+    HaveSockets();
     Start();
-    ASSERT_TRUE(WaitFor("snapshot 100"));
+    EXPECT_TRUE(WaitFor("sockets 0 opened"));
+}
+
+TEST_F(RecordTaskTest, RecordsWhatWaitsAndTheLastSocketsWhenItIsStopped) {
+    HaveSockets();
+    m_sockets->Open(6, 79);
+    Start();
+    ASSERT_TRUE(WaitFor("sockets 1 opened"));
+    m_sockets->Close(6);
     m_sockets->Open(7, 80);
     for (int pid = 0; pid < 5000; ++pid) {
         Send(TestSupport::Exited(1000 + pid));
     }
     Stop();
     const Strings texts = Recorded();
-    ASSERT_EQ(texts.size(), 5004U);
-    EXPECT_EQ(texts[5002], "sockets 1 opened");
-    EXPECT_EQ(texts[5003], "end stopped");
+    ASSERT_EQ(texts.size(), 5005U);
+    EXPECT_EQ(texts[5003], "sockets 1 opened");
+    EXPECT_EQ(texts[5004], "end stopped");
+    EXPECT_EQ(TestSupport::ReadText(m_path).find("\"closed\":[6]"), std::string::npos)
+        << "the detection may not have looked yet";
 }
 
 TEST_F(RecordTaskTest, EndsItsSubscriptionsWhenTheRecordingIsFull) {
