@@ -48,6 +48,16 @@ constexpr milliseconds kOutputPoll(1);
 
 constexpr milliseconds kProgressPeriod(200);
 
+// So soon after the snapshot the first table of sockets is recorded.
+constexpr std::int64_t kBeginningUs = 1000000;
+
+/// Whether an event tells of how everything was at first.
+bool IsOfBeginning(const RecordedEvent& event, std::int64_t firstUs) {
+    return event.m_kind == Kind::SNAPSHOT ||
+           ((event.m_kind == Kind::WATCH || event.m_kind == Kind::SOCKETS) &&
+            event.m_at - firstUs < kBeginningUs);
+}
+
 void Complain(const std::string& text) { std::cerr << "vmescape-agent: " << text << '\n'; }
 
 }  // namespace
@@ -116,16 +126,18 @@ void Player::KeepToOneProcessor() {
 /// Reads how everything was when the detection of the recorded host started.
 bool Player::ReadBeginning() {
     while ((m_result = m_reader.Next(m_event)) == Result::EVENT) {
+        m_summary.m_firstUs = m_summary.m_firstUs == 0 ? m_event.m_at : m_summary.m_firstUs;
+        if (!IsOfBeginning(m_event, m_summary.m_firstUs)) {
+            return true;
+        }
+        m_summary.Count(m_event);
         if (m_event.m_kind == Kind::SNAPSHOT) {
             m_processes.Put(m_event.m_process);
         } else if (m_event.m_kind == Kind::WATCH) {
             m_watches.Add(m_event.m_path, m_event.m_realPath);
-        } else if (m_event.m_kind == Kind::SOCKETS) {
-            m_netTask->Apply(m_event);
         } else {
-            return true;
+            m_netTask->Apply(m_event);
         }
-        m_summary.Count(m_event);
     }
     // One that was cut is good for what is in it.
     return m_result != Result::BAD && !m_reader.InSnapshot() && m_summary.m_lastUs > 0;
