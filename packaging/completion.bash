@@ -3,11 +3,11 @@ _vmescape_agent() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local verb=${COMP_WORDS[1]}
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics selftest version --help --version' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'run check status metrics replay selftest version --help --version' -- "$word")
         return
     fi
     case $before in
-        --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        --config | --socket | --record) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --policies | --modules) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json' -- "$word") ;;
         --output) mapfile -t COMPREPLY < <(compgen -W 'stdout file: json:stdout text:stdout json:file: text:file: syslog syslog:unix: syslog:tcp:' -- "$word") ;;
@@ -20,10 +20,14 @@ _vmescape_agent() {
                 mapfile -t COMPREPLY < <(compgen -W '--json --config --socket --help' -- "$word")
             elif [ "$verb" = metrics ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--listen --config --socket --help' -- "$word")
+            elif [ "$verb" = replay ] && [[ $word != -* ]]; then
+                mapfile -t COMPREPLY < <(compgen -f -- "$word")
+            elif [ "$verb" = replay ]; then
+                mapfile -t COMPREPLY < <(compgen -W '--json --config --policies --modules --format --output --log-level --help' -- "$word")
             elif [ "$verb" = selftest ]; then
                 mapfile -t COMPREPLY < <(compgen -W '--json --modules --help' -- "$word")
             else
-                mapfile -t COMPREPLY < <(compgen -W '--config --policies --modules --format --output --log-level -o --help' -- "$word")
+                mapfile -t COMPREPLY < <(compgen -W '--config --policies --modules --format --output --log-level --record -o --help' -- "$word")
             fi ;;
     esac
 }

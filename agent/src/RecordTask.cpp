@@ -200,12 +200,13 @@ void RecordTask::TakeRest() {
 void RecordTask::AddProcesses(const Messages& messages) {
     for (const auto& message : messages) {
         const auto* event = dynamic_cast<const ProcsMessage*>(message.get());
-        std::shared_ptr<ProcsMessage::procInfo> info;
-        if (event != nullptr) {
-            event->GetProcInfo(info);
+        if (event == nullptr) {
+            continue;
         }
+        std::shared_ptr<ProcsMessage::procInfo> info;
+        event->GetProcInfo(info);
         RecordedEvent recorded;
-        if (event != nullptr && event->GetProcFlag() == ProcsMessage::EXIT) {
+        if (event->GetProcFlag() == ProcsMessage::EXIT) {
             recorded.m_kind = Kind::EXIT;
             recorded.m_process.m_pid = event->GetProcPid();
         } else if (info != nullptr) {

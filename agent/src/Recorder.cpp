@@ -53,7 +53,7 @@ std::string Recorder::Start(Framework::Engine& engine, const Settings& settings)
         return "";
     }
     m_engine = &engine;
-    const std::string wrong = TryToStart(path, settings.GetInt("record.megabytes"));
+    std::string wrong = TryToStart(path, settings.GetInt("record.megabytes"));
     if (!wrong.empty()) {
         m_trouble = std::make_unique<SDK::OpenLedger>([path, wrong] {
             SDK::Ledger books;

@@ -70,7 +70,7 @@ std::string RecordingFile::Write(const std::string& lines) {
         if (written > 0) {
             done += static_cast<std::size_t>(written);
         } else if (errno != EINTR) {
-            const std::string wrong = Poco::Error::getMessage(errno);
+            std::string wrong = Poco::Error::getMessage(errno);
             const auto size = static_cast<off_t>(m_size);
             [[maybe_unused]] const bool takenBack =
                 ::ftruncate(m_descriptor.Get(), size) == 0 &&
