@@ -22,17 +22,18 @@ _vmescape_agent() {
     read -ra words <<<"${line%"$word"}"
     local verb=${words[1]-} before=${words[-1]}
     case $verb in
-        '') options='run check status list metrics schema selftest learn version --help --version' ;;
-        run) options='--config --policies --modules --format --output --log-level -o --help' ;;
+        '') options='run check status list metrics schema selftest learn replay version --help --version' ;;
+        run) options='--config --policies --modules --format --output --log-level --record -o --help' ;;
         check) options='--json --help' ;;
         status | list) options='--json --config --socket --help' ;;
         metrics) options='--listen --config --socket --help' ;;
+        replay) options='--config --policies --modules --format --output --log-level --json --help' ;;
         schema) options='--json --help qemu_cmd_detect_feature qemu_file_detect_feature qemu_port_detect_feature agent alarm' ;;
         selftest) options='--json --modules --help' ;;
         learn) options='--for --into --config --policies --modules --json --help' ;;
     esac
     case $before in
-        --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        --config | --socket | --record) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --policies | --modules | --into) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json ocsf ecs' -- "$word") ;;
         --output) mapfile -t COMPREPLY < <(_vmescape_agent_output "$word") ;;
@@ -44,6 +45,8 @@ _vmescape_agent() {
             mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
             if [ "$verb" = check ] && [ "${word#-}" = "$word" ]; then
                 mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.json' -- "$word")
+            elif [ "$verb" = replay ] && [ "${word#-}" = "$word" ]; then
+                mapfile -t COMPREPLY < <(compgen -f -- "$word")
             fi ;;
     esac
     # Something follows a colon.

@@ -94,9 +94,13 @@ int Agent::Run() {
     m_engine = new Framework::Engine;
     int code = StartModules();
     if (code == EXIT_GOOD) {
+        code = StartRecording();
+    }
+    if (code == EXIT_GOOD) {
         code = StartPolicies() && Loop() ? EXIT_GOOD : EXIT_FAILED;
         LogTotals();
     }
+    m_recorder.Stop();
     m_engine->StopModules();
     m_policies.reset();
     m_engine = nullptr;
@@ -129,6 +133,16 @@ int Agent::StartModules() {
         return EXIT_FAILED;
     }
     return EXIT_GOOD;
+}
+
+int Agent::StartRecording() {
+    const std::string wrong = m_recorder.Start(*m_engine, m_settings);
+    if (wrong.empty()) {
+        return EXIT_GOOD;
+    }
+    SDK::LogError(Logger(), "Nothing can be recorded: %s", wrong);
+    // Who asks for a recording at the prompt wants no agent without; a service is to detect.
+    return m_options.Sets("record.file") ? EXIT_FAILED : EXIT_GOOD;
 }
 
 bool Agent::LoadModules() {
@@ -194,6 +208,7 @@ void Agent::DeliverPolicy(const std::string& path, const std::string& text) {
         LogNotice("Policy(%s) is in force", path);
         m_status.TakePolicy(feature, path, text, SDK::TimeUtils::GetCurrentTimestampS());
         m_inventory.TakePolicy(feature, text);
+        m_recorder.TakePolicy(feature, text);
     } else if (result == Result::REFUSED) {
         m_status.RefusePolicy(feature, path, "the module does not take it");
     } else if (result == Result::UNCHANGED) {

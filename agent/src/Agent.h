@@ -2,6 +2,7 @@
 
 #include "Inventory.h"
 #include "Options.h"
+#include "Recorder.h"
 #include "ServiceManager.h"
 #include "Settings.h"
 #include "Status.h"
@@ -37,6 +38,7 @@ public:
 private:
     int CheckPrivileges() const;
     int StartModules();
+    int StartRecording();
     bool LoadModules();
     bool StartPolicies();
     void DeliverPolicy(const std::string& path, const std::string& text);
@@ -51,6 +53,7 @@ private:
     Settings m_settings;
     std::unique_ptr<ModuleLoader> m_loader;  // outlives the engine, whose modules are its code
     Poco::AutoPtr<Framework::Engine> m_engine;
+    Recorder m_recorder;
     std::unique_ptr<PolicyFolder> m_policies;
     const ServiceManager m_manager;
     TaskWatch m_taskWatch;

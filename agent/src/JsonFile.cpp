@@ -17,22 +17,6 @@ namespace Agent {
 
 namespace {
 
-/// @return where the first byte stands that is no part of a character in UTF-8; the length when
-///         there is none
-std::size_t FindNoUtf8(const std::string& text) {
-    const Poco::UTF8Encoding utf8;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-    for (std::size_t at = 0; at < text.size();) {
-        const int length = utf8.sequenceLength(bytes + at, 1);
-        if (length <= 0 || static_cast<std::size_t>(length) > text.size() - at ||
-            !Poco::UTF8Encoding::isLegal(bytes + at, length)) {
-            return at;
-        }
-        at += static_cast<std::size_t>(length);
-    }
-    return text.size();
-}
-
 std::string DescribeByte(char byte) {
     return Poco::format("0x%02x", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
 }
@@ -57,6 +41,20 @@ bool ReadWholeFile(const std::string& path, std::string& text, std::vector<Probl
         return false;
     }
     return true;
+}
+
+std::size_t FindNoUtf8(const std::string& text) {
+    const Poco::UTF8Encoding utf8;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    for (std::size_t at = 0; at < text.size();) {
+        const int length = utf8.sequenceLength(bytes + at, 1);
+        if (length <= 0 || static_cast<std::size_t>(length) > text.size() - at ||
+            !Poco::UTF8Encoding::isLegal(bytes + at, length)) {
+            return at;
+        }
+        at += static_cast<std::size_t>(length);
+    }
+    return text.size();
 }
 
 bool ParseObject(const std::string& path, const std::string& text, Json::Value& object,

@@ -4,6 +4,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,10 @@ inline constexpr std::size_t MAX_FILE_BYTES = 32UL * 1024 * 1024;
 /// Reads a whole regular file.
 /// @return false, and one problem more, when it is none, cannot be read or is too large
 bool ReadWholeFile(const std::string& path, std::string& text, std::vector<Problem>& problems);
+
+/// @return where the first byte stands that is no part of a character in UTF-8; the length when
+///         there is none
+std::size_t FindNoUtf8(const std::string& text);
 
 /// Parses a text that must be a JSON object.
 /// @return false, and one problem more that names line and column, when it is not

@@ -49,6 +49,8 @@ void AddRun(CLI::App& app, Options& options) {
                "Alarms to stdout, file:PATH, journald, syslog, syslog:local:PATH, "
                "syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka, several with commas or options");
     AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
+    AddSetting(*run, options, "--record", "record.file",
+               "New file to record what the detection is told in, for \"replay\"");
     run->add_option_function<std::vector<std::string>>(
            "-o",
            [&options](const std::vector<std::string>& pairs) {
@@ -68,6 +70,28 @@ void AddRun(CLI::App& app, Options& options) {
                 "Exit status: 0 stopped by SIGTERM or SIGINT, 1 failed, 2 usage, 4 a privilege is "
                 "missing, 6 bad configuration.");
     run->callback([&options] { options.m_verb = Options::Verb::RUN; });
+}
+
+void AddReplay(CLI::App& app, Options& options) {
+    CLI::App* replay =
+        app.add_subcommand("replay", "Judge by other policies what \"run --record\" has recorded");
+    replay->add_option("FILE", options.m_recording, "The recording")->required();
+    replay->add_flag("--json", options.m_json, "Write the summary as JSON");
+    replay
+        ->add_option("--config", options.m_config, "Configuration file (/etc/vmescape/agent.json)")
+        ->type_name("FILE");
+    AddSetting(*replay, options, "--policies", "policies", "Folder of the feature policies");
+    AddSetting(*replay, options, "--modules", "modules", "Folder of the modules");
+    AddSetting(*replay, options, "--format", "report.format", "Alarms as text or json");
+    AddOutputs(*replay, options,
+               "Alarms to somewhere else than to stdout, as with run; the configured outputs do "
+               "not count");
+    AddSetting(*replay, options, "--log-level", "log_level", "Least important lines to log");
+    replay->footer(
+        "Alarms carry the recorded time. A summary goes to standard error.\n"
+        "Exit status: 0 replayed, with alarms or without, 1 failed, 2 usage, 6 the recording, a "
+        "policy or the configuration is wrong.");
+    replay->callback([&options] { options.m_verb = Options::Verb::REPLAY; });
 }
 
 void AddCheck(CLI::App& app, Options& options) {
@@ -201,6 +225,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddSchema(app, options);
     AddSelftest(app, options);
     AddLearn(app, options);
+    AddReplay(app, options);
     app.add_subcommand("version", "Print the version")->callback([&options] {
         options.m_verb = Options::Verb::VERSION;
     });

@@ -37,7 +37,7 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 23> kRows = {{
+constexpr std::array<Row, 25> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -72,6 +72,8 @@ constexpr std::array<Row, 23> kRows = {{
      "events that a slow task may fall behind"},
     {"filenotify.backlog", Kind::NUMBER, "65536", "", 1, 10000000,
      "file accesses that a slow task may fall behind"},
+    {"record.file", Kind::TEXT, "", "", 0, 0, "where to record what the detection is told"},
+    {"record.megabytes", Kind::NUMBER, "1024", "", 1, 1 << 20, "how large a recording may become"},
     {"net_collect.holders", Kind::TEXT, "auto", "auto bpf proc", 0, 0,
      "how the processes that hold a socket are found"},
 }};

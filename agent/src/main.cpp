@@ -4,6 +4,7 @@
 #include "ListVerb.h"
 #include "MetricsVerb.h"
 #include "Options.h"
+#include "ReplayVerb.h"
 #include "SchemaVerb.h"
 #include "Selftest.h"
 #include "SelftestActor.h"
@@ -14,7 +15,7 @@
 
 namespace {
 
-int Obey(const Agent::Options& options) {
+int Obey(const Agent::Options& options, char* const* argv) {
     switch (options.m_verb) {
         case Agent::Options::Verb::RUN:
             return Agent::Agent(options).Run();
@@ -31,6 +32,8 @@ int Obey(const Agent::Options& options) {
             return Agent::ExportMetrics(options);
         case Agent::Options::Verb::SCHEMA:
             return Agent::PrintSchema(options);
+        case Agent::Options::Verb::REPLAY:
+            return Agent::BecomePlayer(argv);
         case Agent::Options::Verb::SELFTEST:
             return Agent::Selftest(options).Run();
         case Agent::Options::Verb::SELFTEST_ACTOR:
@@ -50,7 +53,7 @@ int main(int argc, char** argv) {
         if (!Agent::ParseOptions(argc, argv, options, exitCode)) {
             return exitCode;
         }
-        return Obey(options);
+        return Obey(options, argv);
     } catch (const std::exception& exception) {
         std::cerr << "vmescape-agent: " << exception.what() << '\n';
         return Agent::EXIT_FAILED;

@@ -78,7 +78,9 @@ TEST(Completion, IsKnownToBash) {
 }
 
 TEST(Completion, OffersVerbs) {
-    EXPECT_EQ(Complete(""), (Words{"run", "check", "status", "list", "metrics", "schema", "selftest", "learn", "replay", "version", "--help", "--version"}));
+    EXPECT_EQ(Complete(""),
+              (Words{"run", "check", "status", "list", "metrics", "schema", "selftest", "learn",
+                     "replay", "version", "--help", "--version"}));
     EXPECT_EQ(Complete("st"), Words{"status"});
 }
 

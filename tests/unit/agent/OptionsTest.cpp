@@ -46,6 +46,13 @@ TEST_F(CommandLine, OptionsOfRunAreSettingsByAnotherName) {
                                            {"log_level", "debug"}}));
 }
 
+TEST_F(CommandLine, RunTakesAFileToRecordIn) {
+    ASSERT_TRUE(Parse({"run", "--record", "r"}));
+    EXPECT_EQ(m_options.m_settings, (Pairs{{"record.file", "r"}}));
+    EXPECT_TRUE(m_options.Sets("record.file"));
+    EXPECT_FALSE(m_options.Sets("record.megabytes"));
+}
+
 TEST_F(CommandLine, KeysAreSetAnyNumberOfTimes) {
     ASSERT_TRUE(Parse({"run", "-o", "report.queue=7", "-o", "report.output=file:a=b"}));
     EXPECT_EQ(m_options.m_settings, (Pairs{{"report.queue", "7"}, {"report.output", "file:a=b"}}));

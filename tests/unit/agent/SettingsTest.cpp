@@ -37,6 +37,8 @@ TEST_F(Settings, HaveDefaults) {
     EXPECT_EQ(m_settings.Get("policies"), "/etc/vmescape/policies");
     EXPECT_EQ(m_settings.Get("report.format"), "auto");
     EXPECT_EQ(m_settings.GetInt("cpu_share"), 0);
+    EXPECT_EQ(m_settings.Get("record.file"), "");
+    EXPECT_EQ(m_settings.GetInt("record.megabytes"), 1024);
     EXPECT_FALSE(m_settings.Has("policies"));
     EXPECT_TRUE(m_settings.GetList("optional_modules").empty());
 }
