@@ -10,7 +10,7 @@ _vmescape_agent() {
         --config | --socket) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         --policies | --modules) mapfile -t COMPREPLY < <(compgen -d -- "$word") ;;
         --format) mapfile -t COMPREPLY < <(compgen -W 'auto text json' -- "$word") ;;
-        --output) mapfile -t COMPREPLY < <(compgen -W 'stdout file: json:stdout text:stdout json:file: text:file: syslog syslog:unix: syslog:tcp:' -- "$word") ;;
+        --output) mapfile -t COMPREPLY < <(compgen -W 'stdout file: json:stdout text:stdout json:file: text:file: syslog syslog:unix: syslog:tcp: webhook' -- "$word") ;;
         --log-level)
             mapfile -t COMPREPLY < <(compgen -W 'fatal critical error warning notice information debug trace' -- "$word") ;;
         *)

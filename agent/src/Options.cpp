@@ -44,8 +44,8 @@ void AddRun(CLI::App& app, Options& options) {
     AddSetting(*run, options, "--modules", "modules", "Folder of the modules");
     AddSetting(*run, options, "--format", "report.format", "Alarms as text or json");
     AddOutputs(*run, options,
-               "Alarms to stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH or "
-               "syslog:tcp:HOST:PORT, "
+               "Alarms to stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH, "
+               "syslog:tcp:HOST:PORT or webhook, "
                "several with commas or options");
     AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
     run->add_option_function<std::vector<std::string>>(

@@ -35,7 +35,7 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 15> kRows = {{
+constexpr std::array<Row, 20> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -48,6 +48,13 @@ constexpr std::array<Row, 15> kRows = {{
     {"report.format", Kind::TEXT, "auto", "auto text json", 0, 0, "how alarms are written"},
     {"report.color", Kind::TEXT, "auto", "auto always never", 0, 0, "colours in text alarms"},
     {"report.queue", Kind::NUMBER, "8192", "", 1, 1000000, "alarms that may wait for the output"},
+    {"report.webhook.url", Kind::TEXT, "", "", 0, 0, "where the output webhook posts alarms to"},
+    {"report.webhook.headers_file", Kind::TEXT, "", "", 0, 0,
+     "file of \"Name: value\" lines, such as tokens, that nobody else may read"},
+    {"report.webhook.ca", Kind::TEXT, "", "", 0, 0,
+     "file of the authorities that are trusted, empty: the system's"},
+    {"report.webhook.batch", Kind::NUMBER, "100", "", 1, 10000, "alarms in one request"},
+    {"report.webhook.timeout", Kind::NUMBER, "5", "", 1, 300, "seconds for a request"},
     {"process_collect.source", Kind::TEXT, "auto", "auto bpf connector", 0, 0,
      "where process events come from"},
     {"process_collect.ring_bytes", Kind::NUMBER, "4194304", "", 4096, 1 << 30,
@@ -87,9 +94,8 @@ std::string Expected(const Row& row) {
         return "a list of strings";
     }
     if (row.m_kind == Kind::OUTPUTS) {
-        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH or "
-               "syslog:tcp:HOST:PORT, or several of "
-               "them";
+        return "stdout, file:PATH, syslog, syslog:local:PATH, syslog:unix:PATH, "
+               "syslog:tcp:HOST:PORT or webhook, or several of them";
     }
     return *row.m_allowed == '\0' ? std::string("a string")
                                   : "one of: " + std::string(row.m_allowed);
@@ -98,7 +104,7 @@ std::string Expected(const Row& row) {
 /// One place for alarms, with or without a format before it.
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(
-        "^((text|json):)?(stdout|file:.+|syslog|syslog:(local|unix):/"
+        "^((text|json):)?(stdout|webhook|file:.+|syslog|syslog:(local|unix):/"
         ".+|syslog:tcp:.+:[0-9]{1,5})$");
     return output.match(text);
 }

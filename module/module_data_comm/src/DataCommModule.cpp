@@ -6,6 +6,7 @@
 #include "LineWriter.h"
 #include "ReportTask.h"
 #include "SyslogWriter.h"
+#include "WebhookWriter.h"
 #include "sdk/StrUtils.h"
 
 #include <Poco/Util/Application.h>
@@ -25,12 +26,15 @@ constexpr int kDefaultQueue = 8192;
 constexpr const char* kFilePrefix = "file:";
 constexpr const char* kSyslog = "syslog";
 constexpr const char* kSyslogPrefix = "syslog:";
+constexpr const char* kWebhook = "webhook";
 constexpr const char* kFormats[] = {"text", "json"};
 
 using Settings = Poco::Util::AbstractConfiguration;
 
 /// The output that the configuration names, or null when it cannot be opened (logged).
-std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
+/// @param json  whether it gets JSON when it is no terminal
+std::unique_ptr<AlarmWriter> OpenOutput(const Settings& settings, const std::string& output,
+                                        bool json) {
     const auto behind = [&output](const char* prefix) {
         return output.substr(std::char_traits<char>::length(prefix));
     };
@@ -43,10 +47,13 @@ std::unique_ptr<AlarmWriter> OpenOutput(const std::string& output) {
     if (output.rfind(kSyslogPrefix, 0) == 0) {
         return SyslogWriter::Open(behind(kSyslogPrefix));
     }
+    if (output == kWebhook) {
+        return WebhookWriter::Open(settings, json);
+    }
     if (output != "stdout") {
         SDK::LogError(GetDataCommLogger(),
                       "report.output(%s) is not understood, expected stdout, file:PATH, syslog, "
-                      "syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT",
+                      "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or webhook",
                       output);
         return nullptr;
     }
@@ -76,7 +83,7 @@ AlarmFormatter MakeFormatter(const Settings& settings, const std::string& format
 /// @return null when the output cannot be had (logged)
 std::unique_ptr<AlarmSink> MakeSink(const Settings& settings, std::string output) {
     const std::string format = TakeFormat(output, settings.getString("report.format", "auto"));
-    std::unique_ptr<AlarmWriter> writer = OpenOutput(output);
+    std::unique_ptr<AlarmWriter> writer = OpenOutput(settings, output, format != "text");
     if (writer == nullptr) {
         return nullptr;
     }

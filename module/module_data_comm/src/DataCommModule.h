@@ -15,6 +15,7 @@ class ReportTask;
 ///                  name its own format before it: "text:stdout,json:file:PATH"
 ///   report.format  "text", "json", or "auto" (default): text on a terminal, JSON elsewhere
 ///   report.color   "always", "never", or "auto" (default): on a terminal
+///   report.webhook.*  the server of the output "webhook", see WebhookWriter
 ///   report.queue   documents that may wait for each output (default 8192)
 class DataCommModule : public Framework::Module {
 public:

@@ -97,7 +97,7 @@ TEST_F(DataCommModule, RefusesAnOutputThatItDoesNotKnow) {
     EXPECT_THROW(Start("json:nowhere"), Poco::Exception);
     EXPECT_TRUE(m_log.Contains(
         "report.output(nowhere) is not understood, expected stdout, file:PATH, syslog, "
-        "syslog:local:PATH, syslog:unix:PATH or syslog:tcp:HOST:PORT"));
+        "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or webhook"));
 }
 
 TEST_F(DataCommModule, StartsAgainAfterItsStop) {
