@@ -10,7 +10,7 @@ _vmescape_agent_output() {
         file:* | syslog:local:* | syslog:unix:*)
             compgen -f -P "$format${typed%"${typed##*:}"}" -- "${typed##*:}" ;;
         *)
-            compgen -P "$format" -W "$formats stdout file: journald syslog syslog:local: syslog:unix: syslog:tcp: kafka" \
+            compgen -P "$format" -W "$formats stdout file: journald syslog syslog:local: syslog:unix: syslog:tcp: webhook kafka" \
                 -- "$typed" ;;
     esac
 }

@@ -15,7 +15,8 @@ ninja-build|runs the build
 ccache|keeps repeated builds short
 pkg-config|finds libraries
 binutils|readelf and nm, with which tests look at the module
-libpoco-dev|application frame, logging, shared libraries
+libpoco-dev|application frame, logging, shared libraries, HTTP and TLS
+libssl-dev|verifies whom alarms are sent to over TLS
 libjsoncpp-dev|policies and alarms
 libbpf-dev|loads BPF programs
 bpftool|turns BPF objects into headers
@@ -35,7 +36,8 @@ fatrace|peer of the file collector in its benchmark
 lsof|peer of the socket table in its benchmark
 qemu-system-x86|the virtual machine that the demo and the live tests watch
 qemu-utils|disk images for that machine
-python3|drives the monitor of that machine
+python3|drives the monitor of that machine, and is the web server of a live test
+openssl|certificates for tests of TLS
 iproute2|network devices for tests
 util-linux|unshare, a network of its own for tests
 systemd|checks the unit file of the service

@@ -47,7 +47,8 @@ void AddRun(CLI::App& app, Options& options) {
     AddSetting(*run, options, "--format", "report.format", "Alarms as text, json, ocsf or ecs");
     AddOutputs(*run, options,
                "Alarms to stdout, file:PATH, journald, syslog, syslog:local:PATH, "
-               "syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka, several with commas or options");
+               "syslog:unix:PATH, syslog:tcp:HOST:PORT, webhook or kafka, several with commas or "
+               "options");
     AddSetting(*run, options, "--log-level", "log_level", "Least important lines to log");
     AddSetting(*run, options, "--record", "record.file",
                "New file to record what the detection is told in, for \"replay\"");

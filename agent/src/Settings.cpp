@@ -37,7 +37,7 @@ constexpr const char* kDefaultConfig = "/etc/vmescape/agent.json";
 
 constexpr const char* kLevels = "fatal critical error warning notice information debug trace";
 
-constexpr std::array<Row, 25> kRows = {{
+constexpr std::array<Row, 30> kRows = {{
     {"policies", Kind::TEXT, "/etc/vmescape/policies", "", 0, 0, "folder of the feature policies"},
     {"modules", Kind::TEXT, "", "", 0, 0, "folder of the modules"},
     {"optional_modules", Kind::LIST, "", "", 0, 0, "modules whose absence is no error"},
@@ -64,6 +64,13 @@ constexpr std::array<Row, 25> kRows = {{
     {"report.spool.folder", Kind::TEXT, "/var/lib/vmescape/spool", "", 0, 0,
      "where alarms wait for a server that is away, empty: in memory"},
     {"report.spool.megabytes", Kind::NUMBER, "64", "", 1, 1000000, "how much may wait there"},
+    {"report.webhook.url", Kind::TEXT, "", "", 0, 0, "where the output webhook posts alarms to"},
+    {"report.webhook.headers_file", Kind::TEXT, "", "", 0, 0,
+     "file of \"Name: value\" lines, such as tokens, that nobody else may read"},
+    {"report.webhook.ca", Kind::TEXT, "", "", 0, 0,
+     "file of the authorities that are trusted, empty: the system's"},
+    {"report.webhook.batch", Kind::NUMBER, "100", "", 1, 10000, "alarms in one request"},
+    {"report.webhook.timeout", Kind::NUMBER, "5", "", 1, 300, "seconds for a request"},
     {"process_collect.source", Kind::TEXT, "auto", "auto bpf connector", 0, 0,
      "where process events come from"},
     {"process_collect.ring_bytes", Kind::NUMBER, "4194304", "", 4096, 1 << 30,
@@ -106,7 +113,7 @@ std::string Expected(const Row& row) {
     }
     if (row.m_kind == Kind::OUTPUTS) {
         return "stdout, file:PATH, journald, syslog, syslog:local:PATH, syslog:unix:PATH, "
-               "syslog:tcp:HOST:PORT or kafka, or several of them";
+               "syslog:tcp:HOST:PORT, webhook or kafka, or several of them";
     }
     return *row.m_allowed == '\0' ? std::string("a string")
                                   : "one of: " + std::string(row.m_allowed);
@@ -115,7 +122,7 @@ std::string Expected(const Row& row) {
 /// One place for alarms, with or without a format before it.
 constexpr const char* kOutput =
     "^((text|json|ocsf|ecs):)?(stdout|file:.+|journald|syslog|syslog:(local|unix):/"
-    ".+|syslog:tcp:.+:[0-9]{1,5}|kafka)$";
+    ".+|syslog:tcp:.+:[0-9]{1,5}|webhook|kafka)$";
 
 bool IsOutput(const std::string& text) {
     static const Poco::RegularExpression output(kOutput);

@@ -6,6 +6,7 @@
 #include "KafkaWriter.h"
 #include "LineWriter.h"
 #include "SyslogWriter.h"
+#include "WebhookWriter.h"
 
 #include <unistd.h>
 
@@ -25,6 +26,7 @@ constexpr int kDefaultSpoolMegabytes = 64;
 constexpr std::uint64_t kMegabyte = 1 << 20;
 
 constexpr const char* kKafka = "kafka";
+constexpr const char* kWebhook = "webhook";
 
 constexpr const char* kFormats[] = {"text", "json", "ocsf", "ecs"};
 
@@ -37,7 +39,7 @@ std::optional<std::string> Behind(const std::string& text, const std::string& pr
 
 std::unique_ptr<AlarmSink> OutputFactory::Make(std::string output) const {
     const std::string format = TakeFormat(output);
-    std::unique_ptr<AlarmWriter> writer = MakeWriter(output);
+    std::unique_ptr<AlarmWriter> writer = MakeWriter(output, format);
     std::unique_ptr<AlarmSpool> spool;
     if (writer == nullptr || !MakeSpool(output, spool)) {
         return nullptr;
@@ -60,7 +62,8 @@ std::string OutputFactory::TakeFormat(std::string& output) const {
     return m_settings.getString("report.format", "auto");
 }
 
-std::unique_ptr<AlarmWriter> OutputFactory::MakeWriter(const std::string& output) const {
+std::unique_ptr<AlarmWriter> OutputFactory::MakeWriter(const std::string& output,
+                                                       const std::string& format) const {
     if (output == "stdout") {
         return std::make_unique<LineWriter>(STDOUT_FILENO, "stdout");
     }
@@ -76,12 +79,16 @@ std::unique_ptr<AlarmWriter> OutputFactory::MakeWriter(const std::string& output
     if (const auto place = Behind(output, "syslog:")) {
         return SyslogWriter::Open(*place);
     }
+    if (output == kWebhook) {
+        return WebhookWriter::Open(m_settings, format != "text");
+    }
     if (output == kKafka) {
         return MakeKafka();
     }
     SDK::LogError(GetDataCommLogger(),
                   "report.output(%s) is not understood, expected stdout, file:PATH, journald, "
-                  "syslog, syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka",
+                  "syslog, syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT, webhook or "
+                  "kafka",
                   output);
     return nullptr;
 }
@@ -131,7 +138,7 @@ AlarmFormatter OutputFactory::MakeFormatter(const std::string& format,
 /// @return false when the one that it should have cannot be had (logged)
 bool OutputFactory::MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool) const {
     const std::string folder = m_settings.getString("report.spool.folder", kDefaultSpool);
-    if (output != kKafka || folder.empty()) {
+    if ((output != kKafka && output != kWebhook) || folder.empty()) {
         return true;
     }
     const auto megabytes = static_cast<std::uint64_t>(

@@ -12,8 +12,8 @@ namespace Engine {
 /// Makes outputs as the configuration describes them.
 ///
 ///   report.output  "stdout" (default), "file:PATH", "journald", "syslog" with or without a server,
-///                  "kafka", or several with commas between; each may name its own format before
-///                  it: "text:stdout,json:file:PATH"
+///                  "webhook", "kafka", or several with commas between; each may name its own
+///                  format before it: "text:stdout,json:file:PATH"
 ///   report.format  "text", "json", "ocsf", "ecs", or "auto" (default): text on a terminal and in
 ///                  the journal, JSON elsewhere
 ///   report.color   "always", "never", or "auto" (default): on a terminal
@@ -21,6 +21,7 @@ namespace Engine {
 ///   report.file.megabytes  after which a file is rotated; 0 (default): never
 ///   report.file.keep       rotated files that are kept (default 8)
 ///   report.file.full       on a full file system "drop" (default), "rotate" or "wait"
+///   report.webhook.*       see WebhookWriter
 ///   report.kafka.brokers, report.kafka.topic, report.kafka.properties_file   see KafkaSettings
 ///   report.spool.folder, report.spool.megabytes  where alarms wait for a server that is away
 ///
@@ -38,7 +39,8 @@ public:
 
 private:
     std::string TakeFormat(std::string& output) const;
-    std::unique_ptr<AlarmWriter> MakeWriter(const std::string& output) const;
+    std::unique_ptr<AlarmWriter> MakeWriter(const std::string& output,
+                                            const std::string& format) const;
     std::unique_ptr<AlarmWriter> MakeFile(const std::string& path) const;
     std::unique_ptr<AlarmWriter> MakeKafka() const;
     AlarmFormatter MakeFormatter(const std::string& format, const AlarmWriter& writer) const;

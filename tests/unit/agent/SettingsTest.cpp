@@ -104,6 +104,17 @@ TEST_F(Settings, OutputsMayNameEachFormat) {
     }
 }
 
+TEST_F(Settings, TheWebhookIsAnOutputWithKeysOfItsOwn) {
+    EXPECT_EQ(Load(R"({"report": {"output": ["json:webhook", "webhook"],
+                                  "webhook": {"url": "https://host/", "batch": 7}}})"),
+              Lines());
+    EXPECT_EQ(m_settings.Get("report.webhook.url"), "https://host/");
+    EXPECT_EQ(m_settings.GetInt("report.webhook.batch"), 7);
+    EXPECT_EQ(m_settings.GetInt("report.webhook.timeout"), 5);
+    EXPECT_NE(m_settings.Set("report.output", "webhook:https://host/"), "");
+    EXPECT_NE(m_settings.Set("report.webhook.batch", "0"), "");
+}
+
 TEST_F(Settings, OutputsThatNobodyKnowsAreRefused) {
     for (const char* output :
          {"", "stderr", "file:", "xml:stdout", "stdout,", "json:", "auto:stdout", "OCSF:stdout"}) {

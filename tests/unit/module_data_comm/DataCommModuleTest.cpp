@@ -149,7 +149,8 @@ TEST_F(DataCommModule, RefusesAnOutputThatItDoesNotKnow) {
     EXPECT_THROW(Start("json:nowhere"), Poco::Exception);
     EXPECT_TRUE(m_log.Contains(
         "report.output(nowhere) is not understood, expected stdout, file:PATH, journald, syslog, "
-        "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT or kafka"));
+        "syslog:local:PATH, syslog:unix:PATH, syslog:tcp:HOST:PORT, webhook or "
+        "kafka"));
 }
 
 TEST_F(DataCommModule, HandsAlarmsToKafkaInTheFormatThatTheOutputNames) {
