@@ -1,5 +1,6 @@
 #include "KafkaSettings.h"
 
+#include "GuardedFile.h"
 #include "sdk/StrUtils.h"
 
 #include <Poco/Error.h>
@@ -11,6 +12,10 @@
 namespace Engine {
 
 bool KafkaSettings::ReadProperties(const std::string& path, std::string& wrong) {
+    wrong = GuardedFile::WhyNot(path, GuardedFile::Others::MAY_NOT_READ);
+    if (!wrong.empty()) {
+        return false;
+    }
     std::ifstream file(path);
     if (!file) {
         wrong = Poco::format("%s: %s", path, Poco::Error::getMessage(errno));

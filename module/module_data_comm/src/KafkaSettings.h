@@ -14,7 +14,8 @@ struct KafkaSettings {
     std::vector<std::pair<std::string, std::string>> m_properties;
 
     /// Reads properties, one NAME=VALUE a line; empty lines and those that begin with # are left
-    /// out. Such a file may hold passwords, which never get into a message of this function.
+    /// out. Such a file may hold passwords: nobody else may be able to read it, and what stands in
+    /// it never gets into a message of this function.
     /// @param wrong  set to file, line and what was expected
     /// @return false when the file cannot be read, or a line is not understood
     bool ReadProperties(const std::string& path, std::string& wrong);

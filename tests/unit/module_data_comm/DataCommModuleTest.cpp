@@ -11,6 +11,8 @@
 #include <Poco/Exception.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 
 namespace {
@@ -171,6 +173,7 @@ TEST_F(DataCommModule, RefusesKafkaWithoutBrokersAndWithPropertiesThatAreWrong) 
     m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
     m_engine->config().setString("report.kafka.properties_file",
                                  m_folder.Write("properties", "one\n"));
+    ::chmod((m_folder / "properties").c_str(), S_IRUSR | S_IWUSR);
     EXPECT_THROW(m_engine->StartModules(), Poco::Exception);
     EXPECT_TRUE(m_log.Contains("Output(kafka) cannot be had: " + m_folder / "properties" +
                                ":1: expected NAME=VALUE"));

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 using Engine::KafkaSettings;
@@ -12,6 +14,7 @@ class Properties : public testing::Test {
 protected:
     bool Read(const std::string& text) {
         m_folder.Write("kafka.properties", text);
+        ::chmod(m_path.c_str(), S_IRUSR | S_IWUSR);
         return m_settings.ReadProperties(m_path, m_wrong);
     }
 
@@ -37,7 +40,15 @@ TEST_F(Properties, AreRefusedWithFileAndLineAndWithoutTheirText) {
 
 TEST_F(Properties, OfAFileThatIsNotThereAreAnError) {
     EXPECT_FALSE(m_settings.ReadProperties(m_folder / "nothing", m_wrong));
-    EXPECT_EQ(m_wrong, m_folder / "nothing" + ": No such file or directory");
+    EXPECT_EQ(m_wrong, m_folder / "nothing" + " cannot be examined: No such file or directory");
+}
+
+TEST_F(Properties, AreRefusedWhereOthersMayReadThem) {
+    m_folder.Write("kafka.properties", "sasl.password=a\n");
+    ::chmod(m_path.c_str(), 0644);
+    EXPECT_FALSE(m_settings.ReadProperties(m_path, m_wrong));
+    EXPECT_EQ(m_wrong, m_path + " may be read by others (mode 0644), expected 0600 at the most");
+    EXPECT_TRUE(m_settings.m_properties.empty());
 }
 
 }  // namespace
