@@ -40,7 +40,7 @@ python3|drives the monitor of that machine, and is the web server of a live test
 openssl|certificates for tests of TLS
 iproute2|network devices for tests
 util-linux|unshare, a network of its own for tests
-systemd|checks the unit file of the service
+systemd|checks the unit file of the service; its journal takes alarms in a live test
 dpkg-dev|finds what the Debian package depends on
 file|tells which of its files are programs
 lintian|checks the Debian package

@@ -29,6 +29,7 @@ public:
     SmallDisk(const SmallDisk&) = delete;
     SmallDisk& operator=(const SmallDisk&) = delete;
 
+    const std::string& Path() const { return m_folder.Path(); }
     std::string operator/(const std::string& name) const { return m_folder / name; }
 
     /// Takes all the room that is left.

@@ -21,7 +21,7 @@ int DataCommModule::Init() {
     const OutputFactory::Settings& settings = Poco::Util::Application::instance().config();
     std::vector<std::string> outputs;
     SDK::StrUtils::Split(settings.getString("report.output", "stdout"), ",", outputs);
-    const OutputFactory factory(settings);
+    OutputFactory factory(settings);
     m_task = new ReportTask;
     for (const std::string& output : outputs) {
         std::unique_ptr<AlarmSink> sink = factory.Make(output);

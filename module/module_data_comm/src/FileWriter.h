@@ -11,8 +11,9 @@
 namespace Engine {
 
 /// Appends whole lines to the file at a path. A line that cannot be written whole is taken back, so
-/// that the file never holds a torn one; a torn one that a crash left gets its end. A file that was
-/// renamed or removed, as log rotation does, is made anew. A file may be rotated by its size.
+/// that the file holds no torn one; a torn one that a crash left, or that may not be taken back,
+/// gets its end before the next. A file that was renamed or removed, as log rotation does, is made
+/// anew. A file may be rotated by its size.
 ///
 /// What stands at the path may also be a named pipe with a reader, or a device: then lines are
 /// written to it, and nothing more.

@@ -123,7 +123,7 @@ int JournalWriter::SendAsFile(int journal, const std::string& entry) {
         ::write(file.Get(), entry.data(), entry.size()) != static_cast<ssize_t>(entry.size()) ||
         ::fcntl(file.Get(), F_ADD_SEALS, seals) != 0) {
         m_retry = false;  // those behind it are smaller
-        return errno;
+        return errno;     // after a short write still that of the datagram: too large
     }
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
     msghdr message{};

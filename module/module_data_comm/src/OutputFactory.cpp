@@ -37,7 +37,7 @@ std::optional<std::string> Behind(const std::string& text, const std::string& pr
 
 }  // namespace
 
-std::unique_ptr<AlarmSink> OutputFactory::Make(std::string output) const {
+std::unique_ptr<AlarmSink> OutputFactory::Make(std::string output) {
     const std::string format = TakeFormat(output);
     std::unique_ptr<AlarmWriter> writer = MakeWriter(output, format);
     std::unique_ptr<AlarmSpool> spool;
@@ -134,17 +134,20 @@ AlarmFormatter OutputFactory::MakeFormatter(const std::string& format,
     return AlarmFormatter(style, colored, HostIdentity::Read());
 }
 
-/// Outputs to servers that may be away for long have a spool.
+/// Outputs to servers that may be away for long have a spool. A second output of a kind, as for
+/// another format, has one of its own.
 /// @return false when the one that it should have cannot be had (logged)
-bool OutputFactory::MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool) const {
+bool OutputFactory::MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool) {
     const std::string folder = m_settings.getString("report.spool.folder", kDefaultSpool);
     if ((output != kKafka && output != kWebhook) || folder.empty()) {
         return true;
     }
     const auto megabytes = static_cast<std::uint64_t>(
         m_settings.getInt("report.spool.megabytes", kDefaultSpoolMegabytes));
+    const int number = ++m_spools[output];
+    const std::string name = number == 1 ? output : output + '-' + std::to_string(number);
     std::string why;
-    spool = AlarmSpool::Open(folder, output, megabytes * kMegabyte, why);
+    spool = AlarmSpool::Open(folder, name, megabytes * kMegabyte, why);
     if (spool == nullptr) {
         SDK::LogError(GetDataCommLogger(), "The spool of output(%s) cannot be had: %s", output,
                       why);

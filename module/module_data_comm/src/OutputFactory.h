@@ -4,6 +4,7 @@
 
 #include <Poco/Util/AbstractConfiguration.h>
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -35,7 +36,7 @@ public:
 
     /// @param output  one output, with or without its format
     /// @return null when it cannot be had (logged)
-    std::unique_ptr<AlarmSink> Make(std::string output) const;
+    std::unique_ptr<AlarmSink> Make(std::string output);
 
 private:
     std::string TakeFormat(std::string& output) const;
@@ -44,9 +45,10 @@ private:
     std::unique_ptr<AlarmWriter> MakeFile(const std::string& path) const;
     std::unique_ptr<AlarmWriter> MakeKafka() const;
     AlarmFormatter MakeFormatter(const std::string& format, const AlarmWriter& writer) const;
-    bool MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool) const;
+    bool MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool);
 
     const Settings& m_settings;
+    std::map<std::string, int> m_spools;  // made so far, by output
 };
 
 }  // namespace Engine

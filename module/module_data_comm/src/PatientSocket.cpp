@@ -3,8 +3,6 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/StreamSocketImpl.h>
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -45,7 +43,7 @@ public:
             Wait(SELECT_WRITE);
             const int left = length - done;
             // NOLINTNEXTLINE(bugprone-parent-virtual-call): the parent's own does not come back
-            const int sent = SocketImpl::sendBytes(bytes + done, left, flags | MSG_NOSIGNAL);
+            const int sent = SocketImpl::sendBytes(bytes + done, left, flags);
             done += std::max(sent, 0);
         }
         return length;

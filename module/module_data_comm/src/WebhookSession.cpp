@@ -20,7 +20,6 @@ namespace Engine {
 namespace {
 
 constexpr std::size_t kMaxAnswer = 65536;
-constexpr int kMaxFields = 100;
 
 constexpr const char* kRetryAfter = "Retry-After";
 constexpr const char* kLocation = "Location";
@@ -87,7 +86,6 @@ void WebhookSession::Send(Poco::Net::HTTPRequest& request, const std::string& bo
 
 WebhookAnswer WebhookSession::Receive() {
     Poco::Net::HTTPResponse response;
-    response.setFieldLimit(kMaxFields);
     std::istream& stream = receiveResponse(response);
     WebhookAnswer answer;
     answer.m_status = response.getStatus();

@@ -98,7 +98,8 @@ protected:
                 "--output",    "webhook",
                 "-o",          "report.webhook.url=" + server.Url(),
                 "-o",          "report.webhook.headers_file=" + headers,
-                "-o",          "report.webhook.ca=" + certificates.Authority()};
+                "-o",          "report.webhook.ca=" + certificates.Authority(),
+                "-o",          "report.spool.folder=" + headers + ".spool"};
     }
 
     /// The commands "/usr/bin/true ..." that alarms are about, in their order.

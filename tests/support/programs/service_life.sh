@@ -31,6 +31,13 @@ property() { manage show --property "$1" --value vmescape-agent; }
 mkdir -p /run/systemd
 mount -t tmpfs none /run/systemd
 mkdir /run/systemd/system
+# The journal takes alarms too: an empty one, which leaves the host's, its kernel log and its audit alone.
+mkdir -p /run/log
+mount -t tmpfs none /run/log
+mkdir /run/systemd/journald.conf.d
+printf '[Journal]\nStorage=volatile\nAudit=\nReadKMsg=no\nForwardToSyslog=no\nForwardToWall=no\n' \
+    >/run/systemd/journald.conf.d/test.conf
+setpriv --pdeathsig TERM /lib/systemd/systemd-journald &
 chmod 755 "$folder"
 mkdir -p -m 700 "$folder/run"
 mkdir -p "$folder/.config/systemd/user" "$folder/policies" "$folder/secrets"
@@ -48,7 +55,7 @@ policy() { # FEATURE CONTENT
 policy qemu_cmd_detect_feature '"monitor_list":[{"virtcmd":"vmescape-trial","cmdlist":[]}]'
 policy qemu_file_detect_feature "\"senstive_dirs\":[\"$folder/secrets\"],\"monitor_list\":[{\"virtmonitor\":\"vmescape-trial\",\"filelist\":[]}]"
 policy qemu_port_detect_feature '"monitor_list":[{"virtmonitor":"vmescape-trial","portlist":[]}]'
-options="run --policies $folder/policies --output file:$folder/alarms -o status.socket=$folder/socket"
+options="run --policies $folder/policies --output file:$folder/alarms,journald -o status.socket=$folder/socket"
 sed -e "s|^ExecStart=.*|ExecStart=$agent $options|" -e 's/^WatchdogSec=.*/WatchdogSec=2/' "$unit" \
     >"$folder/.config/systemd/user/vmescape-agent.service"
 manage daemon-reload
@@ -78,6 +85,10 @@ touch_and_look() {
 wait_for 20 touch_and_look || fail 'no alarm of a file'
 wait_for 30 sees_all || fail 'no alarm of a command or a port'
 exec 9>&-
+in_journal() { journalctl --directory="$(echo /run/log/journal/*)" VMESCAPE_CLASS="$1" | grep -q vm-service; }
+for class in vmescape_0001 vmescape_0002 vmescape_0003; do
+    wait_for 10 in_journal "$class" || fail "the journal has no alarm $class"
+done
 
 echo "it is fed by the agent, so that it waits"
 kept=$(date +%s)

@@ -115,6 +115,22 @@ TEST_F(Settings, TheWebhookIsAnOutputWithKeysOfItsOwn) {
     EXPECT_NE(m_settings.Set("report.webhook.batch", "0"), "");
 }
 
+TEST_F(Settings, TheJournalIsAnOutput) {
+    EXPECT_EQ(m_settings.Set("report.output", "journald,json:journald"), "");
+    EXPECT_NE(m_settings.Set("report.output", "journald:"), "");
+}
+
+TEST_F(Settings, FilesMayBeRotatedAndSayWhatAFullDiskCosts) {
+    EXPECT_EQ(Load(R"({"report": {"file": {"megabytes": 100, "keep": 3, "full": "wait"}}})"),
+              Lines());
+    EXPECT_EQ(m_settings.GetInt("report.file.megabytes"), 100);
+    EXPECT_EQ(m_settings.GetInt("report.file.keep"), 3);
+    EXPECT_EQ(m_settings.Get("report.file.full"), "wait");
+    EXPECT_EQ(Load(R"({"report": {"file": {"keep": 0, "full": "no"}}})"),
+              (Lines{"/report/file/full: expected one of: drop rotate wait, found \"no\"",
+                     "/report/file/keep: expected a whole number from 1 to 999, found \"0\""}));
+}
+
 TEST_F(Settings, OutputsThatNobodyKnowsAreRefused) {
     for (const char* output :
          {"", "stderr", "file:", "xml:stdout", "stdout,", "json:", "auto:stdout", "OCSF:stdout"}) {

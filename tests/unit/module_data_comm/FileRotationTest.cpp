@@ -146,6 +146,8 @@ TEST_F(FileRotationTest, MakesRoomOldestFirstAndSaysHowMuch) {
     m_folder.Write("alarms", "text\n");
     m_folder.Write("alarms.2", "12345\n");
     m_folder.Write("alarms.10", "123\n");
+    m_folder.Write("alarms.050", "other\n");
+    m_folder.Write("alarms.50x", "other\n");
     const FileRotation rotation(m_path, 0, 8);
     EXPECT_TRUE(rotation.RemoveOldest());
     EXPECT_FALSE(Exists("10"));

@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <set>
@@ -91,6 +92,7 @@ protected:
 };
 
 TEST_F(FileWriterFullDisk, DropsAndCountsWhatHasNoRoom) {
+    std::ofstream(m_path + ".1") << "";
     const auto sink = Sink(WhenFull::DROP);
     OfferAll(*sink);
     ASSERT_TRUE(WaitUntil([&] { return Written(*sink) + Failed(*sink) == kAlarms; }));
@@ -99,6 +101,7 @@ TEST_F(FileWriterFullDisk, DropsAndCountsWhatHasNoRoom) {
     EXPECT_EQ(Written(*sink), static_cast<std::uint64_t>(Count()));
     EXPECT_EQ(BooksOf(*sink).m_trouble,
               "Output(" + m_path + ") cannot be written: No space left on device");
+    EXPECT_TRUE(fs::exists(m_path + ".1")) << "nobody said that it may go";
 }
 
 TEST_F(FileWriterFullDisk, WaitsForRoomAndThenLosesNothing) {

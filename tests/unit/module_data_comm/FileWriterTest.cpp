@@ -98,6 +98,7 @@ TEST_F(FileWriterTest, NeverRotatesAPipe) {
     text.resize(static_cast<std::size_t>(::read(reader.Get(), text.data(), text.size())));
     EXPECT_EQ(text, "one\ntwo\n");
     EXPECT_FALSE(fs::exists(Rotated(1)));
+    EXPECT_TRUE(m_log.Texts(Poco::Message::PRIO_ERROR).empty());
 }
 
 TEST_F(FileWriterTest, TakesBackALineThatWasNotWrittenWhole) {

@@ -59,7 +59,7 @@ TEST_F(PatientSocketTo, AServerThatTakesNothingIsNotWrittenForever) {
     });
 }
 
-TEST_F(PatientSocketTo, NobodySaysSo) {
+TEST_F(PatientSocketTo, APlaceWithoutServerSaysSo) {
     Poco::Net::SocketAddress address;
     {
         const SilentServer server;
@@ -90,7 +90,7 @@ TEST_F(PatientSocketTo, AServerThatIsSlowSendsAndTakesEverything) {
     EXPECT_EQ(taken, much.size());
 }
 
-TEST_F(PatientSocketTo, AServerThatHasGoneEndsWithAnErrorAndWithoutASignal) {
+TEST_F(PatientSocketTo, AServerThatHasGoneSaysSo) {
     SilentServer server;
     PatientSocket socket(server.Address(), Patience());
     {
