@@ -9,6 +9,13 @@ target_compile_options(vmescape_settings INTERFACE
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_compile_options(vmescape_settings INTERFACE -Wthread-safety)
 endif()
+# What distributions build their programs with. The sanitizers look closer than the checks of the C library, which
+# need optimization.
+if(NOT VMESCAPE_SANITIZE AND NOT VMESCAPE_FUZZ AND CMAKE_BUILD_TYPE MATCHES "^Rel")
+    target_compile_options(vmescape_settings INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
+        -fstack-protector-strong)
+endif()
+target_link_options(vmescape_settings INTERFACE LINKER:-z,relro,-z,now)
 if(VMESCAPE_SANITIZE)
     set(sanitize -fsanitize=${VMESCAPE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     # The checks woven into the code mislead GCC's own flow analysis; the other builds keep these.

@@ -36,11 +36,17 @@ std::string TaskLine(const Json::Value& task) {
                         Number(task["received"]), Number(task["lost"]));
 }
 
+std::string PolicyState(const Json::Value& policy) {
+    if (policy.isMember("refused")) {
+        return "refused";
+    }
+    return policy.get("enabled", true).asBool() ? "in force" : "off";
+}
+
 std::string PolicyLine(const Json::Value& policy) {
     return Poco::format("%-26s%-10s%12s  %s  %s\n", Printable(policy["feature"].asString()),
-                        std::string(policy.isMember("refused") ? "refused" : "in force"),
-                        Number(policy["generation"]), Printable(policy["hash"].asString()),
-                        policy["since"].asString());
+                        PolicyState(policy), Number(policy["generation"]),
+                        Printable(policy["hash"].asString()), policy["since"].asString());
 }
 
 Json::Value ByName(const std::map<std::string, std::uint64_t>& counts) {
@@ -157,6 +163,7 @@ void Status::TakePolicy(const std::string& feature, const std::string& path,
     Policy& policy = m_policies[feature];
     policy.m_path = path;
     policy.m_hash = SDK::JsonUtils::GetStringValue(document, "hash", "");
+    policy.m_enabled = SDK::JsonUtils::GetBoolValue(document, "enabled", true);
     policy.m_sinceS = nowS;
     policy.m_refusal.clear();
     ++policy.m_generation;
@@ -250,6 +257,7 @@ Json::Value Status::PolicyEntries() const {
         Json::Value& entry = entries.append(Json::objectValue);
         entry["feature"] = Shorten(feature);
         entry["file"] = Shorten(policy.m_path);
+        entry["enabled"] = policy.m_enabled;
         entry["generation"] = policy.m_generation;
         entry["hash"] = Shorten(policy.m_hash);
         entry["since"] = policy.m_generation > 0 ? ShowTime(policy.m_sinceS) : "";

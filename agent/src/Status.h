@@ -50,6 +50,7 @@ private:
     struct Policy {
         std::string m_path;
         std::string m_hash;
+        bool m_enabled = true;
         unsigned int m_generation = 0;
         std::int64_t m_sinceS = 0;
         std::string m_refusal;  // of a later text; "" when there is none

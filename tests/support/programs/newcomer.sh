@@ -29,7 +29,7 @@ package=$(realpath "$1")
 cache=$2
 work=$(realpath "$3")
 root=$work/debian
-vm=vm-newcomer
+vm="vm-newcomer"
 
 commands=0 # that the newcomer typed since the package was there
 configuration=/etc/vmescape/agent.json
@@ -46,11 +46,11 @@ fail() {
     journal | tail -n 40 || true
     exit 1
 }
-inside() {
-    chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
-        ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} \
-        SYSTEMD_IGNORE_CHROOT=1 "$@"
-}
+enter=(chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8
+    ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} SYSTEMD_IGNORE_CHROOT=1)
+inside() { "${enter[@]}" "$@"; }
+# Programs that run beside the script end with it, whatever ends that.
+beside() { exec setpriv --pdeathsig TERM "$@"; }
 # One line as the newcomer types it, who answers questions with the return key.
 type_in() {
     echo "\$ $1"
@@ -95,14 +95,16 @@ show_system_to_manager() {
     ln -s /etc/systemd/system "$root/var/lib/systemd/user"
     ln -s ../log "$root/var/lib/log"
     printf '[Unit]\nDescription=Nothing but what the package brings\n' >"$root/run/systemd/system/basic.target"
+    # With these it stops its services when it is ended.
+    ln -s /usr/lib/systemd/user/exit.target /usr/lib/systemd/user/systemd-exit.service "$root/run/systemd/system"
     # The kernel's own log is the host's.
     printf '[Journal]\nStorage=volatile\nReadKMsg=no\nAudit=\n' >"$root/etc/systemd/journald.conf"
 }
 start_manager() {
     say "its service manager"
     show_system_to_manager
-    inside SYSTEMD_LOG_TARGET=console /lib/systemd/systemd-journald >"$work/manager.log" 2>&1 &
-    inside XDG_RUNTIME_DIR=/run XDG_CONFIG_HOME=/var/lib \
+    beside "${enter[@]}" SYSTEMD_LOG_TARGET=console /lib/systemd/systemd-journald >"$work/manager.log" 2>&1 &
+    beside "${enter[@]}" XDG_RUNTIME_DIR=/run XDG_CONFIG_HOME=/var/lib \
         SYSTEMD_UNIT_PATH=/run/systemd/system:/var/lib/systemd/user:/lib/systemd/system \
         /lib/systemd/systemd --user --log-target=console --unit=basic.target >>"$work/manager.log" 2>&1 &
     answers() { inside systemctl is-system-running 2>&1 | grep -qE 'running|degraded'; }
@@ -112,7 +114,7 @@ start_manager() {
 start_machine() {
     say "a virtual machine, on the host"
     mkfifo "$work/monitor"
-    qemu-system-x86_64 -name "guest=$vm" -accel tcg -m 32 -display none -nodefaults -serial none -S \
+    beside qemu-system-x86_64 -name "guest=$vm" -accel tcg -m 32 -display none -nodefaults -serial none -S \
         -monitor stdio <"$work/monitor" >"$work/qemu.log" 2>&1 &
     exec 9>"$work/monitor"
 }
@@ -276,6 +278,8 @@ remove() {
     [ -z "$left" ] || fail "taken along: $left"
 }
 
+# So that a mirror or a program that hangs leaves nothing behind either.
+beside sh -c 'for tries in $(seq 156); do sleep 5; done; kill -KILL "$1"' - $$ >/dev/null 2>&1 &
 make_debian
 start_manager
 install

@@ -217,6 +217,19 @@ TEST_F(Status, CountsTheGenerationsOfAPolicyAndShowsItsHash) {
     EXPECT_EQ(policy["since"].asString(), "1970-01-02T00:00:00Z");
 }
 
+TEST_F(Status, ShowsADetectionThatItsPolicySwitchesOff) {
+    const auto table = [this] { return Agent::Status::ToText(m_status.Document({}, {})); };
+    Take();
+    EXPECT_EQ(m_status.Document({}, {})["policies"][0]["enabled"], true);
+    EXPECT_NE(table().find("f                         in force             1  "),
+              std::string::npos);
+    m_status.TakePolicy("f", "/p/f.json", R"({"enabled":false})", 86400);
+    EXPECT_EQ(m_status.Document({}, {})["policies"][0]["enabled"], false);
+    EXPECT_NE(table().find("f                         off                  2  "), std::string::npos)
+        << table();
+    EXPECT_EQ(State(), "up");
+}
+
 TEST_F(Status, ForgetsARefusedPolicyThatWasNeverInForceWhenItsFileIsGone) {
     Take();
     m_status.RefusePolicy("g", "/p/g.json", "expected JSON");
