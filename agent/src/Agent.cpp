@@ -182,9 +182,9 @@ bool Agent::StartPolicies() {
         SDK::LogWarning(Logger(), "There is no policy in %s, nothing is detected until one comes",
                         folder);
     }
+    OpenStatus();
     LogNotice("vmescape-agent %s is running, %d policies read from %s",
               std::string(VMESCAPE_VERSION), policies, folder);
-    OpenStatus();
     m_manager.Ready(kWatching);
     return true;
 }
