@@ -5,6 +5,7 @@
 
 #include <Poco/Format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -16,6 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kEndPatience(2);
+constexpr std::chrono::seconds kLookPeriod(1);
 
 std::vector<std::string> Arguments(const ChildAgent::Setup& setup) {
     std::vector<std::string> arguments = {"vmescape-agent", "run"};
@@ -36,27 +38,32 @@ ChildAgent::ChildAgent(const Setup& setup)
 int ChildAgent::WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong) {
     bool running = false;
     bool watching = !m_directories;
-    std::string log;
     const auto deadline = Clock::now() + patience;
-    while (!running || !watching) {
-        const std::optional<std::string> line =
-            m_program.ReadLine(ChildProgram::Stream::ERRORS, deadline);
-        if (!line && Interruption::Came()) {
-            wrong = "interrupted";
-            return EXIT_FAILED;
+    while (!Interruption::Came()) {
+        if (running && watching) {
+            return EXIT_GOOD;
         }
-        if (!line) {
-            std::cerr << log;
+        // Not all the time at once: an interruption may have come just before the call.
+        const std::optional<std::string> line = m_program.ReadLine(
+            ChildProgram::Stream::ERRORS, std::min(deadline, Clock::now() + kLookPeriod));
+        if (line) {
+            running = running || line->find(m_running) != std::string::npos;
+            watching = watching || line->find(" directories are watched.") != std::string::npos;
+            m_log += *line + '\n';
+        } else if (Clock::now() >= deadline || m_program.Descriptors().back() == -1) {
             wrong = "the agent did not start";
-            const int status =
-                m_program.Wait(Clock::now() + kEndPatience).value_or(int{EXIT_FAILED});
-            return status == EXIT_GOOD ? int{EXIT_FAILED} : status;
+            return Fail();
         }
-        running = running || line->find(m_running) != std::string::npos;
-        watching = watching || line->find(" directories are watched.") != std::string::npos;
-        log += *line + '\n';
     }
-    return EXIT_GOOD;
+    wrong = "interrupted";
+    return EXIT_FAILED;
+}
+
+/// @return what it ended with, when that tells of a failure
+int ChildAgent::Fail() {
+    std::cerr << m_log;
+    const int status = m_program.Wait(Clock::now() + kEndPatience).value_or(int{EXIT_FAILED});
+    return status == EXIT_GOOD ? int{EXIT_FAILED} : status;
 }
 
 std::string ChildAgent::OwnProgram() {

@@ -41,9 +41,12 @@ public:
     static std::string OwnProgram();
 
 private:
+    int Fail();
+
     ChildProgram m_program;
     const std::string m_running;  // part of the line that tells of it
     const bool m_directories;
+    std::string m_log;  // until it watches
 };
 
 }  // namespace Agent

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <initializer_list>
 #include <utility>
 
 namespace Agent {
@@ -58,6 +59,33 @@ void TakeAs(int number, int descriptor) {
     }
 }
 
+/// Holds all signals back for as long as it lives.
+class HeldSignals {
+public:
+    HeldSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &m_before);
+    }
+    ~HeldSignals() { Release(); }
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+
+    void Release() const { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+private:
+    sigset_t m_before{};
+};
+
+/// In a process that was just made: a signal meant for it, which may be here already, is not to be
+/// taken for one of those that its parent notes.
+void TakeSignals(const HeldSignals& held) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        ::signal(signal, SIG_DFL);
+    }
+    held.Release();
+}
+
 milliseconds Left(ChildProgram::Deadline deadline) {
     return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(deadline - Clock::now()));
 }
@@ -75,11 +103,13 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
     Pipe output;
     Pipe errors;
     const pid_t parent = ::getpid();
+    const HeldSignals held;
     m_pid = ::fork();
     if (m_pid < 0) {
         throw Poco::SystemException("fork", errno);
     }
     if (m_pid == 0) {
+        TakeSignals(held);
         ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
         ::setpgid(0, 0);
         TakeAs(STDIN_FILENO, input[0].Get());

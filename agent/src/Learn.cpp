@@ -91,9 +91,9 @@ int Learn::ReadPolicies() {
         }
     }
     if (m_learned.Empty()) {
-        Complain("there is no policy in " + folder +
-                 ", expected one that names the programs and directories to learn for; --policies "
-                 "names another folder");
+        Say("there is no policy in " + folder +
+            ", expected one that names the programs and directories to learn for; --policies "
+            "names another folder");
         return EXIT_BAD_INPUT;
     }
     return EXIT_GOOD;
@@ -102,7 +102,7 @@ int Learn::ReadPolicies() {
 int Learn::ReadPolicy(const PolicyShape& shape, const std::string& path) {
     std::vector<Problem> problems = PolicyChecker::CheckFile(path);
     for (const Problem& problem : problems) {
-        Complain(ToText(problem));
+        Say(ToText(problem));
     }
     std::string text;
     Json::Value policy;
@@ -124,7 +124,7 @@ bool Learn::PrepareFolder() const {
     const std::string wrong =
         m_drafts.Prepare({configured.Get("policies"), m_settings.Get("policies")}, files);
     if (!wrong.empty()) {
-        Complain("--into: " + wrong);
+        Say("--into: " + wrong);
     }
     return wrong.empty();
 }
@@ -168,7 +168,7 @@ int Learn::StartAgent(const std::string& name, const LearnedPolicies::PolicyText
     std::string wrong;
     const int code = m_agents.front()->WaitUntilItWatches(kStartPatience, wrong);
     if (!wrong.empty()) {
-        Complain(wrong + ", nothing was learned");
+        Say(wrong + ", nothing was learned");
     }
     return code;
 }
@@ -178,7 +178,7 @@ void Learn::Listen() {
     const Clock::time_point end = begin + m_options.m_for;
     m_report.m_from = Now();
     Clock::time_point nextAsk = begin + kAskPeriod;
-    Complain("learning for " + Agent::ToText(m_options.m_for) + "; an interruption ends it early");
+    Say("learning for " + Agent::ToText(m_options.m_for) + "; an interruption ends it early");
     while (Clock::now() < end && !Interruption::Came() && TakeWhatCame()) {
         if (Clock::now() >= nextAsk) {
             for (const std::unique_ptr<AlarmListener>& agent : m_agents) {
@@ -266,23 +266,23 @@ void Learn::WritePolicies(LearnReport& report) const {
         const std::string text = LearnedPolicies::ToText(policy);
         const std::vector<Problem> problems = PolicyChecker::Check(m_drafts.PathOf(file), text);
         for (const Problem& problem : problems) {
-            Complain(ToText(problem));
+            Say(ToText(problem));
         }
         const std::string wrong =
             HasErrors(problems) ? FirstError(problems) : m_drafts.Write(file, text);
         if (!wrong.empty()) {
-            Complain(wrong);
+            Say(wrong);
             continue;
         }
         report.m_files.push_back(m_drafts.PathOf(file));
         if (const std::string untrusted = FileTrust::WhyNot(m_drafts.PathOf(file));
             !untrusted.empty()) {
-            Complain("warning: " + untrusted);
+            Say("warning: " + untrusted);
         }
     }
 }
 
-void Learn::Complain(const std::string& text) const {
+void Learn::Say(const std::string& text) const {
     std::cerr << "vmescape-agent: learn: " << text << '\n';
 }
 

@@ -51,7 +51,7 @@ private:
     void StopAgents();
     int Finish();
     void WritePolicies(LearnReport& report) const;
-    void Complain(const std::string& text) const;
+    void Say(const std::string& text) const;
 
     const Options& m_options;
     Interruption m_interruption;  // before there is anything to take away

@@ -156,6 +156,26 @@ protected:
         return status;
     }
 
+    /// The policies that were learned.
+    Agent::PolicyTexts Drafts() const {
+        Agent::PolicyTexts texts;
+        for (const char* file :
+             {Agent::POLICY_FILE, Agent::FILE_POLICY_FILE, Agent::PORT_POLICY_FILE}) {
+            texts[file] = TestSupport::ReadText(m_drafts + '/' + file);
+        }
+        return texts;
+    }
+
+    /// What an agent has raised alarms for.
+    static Texts Raised(const Agent& agent) {
+        Texts raised;
+        for (const Json::Value& alarm : agent.Alarms()) {
+            raised.insert(Command(alarm) + alarm["file_info"][0]["file_path"].asString() +
+                          alarm["forensic_info"]["abnormal_port"].asString());
+        }
+        return raised;
+    }
+
     TestSupport::TemporaryFolder m_programs{"/var/tmp"};
     const std::string m_helper = m_programs / "helper";
     // Named as its interpreter: what it runs next has the name and the pid of the fork before it,
@@ -177,12 +197,7 @@ TEST_F(Lesson, NamesExactlyWhatHappenedAndIsSilentWhenItHappensAgain) {
     ASSERT_EQ(m_result["cannot_be_allowed"].size(), 1U) << m_result;
     EXPECT_EQ(m_result["cannot_be_allowed"][0]["text"], "/bin/sh -c exit 0");
 
-    Agent::PolicyTexts texts;
-    for (const char* file :
-         {Agent::POLICY_FILE, Agent::FILE_POLICY_FILE, Agent::PORT_POLICY_FILE}) {
-        texts[file] = TestSupport::ReadText(m_drafts + '/' + file);
-    }
-    Agent agent(BUILD_FOLDER, texts, {"--log-level", "information"});
+    Agent agent(BUILD_FOLDER, Drafts(), {"--log-level", "information"});
     ASSERT_TRUE(agent.WaitForLog(" directories are watched."));
     const std::unique_ptr<Qemu> machine = Live();
     // Then something new of each class. What was before it has been judged before it.
@@ -190,17 +205,9 @@ TEST_F(Lesson, NamesExactlyWhatHappenedAndIsSilentWhenItHappensAgain) {
                      m_programs / "unknown");
     machine->Command("logfile " + m_watched / "log");
     machine->Command("gdbserver tcp:127.0.0.1:" + m_ports[2]);
-    const auto raised = [&] {
-        Texts told;
-        for (const Json::Value& alarm : agent.Alarms()) {
-            told.insert(Command(alarm) + alarm["file_info"][0]["file_path"].asString() +
-                        alarm["forensic_info"]["abnormal_port"].asString());
-        }
-        return told;
-    };
-    EXPECT_TRUE(TestSupport::WaitUntil([&] { return raised().size() >= 3; }, kPatience));
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return Raised(agent).size() >= 3; }, kPatience));
     EXPECT_EQ(agent.Stop(SIGTERM), 0);
-    EXPECT_EQ(raised(),
+    EXPECT_EQ(Raised(agent),
               (Texts{m_programs / "unknown" + " tapvmescape4", m_watched / "log", m_ports[2]}));
 }
 

@@ -87,6 +87,19 @@ TEST(ChildAgent, IsNotWaitedForAfterAnInterruption) {
     EXPECT_EQ(agent.m_errors, "");
 }
 
+TEST(ChildAgent, IsNotWaitedForWhenTheInterruptionCameBefore) {
+    const Agent::Interruption interruption;
+    ::raise(SIGTERM);
+    StandIn silent("read line\n");
+    EXPECT_EQ(silent.Wait(true), Agent::EXIT_FAILED);
+    EXPECT_EQ(silent.m_wrong, "interrupted");
+    StandIn ready(
+        "echo 'vmescape-agent 1 is running, 2 policies read from x' >&2\n"
+        "echo '3 directories are watched.' >&2; read line\n");
+    EXPECT_EQ(ready.Wait(true), Agent::EXIT_FAILED);
+    EXPECT_EQ(ready.m_wrong, "interrupted");
+}
+
 TEST(ChildAgent, IsGivenItsFolderItsStatusAndMore) {
     StandIn agent("echo \"$*\" >&2; exit 0\n");
     agent.Wait(true);

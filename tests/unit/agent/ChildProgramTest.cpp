@@ -1,5 +1,6 @@
 #include "ChildProgram.h"
 
+#include "Interruption.h"
 #include "support/WaitUntil.h"
 
 #include <gtest/gtest.h>
@@ -68,6 +69,17 @@ TEST(ChildProgram, MayWriteAfterItWasAskedToEnd) {
     shell.AskToEnd();
     EXPECT_EQ(shell.ReadLine(Stream::OUTPUT, Soon()), "last");
     EXPECT_EQ(shell.Wait(Soon()), 5);
+}
+
+TEST(ChildProgram, EndsHoweverEarlyItIsAskedTo) {
+    // What this program would do about the signal must not count for the other.
+    const Agent::Interruption interruption;
+    for (int i = 0; i < 100; ++i) {
+        Shell shell("read line");
+        shell.AskToEnd();
+        ASSERT_EQ(shell.Wait(Soon()), 128 + SIGTERM) << i;
+    }
+    EXPECT_FALSE(Agent::Interruption::Came());
 }
 
 TEST(ChildProgram, TellsByItsDescriptorsThatSomethingCame) {

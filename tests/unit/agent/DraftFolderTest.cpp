@@ -30,12 +30,16 @@ TEST_F(Drafts, LieInAFolderThatIsMade) {
 }
 
 TEST_F(Drafts, AreTrustedWhateverTheUmaskIs) {
-    const mode_t mask = ::umask(0);
     EXPECT_EQ(m_folder.Prepare({}, {}), "");
-    EXPECT_EQ(m_folder.Write("a.json", "text"), "");
-    ::umask(mask);
-    EXPECT_EQ(Agent::FileTrust::WhyNot(m_folder.PathOf("a.json")), "");
-    EXPECT_EQ(static_cast<unsigned>(fs::status(m_folder.PathOf("a.json")).permissions()), 0640U);
+    const mode_t before = ::umask(0);
+    for (const mode_t mask : {0U, 077U, 0777U}) {
+        ::umask(mask);
+        const std::string name = std::to_string(mask);
+        EXPECT_EQ(m_folder.Write(name, "text"), "");
+        EXPECT_EQ(Agent::FileTrust::WhyNot(m_folder.PathOf(name)), "");
+        EXPECT_EQ(static_cast<unsigned>(fs::status(m_folder.PathOf(name)).permissions()), 0640U);
+    }
+    ::umask(before);
 }
 
 TEST_F(Drafts, NeverLieWherePoliciesAreInForce) {
