@@ -42,6 +42,20 @@ TaskT* FindCollector(const char* name) {
     return dynamic_cast<TaskT*>(engine == nullptr ? nullptr : engine->FindTask(name));
 }
 
+/// What the kernel had no room for, by what it was.
+std::map<std::string, std::uint64_t> ReadCollectorLosses() {
+    std::map<std::string, std::uint64_t> losses;
+    for (const SDK::Ledger& ledger : SDK::OpenLedger::ReadAll()) {
+        for (const char* reason : {"in_kernel", "times_in_kernel"}) {
+            const auto found = ledger.m_lost.find(reason);
+            if (found != ledger.m_lost.end()) {
+                losses[ledger.m_name + ' ' + reason] = found->second;
+            }
+        }
+    }
+    return losses;
+}
+
 /// Where a path leads; "" when it leads nowhere.
 std::string RealPath(const std::string& path) {
     std::error_code error;
@@ -65,6 +79,7 @@ void RecordTask::TakeDirectories(std::set<std::string> directories) {
 }
 
 int RecordTask::Init() {
+    m_collectorLosses = ReadCollectorLosses();
     Subscribe<Engine::ProcsRegistMessage>();
     m_subscribed = true;
     return 0;
@@ -75,6 +90,7 @@ int RecordTask::UnInit() {
     TakeRest();
     TakeLastSockets();
     NoteLosses();
+    NoteCollectorLosses();
     m_recording->End("stopped");
     return Framework::Task::UnInit();
 }
@@ -318,21 +334,14 @@ void RecordTask::NoteLosses() {
 }
 
 void RecordTask::NoteCollectorLosses() {
-    for (const SDK::Ledger& ledger : SDK::OpenLedger::ReadAll()) {
-        for (const char* reason : {"in_kernel", "times_in_kernel"}) {
-            const auto found = ledger.m_lost.find(reason);
-            if (found == ledger.m_lost.end()) {
-                continue;
-            }
-            const std::string what = ledger.m_name + " " + reason;
-            const std::uint64_t before = std::exchange(m_collectorLosses[what], found->second);
-            if (found->second > before) {
-                RecordedEvent gap;
-                gap.m_kind = Kind::GAP;
-                gap.m_lost = found->second - before;
-                gap.m_reason = what;
-                m_recording->Add(std::move(gap));
-            }
+    for (const auto& [what, lost] : ReadCollectorLosses()) {
+        const std::uint64_t before = std::exchange(m_collectorLosses[what], lost);
+        if (lost > before) {
+            RecordedEvent gap;
+            gap.m_kind = Kind::GAP;
+            gap.m_lost = lost - before;
+            gap.m_reason = what;
+            m_recording->Add(std::move(gap));
         }
     }
 }

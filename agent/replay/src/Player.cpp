@@ -42,7 +42,9 @@ constexpr const char* kShellsFile = "/etc/shells";
 // The detection looks at the sockets every ten seconds. So long what was recorded last is judged.
 constexpr std::int64_t kAfterwardsUs = 10000000;
 
-// Alarms that may wait for an output before the replay waits for it: well below its queue.
+// The detection may raise many alarms at its start, all at once. After that the replay waits for an
+// output long before its queue is full.
+constexpr int kOutputQueue = 100000;
 constexpr std::uint64_t kMostWaiting = 1000;
 constexpr milliseconds kOutputPoll(1);
 
@@ -98,6 +100,7 @@ int Player::Prepare() {
             m_settings.Set(key, standard);
         }
     }
+    m_settings.Set("report.queue", std::to_string(kOutputQueue));
     Agent::StartLog(m_settings.Get("log_level"));
     if (m_reader.Open(m_options.m_recording, m_summary.m_header) != Result::EVENT) {
         Complain(m_reader.Problem());

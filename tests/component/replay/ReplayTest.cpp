@@ -1,15 +1,24 @@
 #include "RecordingText.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/UniqueDescriptor.h"
 #include "support/AgentProcess.h"
 #include "support/ChildProcess.h"
 #include "support/TemporaryFolder.h"
+#include "support/WaitUntil.h"
 
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <filesystem>
 #include <sstream>
+#include <system_error>
 
 namespace {
 
@@ -17,6 +26,7 @@ using Agent::RecordedEvent;
 using Kind = RecordedEvent::Kind;
 using TestSupport::AgentProcess;
 using TestSupport::ChildProcess;
+using TestSupport::WaitUntil;
 using Info = Engine::ProcsMessage::procInfo;
 using Strings = std::vector<std::string>;
 
@@ -26,6 +36,9 @@ constexpr int kOpen = 0x20;
 
 constexpr const char* kQemu = "qemu-system-x86_64";
 constexpr int kQemuPid = 100;
+
+// A pipe that holds more has no page left, or soon has none (pipe(7)).
+constexpr int kPipeBytes = 50000;
 
 Info Process(int pid, int ppid, const std::string& name, const std::string& cmdline,
              const std::string& parent) {
@@ -90,15 +103,18 @@ protected:
     }
 
     /// Replays what was added, and an end.
-    void Run(double endS, Strings arguments = {}) {
+    void Run(double endS, const Strings& arguments = {}) {
         Add(endS, Kind::END).m_reason = "stopped";
+        RunText(Text(), arguments);
+    }
+    std::string Text() const {
         std::string text = Agent::RecordingText::Write(m_header) + '\n';
         for (const RecordedEvent& event : m_events) {
             text += Agent::RecordingText::Write(event) + '\n';
         }
-        RunText(text, std::move(arguments));
+        return text;
     }
-    void RunText(const std::string& text, Strings arguments = {}) {
+    Strings Command(const std::string& text, const Strings& arguments) const {
         const std::string recording = m_folder.Write("recording", text);
         Strings all = {BUILD_FOLDER "/bin/vmescape-agent",
                        "replay",
@@ -108,7 +124,10 @@ protected:
                        "--policies",
                        m_policyFolder};
         all.insert(all.end(), arguments.begin(), arguments.end());
-        m_result = ChildProcess::Run(all, std::chrono::seconds(60));
+        return all;
+    }
+    void RunText(const std::string& text, const Strings& arguments = {}) {
+        m_result = ChildProcess::Run(Command(text, arguments), std::chrono::seconds(60));
     }
 
     /// The alarms, in order.
@@ -130,6 +149,26 @@ protected:
                             std::to_string(alarm["occur_time"].asInt64() - kStartS));
         }
         return times;
+    }
+
+    static int BytesIn(int pipe) {
+        int bytes = 0;
+        ::ioctl(pipe, FIONREAD, &bytes);
+        return bytes;
+    }
+
+    /// How far a process has read the recording; 0 when it has not opened it.
+    long PlaceIn(int pid) const {
+        const std::string folder = "/proc/" + std::to_string(pid);
+        std::error_code gone;
+        for (const auto& file : std::filesystem::directory_iterator(folder + "/fd", gone)) {
+            if (std::filesystem::read_symlink(file.path(), gone) == m_folder / "recording") {
+                const std::string number = file.path().filename();
+                const std::string info = TestSupport::ReadText(folder + "/fdinfo/" + number);
+                return info.empty() ? 0 : std::stol(info.substr(info.find(':') + 1));
+            }
+        }
+        return 0;
     }
 
     bool Says(const std::string& text) const {
@@ -254,14 +293,52 @@ TEST_F(Replay, IsTheSameEachTime) {
     }
 }
 
-TEST_F(Replay, LosesNoAlarmToAnOutputThatIsSlowerThanItself) {
-    constexpr int kAlarms = 20000;  // more than any queue on the way holds
+TEST_F(Replay, WaitsForAnOutputThatNobodyReads) {
+    constexpr int kAlarms = 3000;
     for (int i = 0; i < kAlarms; ++i) {
         AddCommand(1, 1000 + i);
     }
-    Run(2);
-    EXPECT_EQ(Alarms().size(), std::size_t{kAlarms});
-    EXPECT_EQ(m_result.m_status, 0);
+    Add(2, Kind::END).m_reason = "stopped";
+    const std::string pipe = m_folder / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const SDK::UniqueDescriptor reader(::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::string text = Text();
+    ChildProcess replay(Command(text, {"--output", "json:file:" + pipe}));
+    EXPECT_TRUE(WaitUntil([&] { return BytesIn(reader.Get()) > kPipeBytes; }));
+    // It stands still when it is at the same place again and again.
+    long place = 0;
+    int looks = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        looks = PlaceIn(replay.Pid()) == place ? looks + 1 : 0;
+        place = PlaceIn(replay.Pid());
+        return looks == 100;
+    }));
+    EXPECT_GT(place, 0);
+    EXPECT_LT(place, static_cast<long>(text.size()));
+    std::ptrdiff_t lines = 0;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            std::array<char, 4096> read{};
+            ssize_t got = 0;
+            while ((got = ::read(reader.Get(), read.data(), read.size())) > 0) {
+                lines += std::count(read.data(), read.data() + got, '\n');
+            }
+            return got == 0;  // nobody has it open for writing any more
+        },
+        std::chrono::seconds(60)));
+    EXPECT_EQ(lines, kAlarms);
+    EXPECT_EQ(replay.Wait().value_or(-1), 0);
+}
+
+TEST(ReplayWithoutItsProgram, SaysWhichOneIsMissing) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string lone = folder / "vmescape-agent";
+    std::filesystem::copy_file(BUILD_FOLDER "/bin/vmescape-agent", lone);
+    const ChildProcess::Result result = ChildProcess::Run(
+        {"env", "LD_LIBRARY_PATH=" BUILD_FOLDER "/lib", lone, "replay", "recording"});
+    EXPECT_EQ(result.m_status, 1);
+    EXPECT_EQ(result.m_errors, "vmescape-agent: " + folder / "vmescape-replay" +
+                                   " cannot be run: No such file or directory\n");
 }
 
 TEST_F(Replay, JudgesWhatLivedWhenTheRecordingBegan) {
@@ -354,10 +431,7 @@ TEST_F(Replay, MakesUpForAGapByTheSnapshotBehindIt) {
 TEST_F(Replay, ReplaysARecordingThatWasCutAsFarAsItGoes) {
     AddCommand(1, 200);
     AddCommand(2, 201);
-    std::string text = Agent::RecordingText::Write(m_header) + '\n';
-    for (const RecordedEvent& event : m_events) {
-        text += Agent::RecordingText::Write(event) + '\n';
-    }
+    const std::string text = Text();
     RunText(text);
     EXPECT_EQ(m_result.m_status, 0);
     EXPECT_EQ(Alarms().size(), 2U);
@@ -370,10 +444,7 @@ TEST_F(Replay, ReplaysARecordingThatWasCutAsFarAsItGoes) {
 
 TEST_F(Replay, EndsWithSixAndTheLineWhenARecordingIsBad) {
     AddCommand(1, 200);
-    std::string text = Agent::RecordingText::Write(m_header) + '\n';
-    for (const RecordedEvent& event : m_events) {
-        text += Agent::RecordingText::Write(event) + '\n';
-    }
+    const std::string text = Text();
     RunText(text + "{\"at\":1863711564000000,\"event\":\"exit\"}\n");
     EXPECT_EQ(m_result.m_status, 6);
     EXPECT_TRUE(Says("vmescape-agent: " + m_folder / "recording" +

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <sstream>
 
 namespace {
@@ -196,16 +197,16 @@ TEST_F(RecordTaskTest, PutsWhatTheCollectorKnowsByThenBeforeAnAccess) {
     // A collector that tells only when it is asked, as a busy one may.
     SDK::ProcessUtils::SetLookup([this](int pid, SDK::ProcessUtils::procRecord&) {
         Send(TestSupport::Started(Process(pid, "cat", "cat", 100, "qemu")));
+        if (pid == 101) {
+            SendFile(102, "/b");
+        }
         return false;
     });
     SendFile(101, "/a");
-    SendFile(102, "/b");
     EXPECT_TRUE(WaitFor("file /b gone"));
-    const Strings texts = Recorded();
-    const auto at = [&](const std::string& text) {
-        return std::find(texts.begin(), texts.end(), text) - texts.begin();
-    };
-    EXPECT_LT(at("exec 101"), at("file /a gone"));
+    Stop();
+    EXPECT_EQ(Recorded(), (Strings{"snapshot 1", "snapshot 100", "exec 101", "file /a gone",
+                                   "exec 102", "file /b gone", "end stopped"}));
 }
 
 TEST_F(RecordTaskTest, WatchesTheDirectoriesOfThePolicyInForce) {
@@ -234,6 +235,22 @@ TEST_F(RecordTaskTest, SaysWhereEventsAreMissingAndTakesAnotherSnapshot) {
             return books.m_name == "recording" && books.Lost() == 5 && books.Balanced();
         });
     }));
+}
+
+TEST_F(RecordTaskTest, SaysWhatTheKernelHadNoRoomFor) {
+    std::atomic<std::uint64_t> lost{7};
+    const SDK::OpenLedger collector([&lost] {
+        SDK::Ledger books;
+        books.m_name = "process_events";
+        books.m_lost["in_kernel"] = lost;
+        return books;
+    });
+    Start();
+    ASSERT_TRUE(WaitFor("snapshot 100"));
+    lost = 10;
+    Stop();
+    EXPECT_EQ(Recorded(), (Strings{"snapshot 1", "snapshot 100", "gap 3 process_events in_kernel",
+                                   "end stopped"}));
 }
 
 TEST_F(RecordTaskTest, SaysThatThereAreNoSockets) {
