@@ -79,9 +79,11 @@ TEST_F(Recorder, WatchesWhatTheFilePolicyInForceNames) {
     m_settings.Set("record.file", m_path);
     ASSERT_EQ(Start(), "");
     const std::string file = "qemu_file_detect_feature";
-    m_recorder.TakePolicy("qemu_cmd_detect_feature", R"({"content":{"senstive_dirs":["/no"]}})");
     m_recorder.TakePolicy(file, R"({"content":{"senstive_dirs":["/etc","/srv"]}})");
     EXPECT_TRUE(WaitUntil([&] { return Has(R"("path":"/srv")"); }));
+    m_recorder.TakePolicy("qemu_cmd_detect_feature", R"({"content":{"senstive_dirs":["/no"]}})");
+    m_agent.Engine().DeliverMessage("record_task", TestSupport::Exited(5));
+    EXPECT_TRUE(WaitUntil([&] { return Has("exit"); })) << "it has looked at the policies again";
     m_recorder.TakePolicy(file, R"({"enabled":false,"content":{"senstive_dirs":["/etc","/srv"]}})");
     EXPECT_TRUE(WaitUntil([&] { return Has(R"("event":"unwatch","path":"/srv")"); }));
     EXPECT_FALSE(Has("/no"));
