@@ -85,13 +85,14 @@ protected:
     }
 
     /// The value of a sample; "" when there is none.
-    std::string Value(const std::string& name, const std::string& label = "vm=") {
+    std::string Value(const std::string& name, const std::string& label = "vm=") const {
         std::vector<std::string> arguments = {name};
         if (label != "vm=") {
             arguments.push_back(label);
         }
         return Run(kRead, arguments);
     }
+    double Machines() const { return std::atof(Value("vmescape_machines").c_str()); }
     std::string Health() const { return Run("print(*ask('/health'), end='')"); }
     std::string Latencies(const std::string& book) const { return Run(kReadHistogram, {book}); }
 
@@ -124,9 +125,11 @@ TEST_F(Metrics, CountAlarmsByClassAndTellUpFromDegradedAndDegradedFromDown) {
     EXPECT_EQ(Value("vmescape_kinds_total", "kind=vmescape_0001"), "0.0\n")
         << "from the start, so that the first alarm is a change";
     EXPECT_EQ(Health().substr(0, 4), "200 ");
+    const double others = Machines();
     const Qemu qemu({"-name", "guest=vm-metrics"});
     qemu.RunShell("id");
     EXPECT_FALSE(WaitFor(agent, "system/fork", "id").isNull());
+    EXPECT_TRUE(WaitUntil([&] { return Machines() == others + 1; }));
     EXPECT_TRUE(WaitUntil([&] {
         const std::string alarms = Value("vmescape_kinds_total", "kind=vmescape_0001");
         return !alarms.empty() && std::stod(alarms) >= 2;

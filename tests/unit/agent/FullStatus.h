@@ -32,7 +32,5 @@ inline Json::Value FullStatus() {
     books.m_latency->Add(std::chrono::milliseconds(250));
     books.m_latency->Add(std::chrono::seconds(11));
     books.m_lastS = 86400;
-    Json::Value document = status.Document({task}, {books});
-    document["machines"] = 7;
-    return document;
+    return status.Document({task}, {books}, 7);
 }
