@@ -192,6 +192,7 @@ TEST_F(Schema, OfTheConfigurationSaysOfEachWhatTheAgentSays) {
                                "stdout\n",
                                "\nstdout",
                                "file:/a\nb",
+                               "file:/a,nonsense",
                                "json:text:stdout",
                                "syslog:/a",
                                "syslog:local:/a",

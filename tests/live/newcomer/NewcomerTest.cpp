@@ -34,10 +34,10 @@ TEST(Newcomer, GetsFromAnEmptyDebianToAlarmsAndBackAsTheQuickStartTells) {
     ASSERT_EQ(made.m_status, 0) << made.m_errors;
     const std::string package = made.m_output.substr(0, made.m_output.find('\n'));
     const TestSupport::TemporaryFolder folder;
-    const ChildProcess::Result run =
-        ChildProcess::Run({SOURCE_FOLDER "/tests/support/programs/newcomer.sh", package,
-                           BUILD_FOLDER "/newcomer", folder.Path()},
-                          std::chrono::seconds(840));
+    const ChildProcess::Result run = ChildProcess::Run(
+        {SOURCE_FOLDER "/tests/support/programs/newcomer.sh", package, BUILD_FOLDER "/newcomer",
+         folder.Path(), BUILD_FOLDER "/bin/kafka_cluster"},
+        std::chrono::seconds(840));
     if (run.m_status == 77) {
         ASSERT_EQ(std::getenv("CI"), nullptr) << run.m_output;
         GTEST_SKIP() << run.m_output;

@@ -1,7 +1,7 @@
 #!/bin/bash
-# newcomer.sh PACKAGE CACHE FOLDER: what somebody does who has a fresh Debian and the package, from installing
+# newcomer.sh PACKAGE CACHE FOLDER BROKERS: what somebody does who has a fresh Debian and the package, from installing
 # it over the first alarm and a broken policy to an upgrade and the removal. The Debian is made in FOLDER, which
-# is empty afterwards; what it was made of is kept in CACHE. Lines with "$" are what the newcomer types.
+# is empty afterwards; what it was made of is kept in CACHE. BROKERS is the program that plays a Kafka. Lines with "$" are what the newcomer types.
 # Ends with 77 where something is missing, and says what.
 #
 # The service runs from the package's unit, in a real service manager, and starts and stops with the package. It
@@ -28,6 +28,7 @@ shift
 package=$(realpath "$1")
 cache=$2
 work=$(realpath "$3")
+brokers=$4
 root=$work/debian
 vm="vm-newcomer"
 
@@ -235,8 +236,56 @@ change_configuration() {
     pid=$(property MainPID)
 }
 
-# Outputs that need a server of their own are tried here, while the agent runs and the machine lives.
-try_other_outputs() { :; }
+# The brokers obey lines (8) and answer with lines (7).
+start_brokers() {
+    mkfifo "$work/orders" "$work/answers"
+    beside "$brokers" vmescape-alarms <"$work/orders" >"$work/answers" 2>"$work/brokers.log" &
+    exec 8>"$work/orders" 7<"$work/answers"
+    read -r addresses <&7
+}
+order() {
+    local answer
+    echo "$1" >&8
+    read -r answer <&7
+    [ "$answer" = done ] || fail "the brokers do not $1: $answer"
+}
+ids_in_file() { # FIRST LINE
+    tail -n "+$1" "$root$alarms" | grep -o '"event_id":"[^"]*"' | cut -d'"' -f4 | sort
+}
+ids_in_kafka() { # COUNT
+    local key id
+    echo "read $1" >&8
+    while read -r key id <&7 && [ -n "$key" ]; do
+        echo "$id"
+    done | sort
+}
+try_kafka() {
+    say "alarms go to Kafka as well, whose brokers stop for a while"
+    start_brokers
+    local first=$(($(wc -l <"$root$alarms") + 1))
+    type_in "sed -i 's|\"report\": {|&\"kafka\": {\"brokers\": \"$addresses\"},|; s|\"text:stdout\"|&, \"json:kafka\"|' $configuration"
+    type_in 'systemctl restart vmescape-agent' || fail 'it does not start with an output to Kafka'
+    wait_for 10 is_up || fail 'it is not up with an output to Kafka'
+    break_out 'id -un'
+    order stop
+    break_out 'id -gn'
+    wait_for 10 is_degraded || fail 'that the brokers are away goes unnoticed'
+    type_in 'vmescape-agent status' | head -n 2
+    grep -q 'Output(kafka) cannot be written: ' "$work/status" || fail 'status does not say that Kafka is away'
+    break_out 'uname -r'
+    echo "the agent is started anew meanwhile"
+    type_in 'systemctl restart vmescape-agent' || fail 'it does not start without brokers'
+    pid=$(property MainPID)
+    break_out 'uname -s'
+    order start
+    wait_for 30 is_up || fail 'that the brokers are back goes unnoticed'
+    ids_in_file "$first" >"$work/ids.file"
+    local count
+    count=$(wc -l <"$work/ids.file")
+    ids_in_kafka "$count" >"$work/ids.kafka"
+    diff "$work/ids.file" "$work/ids.kafka" || fail 'not every alarm is in Kafka once'
+    echo "$count alarms in the file, and the same in Kafka, each once"
+}
 
 # The same with a higher version, and other files below /etc.
 make_next_package() {
@@ -292,7 +341,7 @@ fix_policy
 open_policy
 break_configuration
 change_configuration
-try_other_outputs
+try_kafka
 upgrade
 remove
 echo good
