@@ -128,8 +128,9 @@ void Player::KeepToOneProcessor() {
 
 /// Reads how everything was when the detection of the recorded host started.
 bool Player::ReadBeginning() {
+    bool any = false;
     while ((m_result = m_reader.Next(m_event)) == Result::EVENT) {
-        m_summary.m_firstUs = m_summary.m_firstUs == 0 ? m_event.m_at : m_summary.m_firstUs;
+        m_summary.m_firstUs = std::exchange(any, true) ? m_summary.m_firstUs : m_event.m_at;
         if (!IsOfBeginning(m_event, m_summary.m_firstUs)) {
             return true;
         }
@@ -143,7 +144,7 @@ bool Player::ReadBeginning() {
         }
     }
     // One that was cut is good for what is in it.
-    return m_result != Result::BAD && !m_reader.InSnapshot() && m_summary.m_lastUs > 0;
+    return m_result != Result::BAD && !m_reader.InSnapshot() && any;
 }
 
 bool Player::StartEngine() {
