@@ -19,7 +19,7 @@ target_link_options(vmescape_settings INTERFACE LINKER:-z,relro,-z,now)
 if(VMESCAPE_SANITIZE)
     set(sanitize -fsanitize=${VMESCAPE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     # The checks woven into the code mislead GCC's own flow analysis; the other builds keep these.
-    list(APPEND sanitize -Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds)
+    list(APPEND sanitize -Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds -Wno-mismatched-new-delete)
     target_compile_options(vmescape_settings INTERFACE ${sanitize})
     target_link_options(vmescape_settings INTERFACE ${sanitize})
 endif()

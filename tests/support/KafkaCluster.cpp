@@ -20,6 +20,14 @@ constexpr int kQuietMs = 300;
 
 void KafkaCluster::DestroyClient::operator()(rd_kafka_s* client) const { rd_kafka_destroy(client); }
 
+std::string KafkaCluster::Missing() {
+#ifdef __SANITIZE_THREAD__
+    return "ThreadSanitizer does not know the threads of the Kafka client";
+#else
+    return "";
+#endif
+}
+
 KafkaCluster::KafkaCluster(const std::string& topic) : m_topic(topic) {
     m_host.reset(rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), nullptr, 0));
     m_cluster = m_host == nullptr ? nullptr : rd_kafka_mock_cluster_new(m_host.get(), kBrokers);

@@ -184,6 +184,9 @@ TEST_F(DataCommModule, RefusesAnOutputThatItDoesNotKnow) {
 }
 
 TEST_F(DataCommModule, HandsAlarmsToKafkaInTheFormatThatTheOutputNames) {
+    if (const std::string missing = TestSupport::KafkaCluster::Missing(); !missing.empty()) {
+        GTEST_SKIP() << missing;
+    }
     TestSupport::KafkaCluster cluster("vmescape-alarms");
     m_engine->config().setString("report.kafka.brokers", cluster.Brokers());
     Start("text:kafka");
@@ -195,6 +198,9 @@ TEST_F(DataCommModule, HandsAlarmsToKafkaInTheFormatThatTheOutputNames) {
 }
 
 TEST_F(DataCommModule, RefusesKafkaWithoutBrokersAndWithPropertiesThatAreWrong) {
+    if (const std::string missing = TestSupport::KafkaCluster::Missing(); !missing.empty()) {
+        GTEST_SKIP() << missing;
+    }
     EXPECT_THROW(Start("kafka"), Poco::Exception);
     EXPECT_TRUE(m_log.Contains("Output(kafka) cannot be had: report.kafka.brokers is not set"));
     m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
@@ -207,6 +213,9 @@ TEST_F(DataCommModule, RefusesKafkaWithoutBrokersAndWithPropertiesThatAreWrong) 
 }
 
 TEST_F(DataCommModule, RefusesToStartWithoutTheSpoolThatAnOutputShouldHave) {
+    if (const std::string missing = TestSupport::KafkaCluster::Missing(); !missing.empty()) {
+        GTEST_SKIP() << missing;
+    }
     m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
     m_engine->config().setString("report.spool.folder", "/proc/nowhere");
     EXPECT_THROW(Start("kafka"), Poco::Exception);
@@ -215,6 +224,9 @@ TEST_F(DataCommModule, RefusesToStartWithoutTheSpoolThatAnOutputShouldHave) {
 }
 
 TEST_F(DataCommModule, GivesTwoOutputsOfAKindASpoolEach) {
+    if (const std::string missing = TestSupport::KafkaCluster::Missing(); !missing.empty()) {
+        GTEST_SKIP() << missing;
+    }
     m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
     Start("json:kafka,text:kafka");
     m_engine->StopModules();
@@ -223,6 +235,9 @@ TEST_F(DataCommModule, GivesTwoOutputsOfAKindASpoolEach) {
 }
 
 TEST_F(DataCommModule, KeepsAlarmsInMemoryWhereThereIsToBeNoSpool) {
+    if (const std::string missing = TestSupport::KafkaCluster::Missing(); !missing.empty()) {
+        GTEST_SKIP() << missing;
+    }
     m_engine->config().setString("report.kafka.brokers", "127.0.0.1:1");
     m_engine->config().setString("report.spool.folder", "");
     Start("kafka");
