@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cerrno>
 #include <thread>
 
@@ -24,13 +25,21 @@ TEST(Interruption, IsNotedWhicheverSignalItIs) {
 TEST(Interruption, EndsACallThatWaits) {
     const Interruption interruption;
     const pthread_t self = ::pthread_self();
-    std::thread other([self] { ::pthread_kill(self, SIGTERM); });
-    // Should the signal come before the call, it is noted all the same.
-    while (!Interruption::Came()) {
-        EXPECT_EQ(::poll(nullptr, 0, 20000), -1);
-        EXPECT_EQ(errno, EINTR);
-    }
+    std::atomic<bool> ended{false};
+    // Sent again and again: a signal that comes before the call cannot end it.
+    std::thread other([self, &ended] {
+        while (!ended) {
+            ::pthread_kill(self, SIGTERM);
+            std::this_thread::yield();
+        }
+    });
+    const int result = ::poll(nullptr, 0, -1);
+    const int error = errno;
+    ended = true;
     other.join();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EINTR);
+    EXPECT_TRUE(Interruption::Came());
 }
 
 TEST(Interruption, IsOverWithItsObject) {
