@@ -30,6 +30,7 @@ _vmescape_agent() {
         replay) options='--config --policies --modules --format --output --log-level --json --help' ;;
         schema) options='--json --help qemu_cmd_detect_feature qemu_file_detect_feature qemu_port_detect_feature agent alarm' ;;
         selftest) options='--json --modules --help' ;;
+        version) options='--json --help' ;;
         learn) options='--for --into --config --policies --modules --json --help' ;;
     esac
     case $before in

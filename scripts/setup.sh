@@ -47,6 +47,7 @@ lintian|checks the Debian package
 procps|process tools for scripts
 python3-prometheus-client|reads the metrics in a live test
 python3-jsonschema|checks the published schemas in a live test
+prometheus|promtool checks the alert rules and the metrics in a live test
 rsyslog|the syslog server that a live test sends alarms to
 debootstrap|makes the empty Debian in which a live test does what a newcomer does
 '

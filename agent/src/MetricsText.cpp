@@ -143,7 +143,7 @@ void AddBooks(std::string& text, const Json::Value& books) {
     for (const auto& [key, label, help] :
          {std::tuple{"filtered", "reason", "What it left out on purpose."},
           std::tuple{"lost", "reason", "What it lost."},
-          std::tuple{"kinds", "kind", "What it delivered, where it tells kinds apart."}}) {
+          std::tuple{"kinds", "kind", "How many of which kind, where it tells kinds apart."}}) {
         Metric metric(text, std::string("vmescape_") + key + "_total", kCounter, help);
         for (const Json::Value& book : books) {
             for (const std::string& name : book[key].getMemberNames()) {

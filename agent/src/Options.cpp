@@ -212,6 +212,12 @@ void AddLearn(CLI::App& app, Options& options) {
     learn->callback([&options] { options.m_verb = Options::Verb::LEARN; });
 }
 
+void AddVersion(CLI::App& app, Options& options) {
+    CLI::App* version = app.add_subcommand("version", "Print the version");
+    version->add_flag("--json", options.m_json, "Print it as JSON");
+    version->callback([&options] { options.m_verb = Options::Verb::VERSION; });
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, const char* const* argv, Options& options, int& exitCode) {
@@ -227,9 +233,7 @@ bool ParseOptions(int argc, const char* const* argv, Options& options, int& exit
     AddSelftest(app, options);
     AddLearn(app, options);
     AddReplay(app, options);
-    app.add_subcommand("version", "Print the version")->callback([&options] {
-        options.m_verb = Options::Verb::VERSION;
-    });
+    AddVersion(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -148,6 +148,9 @@ std::string BookLines(const Json::Value& book) {
         text += "    latency: half " + Within(book["latency"], 50) + ", 99 % " +
                 Within(book["latency"], 99) + '\n';
     }
+    if (!book["trouble"].asString().empty()) {
+        text += "    degraded: " + Printable(book["trouble"].asString()) + '\n';
+    }
     for (const char* kind : {"filtered", "lost"}) {
         text += Poco::format("    %s: %s\n", std::string(kind), Reasons(book[kind]));
     }
@@ -269,13 +272,14 @@ Json::Value Status::PolicyEntries() const {
 }
 
 Json::Value Status::TaskEntry(const Framework::Engine::TaskStatus& task) const {
-    const bool stuck = std::any_of(m_stuck.begin(), m_stuck.end(), [&](const auto& line) {
+    const auto stuck = std::find_if(m_stuck.begin(), m_stuck.end(), [&](const auto& line) {
         return line.find('(' + task.m_name + ')') != std::string::npos;
     });
     Json::Value entry;
     entry["name"] = task.m_name;
     entry["feature"] = task.m_feature;
-    entry["state"] = stuck ? "down" : "up";
+    entry["state"] = stuck != m_stuck.end() ? "down" : "up";
+    entry["why"] = stuck != m_stuck.end() ? *stuck : std::string();
     entry["waiting"] = task.m_inboxDepth;
     entry["capacity"] = task.m_inboxCapacity;
     entry["received"] = Json::UInt64{task.m_messagesAccepted};

@@ -9,6 +9,7 @@
 #include "Selftest.h"
 #include "SelftestActor.h"
 #include "StatusVerb.h"
+#include "VersionVerb.h"
 
 #include <exception>
 #include <iostream>
@@ -22,8 +23,7 @@ int Obey(const Agent::Options& options, char* const* argv) {
         case Agent::Options::Verb::CHECK:
             return Agent::CheckFiles(options);
         case Agent::Options::Verb::VERSION:
-            std::cout << "vmescape-agent " << VMESCAPE_VERSION << '\n';
-            return Agent::EXIT_GOOD;
+            return Agent::PrintVersion(options);
         case Agent::Options::Verb::STATUS:
             return Agent::PrintStatus(options);
         case Agent::Options::Verb::LIST:

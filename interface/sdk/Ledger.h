@@ -22,7 +22,8 @@ struct Ledger {
     std::uint64_t m_waiting = 0;
     std::map<std::string, std::uint64_t> m_filtered;  ///< left out on purpose, by reason
     std::map<std::string, std::uint64_t> m_lost;      ///< by reason
-    std::map<std::string, std::uint64_t> m_kinds;  ///< of the delivered; empty where nobody tells
+    std::map<std::string, std::uint64_t> m_kinds;  ///< how many of which kind, as far as the part
+                                                   ///< can tell; empty where it tells none apart
     std::map<std::string, std::uint64_t> m_machines;  ///< virtual machines that the delivered name,
                                                       ///< by kind; empty where nobody tells
     std::optional<LatencyHistogram> m_latency;  ///< how long it took to deliver; none where nobody

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 namespace FileNotify {
@@ -16,6 +17,10 @@ struct Counters {
     std::uint64_t m_changes = 0;    ///< of directories, or only of a file's making: no accesses
     std::uint64_t m_overflows = 0;  ///< times the kernel's queue was full; how much it lost then,
                                     ///< it does not tell
+
+    /// What the routed ones tell of, in the order open, access, modify, close_write, close_nowrite.
+    /// The kernel merges: one event may tell of several.
+    std::array<std::uint64_t, 5> m_accesses{};
 
     std::uint64_t m_messages = 0;    ///< made of the routed events, for all subscribers
     std::uint64_t m_delivered = 0;   ///< put into an inbox

@@ -68,9 +68,16 @@ void EventRouter::Route(const FanotifyEvent& event) {
         return;
     }
     ++m_counters.m_routed;
+    CountAccesses(mask);
     const std::string path = WatchPath::Join(directory->m_path, event.m_name);
     for (const SubscriberPtr& subscriber : directory->m_subscribers) {
         Offer(*subscriber, event.m_pid, mask, path);
+    }
+}
+
+void EventRouter::CountAccesses(unsigned int mask) {
+    for (std::size_t i = 0; i < kKinds.size(); ++i) {
+        m_counters.m_accesses.at(i) += (mask & kKinds.at(i)) != 0 ? 1 : 0;
     }
 }
 

@@ -49,6 +49,7 @@ public:
     Counters GetCounters() const;
 
 private:
+    void CountAccesses(unsigned int mask);
     void Offer(Framework::Outbox& subscriber, int pid, unsigned int mask, const std::string& path);
 
     const WatchTree& m_tree;

@@ -145,6 +145,11 @@ SDK::Ledger FileNotifier::EventLedger() const {
                         {"of_directories", counters.m_changes}};
     // How many each of the times cost, the kernel does not tell.
     books.m_lost = {{"times_in_kernel", counters.m_overflows}};
+    books.m_kinds = {{"open", counters.m_accesses[0]},
+                     {"access", counters.m_accesses[1]},
+                     {"modify", counters.m_accesses[2]},
+                     {"close_write", counters.m_accesses[3]},
+                     {"close_nowrite", counters.m_accesses[4]}};
     return books;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 namespace ProcessCollect {
@@ -18,6 +19,9 @@ struct Counters {
     std::uint64_t m_lostBehind = 0;        ///< the subscriber was too far behind
     std::uint64_t m_lostGone = 0;          ///< the subscriber went away before it took them
     std::uint64_t m_waiting = 0;           ///< kept until the subscriber's inbox has room
+
+    std::array<std::uint64_t, 4> m_kinds{};  ///< of the seen, by ProcsMessage::Flag; of those that
+                                             ///< were repeated or lost in the kernel nobody asks
 
     /// True when every event is accounted for.
     bool Balanced() const {

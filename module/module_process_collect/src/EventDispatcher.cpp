@@ -50,7 +50,7 @@ void EventDispatcher::Dispatch(Engine::ProcsMessage::Flag type, int pid, const I
             continue;
         }
         wanted = true;
-        ++m_counters.m_seen;
+        CountSeen(type);
         auto copy = info == nullptr ? nullptr : std::make_shared<Info>(*info);
         if (!subscriber->Offer(std::make_shared<Engine::ProcsMessage>(type, pid, std::move(copy)),
                                time)) {
@@ -58,9 +58,14 @@ void EventDispatcher::Dispatch(Engine::ProcsMessage::Flag type, int pid, const I
         }
     }
     if (!wanted) {
-        ++m_counters.m_seen;
+        CountSeen(type);
         ++m_counters.m_filteredUnwanted;
     }
+}
+
+void EventDispatcher::CountSeen(Engine::ProcsMessage::Flag type) {
+    ++m_counters.m_seen;
+    ++m_counters.m_kinds.at(type);
 }
 
 void EventDispatcher::Flush() {

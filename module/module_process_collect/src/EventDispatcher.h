@@ -57,6 +57,7 @@ public:
     const SDK::LatencyHistogram& Latency() const { return m_latency; }
 
 private:
+    void CountSeen(Engine::ProcsMessage::Flag type);
     void DropAbandoned();
 
     const std::size_t m_backlog;

@@ -133,6 +133,9 @@ SDK::Ledger ProcessCollector::GetLedger() {
     books.m_lost = {{"in_kernel", counters.m_lostInKernel},
                     {"behind", counters.m_lostBehind},
                     {"with_subscriber", counters.m_lostGone}};
+    books.m_kinds = {{"fork", counters.m_kinds[Engine::ProcsMessage::FORK]},
+                     {"exec", counters.m_kinds[Engine::ProcsMessage::EXEC]},
+                     {"exit", counters.m_kinds[Engine::ProcsMessage::EXIT]}};
     books.m_latency = m_dispatcher.Latency();
     return books;
 }

@@ -6,6 +6,8 @@
 
 #include <sys/fanotify.h>
 
+#include <array>
+
 namespace {
 
 using namespace FileNotifyTest;
@@ -59,6 +61,15 @@ TEST_F(EventRouter, MakesAMessageOfEachKindOfAccess) {
     Route(FAN_CLOSE_WRITE | FAN_MODIFY | FAN_ACCESS | FAN_OPEN);
     Route(FAN_CLOSE_NOWRITE);
     EXPECT_EQ(Received(), (Kinds{32, 1, 2, 8, 16}));
+}
+
+TEST_F(EventRouter, CountsEachKindOfAccessThatAnEventTellsOf) {
+    Route(FAN_OPEN);
+    Route(FAN_CLOSE_WRITE | FAN_MODIFY | FAN_OPEN);
+    Route(FAN_ACCESS | FAN_CLOSE_NOWRITE);
+    Route(FAN_OPEN, "key", ::getpid());
+    EXPECT_EQ(m_router.GetCounters().m_accesses, (std::array<std::uint64_t, 5>{2, 1, 1, 1, 1}))
+        << "what the agent itself does counts for nothing";
 }
 
 TEST_F(EventRouter, KeepsTheKindsTogetherForASubscriberThatIsBehindButForModify) {

@@ -172,6 +172,10 @@ TEST_F(FileNotifier, ItsLedgersSayWhatItsCountersSay) {
     EXPECT_EQ(books[0].m_seen, counters.m_events);
     EXPECT_EQ(books[0].m_filtered.at("own"), counters.m_own);
     EXPECT_TRUE(books[0].Balanced());
+    EXPECT_EQ(
+        books[0].m_kinds,
+        (std::map<std::string, std::uint64_t>{
+            {"open", 1}, {"access", 1}, {"modify", 0}, {"close_write", 0}, {"close_nowrite", 1}}));
     EXPECT_EQ(books[1].m_name, "file_messages");
     EXPECT_EQ(books[1].m_delivered, 3U);
     EXPECT_TRUE(books[1].Balanced());

@@ -38,6 +38,7 @@ TEST_F(Package, IsInstalledUsedReplacedAndRemovedWithoutATrace) {
          SOURCE_FOLDER "/tests/support/programs/package_life.sh", m_package, folder.Path()},
         std::chrono::seconds(60));
     if (life.m_status == 77) {
+        ASSERT_EQ(std::getenv("CI"), nullptr) << life.m_output;
         GTEST_SKIP() << "no overlays here";
     }
     EXPECT_EQ(life.m_status, 0) << life.m_output << life.m_errors;

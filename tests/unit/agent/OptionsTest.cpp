@@ -68,6 +68,9 @@ TEST_F(CommandLine, OutputsAreGivenWithCommasOrOptions) {
 TEST_F(CommandLine, VersionIsAVerbToo) {
     ASSERT_TRUE(Parse({"version"}));
     EXPECT_EQ(m_options.m_verb, Options::Verb::VERSION);
+    EXPECT_FALSE(m_options.m_json);
+    ASSERT_TRUE(Parse({"version", "--json"}));
+    EXPECT_TRUE(m_options.m_json);
 }
 
 TEST_F(CommandLine, AKeyWithoutValueIsAUsageError) {

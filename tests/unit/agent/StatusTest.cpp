@@ -195,15 +195,29 @@ TEST_F(Status, AsTextNamesTheReasonsOfWhatDidNotArrive) {
               std::string::npos);
 }
 
+TEST_F(Status, AsTextSaysAtTheBookWhichPartIsInTrouble) {
+    SDK::Ledger books = AlarmBooks();
+    EXPECT_EQ(Agent::Status::ToText(m_status.Document({}, {books})).find("    degraded:"),
+              std::string::npos);
+    books.m_trouble = "Output(stdout) cannot be written";
+    const std::string text = Agent::Status::ToText(m_status.Document({}, {books}));
+    EXPECT_NE(text.find("    degraded: Output(stdout) cannot be written\n    filtered: 0\n"),
+              std::string::npos)
+        << text;
+}
+
 TEST_F(Status, ShowsATaskThatDoesNotWorkAsDownAndSaysWhy) {
     Take();
     EXPECT_TRUE(m_status.TakeStuckTasks({"Task(qemu_cmd_detect_task) has ended"}));
     EXPECT_FALSE(m_status.TakeStuckTasks({"Task(qemu_cmd_detect_task) has ended"}));
     EXPECT_EQ(State(), "degraded");
     EXPECT_EQ(Reason(), "Task(qemu_cmd_detect_task) has ended");
-    EXPECT_EQ(m_status.Document(OneTask(), {})["tasks"][0]["state"].asString(), "down");
+    const Json::Value down = m_status.Document(OneTask(), {})["tasks"][0];
+    EXPECT_EQ(down["state"].asString(), "down");
+    EXPECT_EQ(down["why"].asString(), "Task(qemu_cmd_detect_task) has ended");
     EXPECT_TRUE(m_status.TakeStuckTasks({}));
     EXPECT_EQ(State(), "up");
+    EXPECT_EQ(m_status.Document(OneTask(), {})["tasks"][0]["why"].asString(), "");
 }
 
 TEST_F(Status, CountsTheGenerationsOfAPolicyAndShowsItsHash) {

@@ -177,6 +177,25 @@ TEST_F(ProcessCollectorTest, ItsLedgerSaysWhatItsCountersSay) {
     EXPECT_EQ(books.m_lost.at("behind"), counters.m_lostBehind);
 }
 
+TEST_F(ProcessCollectorTest, CountsEventsByKind) {
+    using Kinds = std::map<std::string, std::uint64_t>;
+    ASSERT_TRUE(m_collector->Start());
+    EXPECT_EQ(m_collector->GetLedger().m_kinds, (Kinds{{"fork", 0}, {"exec", 0}, {"exit", 0}}))
+        << "from the start, so that the first one is a change";
+    m_source->Add(ProcsMessage::FORK, kPid, 1, 5);
+    m_source->Add(ProcsMessage::EXEC, kPid, 1, 5);
+    m_source->Add(ProcsMessage::EXEC, kPid, 1, 5);
+    m_source->Add(ProcsMessage::EXIT, kPid, 1, 5);
+    m_collector->Pass();
+    const SDK::Ledger unasked = m_collector->GetLedger();
+    EXPECT_EQ(unasked.m_kinds, (Kinds{{"fork", 1}, {"exec", 2}, {"exit", 1}}));
+    EXPECT_EQ(unasked.m_filtered.at("unwanted"), 4U);
+    Subscribe();
+    m_source->Add(ProcsMessage::EXIT, kPid + 1, 1, 5);
+    m_collector->Pass();
+    EXPECT_EQ(m_collector->GetLedger().m_kinds.at("exit"), 2U);
+}
+
 TEST_F(ProcessCollectorTest, ReadsTheProcessListAgainAfterALoss) {
     ASSERT_TRUE(m_collector->Start());
     Subscribe();
