@@ -194,7 +194,7 @@ void AddLearn(CLI::App& app, Options& options) {
                 }
                 options.m_for = *duration;
             },
-            "How long: 90s, 10m, 24h, 7d")
+            "How long, at most 365 days: 600 (seconds), 90s, 10m, 24h, 7d")
         ->type_name("DURATION")
         ->required();
     learn->add_option("--into", options.m_into, "Folder for the policies; made when it is missing")
