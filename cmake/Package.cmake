@@ -23,7 +23,7 @@ install(FILES ${PROJECT_BINARY_DIR}/changelog.gz packaging/copyright
     packaging/prometheus-alerts.yml packaging/grafana-dashboard.json
     packaging/README.Debian docs/quickstart.md docs/agent.md docs/policies.md docs/alarms.md
     docs/detection.md docs/metrics.md docs/outputs.md docs/recording.md docs/security.md
-    docs/troubleshooting.md
+    docs/troubleshooting.md docs/tuning.md docs/benchmarks.md
     DESTINATION /usr/share/doc/vmescape-agent)
 install(FILES packaging/completion.bash RENAME vmescape-agent
     DESTINATION /usr/share/bash-completion/completions)

@@ -41,7 +41,7 @@ _vmescape_agent() {
         --log-level)
             mapfile -t COMPREPLY < <(compgen -W 'fatal critical error warning notice information debug trace' -- "$word") ;;
         --listen) mapfile -t COMPREPLY < <(compgen -W '127.0.0.1: unix:/' -- "$word") ;;
-        -o) COMPREPLY=() ;;
+        -o | --for) COMPREPLY=() ;;
         *)
             mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
             if [ "$verb" = check ] && [ "${word#-}" = "$word" ]; then

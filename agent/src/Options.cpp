@@ -12,6 +12,9 @@ namespace Agent {
 
 namespace {
 
+constexpr const char* kFormatMeaning =
+    "Alarms as text, json, ocsf or ecs; auto: text on a terminal and for journald, else json";
+
 /// An option of "run" that is a setting by another name.
 void AddSetting(CLI::App& run, Options& options, const char* flag, const char* key,
                 const char* meaning) {
@@ -44,7 +47,7 @@ void AddRun(CLI::App& app, Options& options) {
         ->type_name("FILE");
     AddSetting(*run, options, "--policies", "policies", "Folder of the feature policies");
     AddSetting(*run, options, "--modules", "modules", "Folder of the modules");
-    AddSetting(*run, options, "--format", "report.format", "Alarms as text, json, ocsf or ecs");
+    AddSetting(*run, options, "--format", "report.format", kFormatMeaning);
     AddOutputs(*run, options,
                "Alarms to stdout, file:PATH, journald, syslog, syslog:local:PATH, "
                "syslog:unix:PATH, syslog:tcp:HOST:PORT, webhook or kafka, several with commas or "
@@ -83,7 +86,7 @@ void AddReplay(CLI::App& app, Options& options) {
         ->type_name("FILE");
     AddSetting(*replay, options, "--policies", "policies", "Folder of the feature policies");
     AddSetting(*replay, options, "--modules", "modules", "Folder of the modules");
-    AddSetting(*replay, options, "--format", "report.format", "Alarms as text or json");
+    AddSetting(*replay, options, "--format", "report.format", kFormatMeaning);
     AddOutputs(*replay, options,
                "Alarms to somewhere else than to stdout, as with run; the configured outputs do "
                "not count");
@@ -191,7 +194,7 @@ void AddLearn(CLI::App& app, Options& options) {
                 }
                 options.m_for = *duration;
             },
-            "How long: 90s, 10m, 24h, 7d")
+            "How long, at most 365 days: 600 (seconds), 90s, 10m, 24h, 7d")
         ->type_name("DURATION")
         ->required();
     learn->add_option("--into", options.m_into, "Folder for the policies; made when it is missing")

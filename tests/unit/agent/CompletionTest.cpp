@@ -1,6 +1,7 @@
 // The completion of the command line in bash.
 
-#include "Options.h"
+#include "HelpText.h"
+#include "SchemaVerb.h"
 #include "support/ChildProcess.h"
 #include "support/TemporaryFolder.h"
 
@@ -34,29 +35,6 @@ Words Complete(const std::string& line, const std::string& folder = "/") {
     return words;
 }
 
-std::string Help(const std::string& verb) {
-    const std::vector<const char*> arguments = {"vmescape-agent", verb.c_str(), "--help"};
-    Agent::Options options;
-    int exitCode = -1;
-    testing::internal::CaptureStdout();
-    Agent::ParseOptions(static_cast<int>(arguments.size()), arguments.data(), options, exitCode);
-    return testing::internal::GetCapturedStdout();
-}
-
-/// The options that a verb's help lists, by their long names where they have one.
-Words OptionsOf(const std::string& verb) {
-    Words options;
-    std::istringstream lines(Help(verb));
-    for (std::string line; std::getline(lines, line);) {
-        std::string word;
-        std::istringstream(line) >> word;
-        if (word.rfind('-', 0) == 0) {
-            options.insert(word.substr(word.find(',') + 1));
-        }
-    }
-    return options;
-}
-
 /// The outputs that the help of "run" lists, up to where the user's own part begins.
 Words OutputsOf(const std::string& help) {
     const std::string key = "  report.output: ";
@@ -78,18 +56,19 @@ TEST(Completion, IsKnownToBash) {
 }
 
 TEST(Completion, OffersVerbs) {
-    EXPECT_EQ(Complete(""),
-              (Words{"run", "check", "status", "list", "metrics", "schema", "selftest", "learn",
-                     "replay", "version", "--help", "--version"}));
+    Words words = Verbs();
+    EXPECT_EQ(words.count("replay"), 1U);
+    words.merge(OptionsOf(""));
+    EXPECT_EQ(words.count("--version"), 1U);
+    EXPECT_EQ(Complete(""), words);
     EXPECT_EQ(Complete("st"), Words{"status"});
 }
 
 TEST(Completion, OffersTheOptionsThatEachVerbHas) {
-    for (const char* verb :
-         {"run", "check", "status", "list", "metrics", "schema", "selftest", "learn", "version"}) {
+    for (const std::string& verb : Verbs()) {
         const Words options = OptionsOf(verb);
         EXPECT_EQ(options.count("--help"), 1U) << verb;
-        EXPECT_EQ(Complete(std::string(verb) + " -"), options) << verb;
+        EXPECT_EQ(Complete(verb + " -"), options) << verb;
     }
     EXPECT_EQ(Complete("status --so"), Words{"--socket"});
 }
@@ -102,6 +81,28 @@ TEST(Completion, OffersWhatAnOptionTakes) {
     folder.Write("agent.json", "");
     EXPECT_EQ(Complete("run --config ", folder.Path()), Words{"agent.json"});
     EXPECT_TRUE(Complete("run --policies ", folder.Path()).empty());
+}
+
+TEST(Completion, OffersNothingForADurationWhichOnlyTheUserKnows) {
+    const TestSupport::TemporaryFolder folder;
+    folder.Write("10m", "");
+    EXPECT_EQ(Complete("learn --for ", folder.Path()), Words());
+    EXPECT_EQ(Complete("learn --for 1", folder.Path()), Words());
+}
+
+TEST(Completion, OffersTheNamesOfAllSchemas) {
+    Words words = OptionsOf("schema");
+    for (const std::string& name : Agent::SchemaNames()) {
+        words.insert(name);
+    }
+    EXPECT_EQ(Complete("schema "), words);
+    EXPECT_EQ(Complete("schema al"), Words{"alarm"});
+}
+
+TEST(Completion, OffersFilesToReplay) {
+    const TestSupport::TemporaryFolder folder;
+    folder.Write("day.rec", "");
+    EXPECT_EQ(Complete("replay ", folder.Path()), Words{"day.rec"});
 }
 
 TEST(Completion, OffersPoliciesToCheckAndNothingElse) {

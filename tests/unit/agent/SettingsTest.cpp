@@ -9,7 +9,10 @@
 
 #include <sys/stat.h>
 
+#include <map>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -213,6 +216,61 @@ TEST(SettingsSchema, TellsTypesLimitsWordsAndDefaults) {
     EXPECT_EQ(keys["optional_modules"]["items"]["type"].asString(), "string");
     EXPECT_EQ(keys["report.format"]["$ref"].asString(), "#/properties/report/properties/format");
     EXPECT_FALSE(Agent::Settings::Schema().isMember("additionalProperties"));
+}
+
+using Cells = std::vector<std::string>;
+
+/// The rows of the table of all keys in the document for operators, by key.
+std::map<std::string, Cells> DocumentedKeys() {
+    std::istringstream lines(TestSupport::ReadText(SOURCE_FOLDER "/docs/agent.md"));
+    std::map<std::string, Cells> rows;
+    bool inTable = false;
+    for (std::string line; std::getline(lines, line);) {
+        inTable = line == "| key | default | values | meaning |" || (inTable && !line.empty());
+        if (!inTable || !line.starts_with("| `")) {
+            continue;
+        }
+        Cells cells;
+        for (std::size_t at = 2, end = 0; (end = line.find(" |", at)) != std::string::npos;) {
+            cells.push_back(line.substr(at, end - at));
+            at = end + 3;
+        }
+        const std::string key = cells.at(0).substr(1, cells[0].length() - 2);
+        EXPECT_TRUE(rows.emplace(key, cells).second) << key << " stands there twice";
+    }
+    return rows;
+}
+
+TEST(SettingsReference, HasEveryKeyWithItsDefaultItsLimitsAndItsWordsAndNoOther) {
+    std::map<std::string, Cells> rows = DocumentedKeys();
+    const Json::Value schema = Agent::Settings::Schema()["properties"];
+    std::istringstream lines(Agent::Settings::DescribeKeys());
+    for (std::string line; std::getline(lines, line);) {
+        const std::string key = line.substr(2, line.find(':') - 2);
+        ASSERT_EQ(rows.count(key), 1U) << key << " is missing in docs/agent.md";
+        const Cells row = rows[key];
+        ASSERT_EQ(row.size(), 4U) << key;
+        rows.erase(key);
+        const std::size_t dot = key.find('.');
+        const Json::Value& entry =
+            dot == std::string::npos
+                ? schema[key]
+                : schema[key.substr(0, dot)]["properties"][key.substr(dot + 1)];
+        const std::string standard = entry["default"].isArray() ? "" : entry["default"].asString();
+        EXPECT_TRUE(standard.empty() || row[1] == '`' + standard + '`') << key << ": " << row[1];
+        if (entry.isMember("minimum")) {
+            EXPECT_EQ(row[2], entry["minimum"].asString() + " to " + entry["maximum"].asString())
+                << key;
+        }
+        std::string words;
+        for (const Json::Value& word : entry["enum"]) {
+            words += (words.empty() ? "`" : ", `") + word.asString() + '`';
+        }
+        EXPECT_TRUE(words.empty() || row[2] == words) << key << ": " << row[2];
+    }
+    for (const auto& [key, row] : rows) {
+        ADD_FAILURE() << key << " is in docs/agent.md, but no key";
+    }
 }
 
 }  // namespace

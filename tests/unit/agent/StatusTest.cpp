@@ -1,6 +1,12 @@
 #include "Status.h"
 
+#include "support/TemporaryFolder.h"
+
 #include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -278,6 +284,78 @@ TEST_F(Status, ReadsAsATable) {
     EXPECT_NE(text.find("f                         refused              1  "), std::string::npos)
         << text;
     EXPECT_EQ(text.find('\x1b'), std::string::npos);
+}
+
+/// The answer of "status" that the document for operators shows, without its beginning and without
+/// the lines that stand for others.
+std::vector<std::string> DocumentedAnswer() {
+    std::istringstream lines(TestSupport::ReadText(SOURCE_FOLDER "/docs/agent.md"));
+    std::vector<std::string> answer;
+    bool inside = false;
+    for (std::string line; std::getline(lines, line);) {
+        inside = inside || line == "    $ vmescape-agent status";
+        if (inside && line.starts_with("The ")) {
+            break;
+        }
+        if (inside && line.length() > 4 && line.find("…") == std::string::npos) {
+            answer.push_back(line.substr(4));
+        }
+    }
+    return answer;
+}
+
+SDK::Ledger DocumentedBook(const char* name, const char* by, std::uint64_t seen,
+                           std::uint64_t delivered) {
+    SDK::Ledger books;
+    books.m_name = name;
+    books.m_by = by;
+    books.m_seen = seen;
+    books.m_delivered = delivered;
+    return books;
+}
+
+/// Half of a hundred within a time, almost all within another one.
+void TakeTimes(SDK::Ledger& books, std::chrono::microseconds half, std::chrono::microseconds most) {
+    books.m_latency.emplace();
+    for (int i = 0; i < 100; ++i) {
+        books.m_latency->Add(i < 50 ? half : most);
+    }
+}
+
+TEST_F(Status, IsShownInTheDocumentAsItReads) {
+    using std::chrono::microseconds;
+    Framework::Engine::TaskStatus task;
+    task.m_inboxCapacity = 1024;
+    task.m_name = "procs_real_task";
+    task.m_messagesAccepted = 9;
+    Tasks tasks{task};
+    task.m_name = "qemu_cmd_detect_task";
+    task.m_messagesAccepted = 40713;
+    tasks.push_back(task);
+    SDK::Ledger processes = DocumentedBook("process_events", "bpf", 91870, 40713);
+    processes.m_filtered = {{"repeated", 12}, {"unwanted", 51145}};
+    processes.m_kinds = {{"exec", 40713}, {"exit", 24450}, {"fork", 26695}};
+    TakeTimes(processes, microseconds(900), microseconds(4000));
+    SDK::Ledger detections = DocumentedBook("detections", "", 3, 3);
+    detections.m_kinds = {{"vmescape_0001", 2}, {"vmescape_0002", 0}, {"vmescape_0003", 1}};
+    detections.m_machines = {{"vmescape_0001", 1}, {"vmescape_0002", 0}, {"vmescape_0003", 1}};
+    SDK::Ledger alarms = DocumentedBook("alarms", "/var/log/vmescape/alarms.jsonl", 3, 3);
+    alarms.m_lastS = 1795255333;
+    TakeTimes(alarms, microseconds(400), microseconds(900));
+    Agent::Status status(1795252364);
+    status.TakePolicy("qemu_cmd_detect_feature", "/p", R"({"hash":"demo"})", 1795252364);
+    status.RefusePolicy("qemu_cmd_detect_feature", "/p", "expected JSON");
+    Json::Value document = status.Document(tasks, {processes, detections, alarms}, 12);
+    document["version"] = "0.1.0";
+    document["pid"] = 812;
+    const std::string text = '\n' + Agent::Status::ToText(document);
+    const std::vector<std::string> answer = DocumentedAnswer();
+    EXPECT_GE(answer.size(), 22U);
+    for (std::size_t i = 1, at = 0; i < answer.size(); ++i) {
+        const std::size_t found = text.find('\n' + answer[i] + '\n', at);
+        ASSERT_NE(found, std::string::npos) << answer[i] << "\n\n" << text;
+        at = found;
+    }
 }
 
 }  // namespace
