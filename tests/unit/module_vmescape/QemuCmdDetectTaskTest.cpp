@@ -71,7 +71,7 @@ class BusyCmdTask : public OpenCmdTask {
 public:
     void SendAlarm(std::shared_ptr<Engine::ProcsMessage::procInfo> /*info*/,
                    const std::string& /*monitorProcess*/, const std::string& /*mode*/) override {
-        TestSupport::BurnTime(std::chrono::milliseconds(200));
+        TestSupport::BurnTime(std::chrono::milliseconds(20));
     }
 };
 
@@ -79,7 +79,7 @@ TEST_F(CmdTask, KeepsToItsShareOfTheProcessor) {
     m_task = new BusyCmdTask;
     m_task->Use({ALLOW_RULE});
     m_agent.Full().Add(Process(100, "qemu-kvm", "qemu-kvm"));
-    SDK::InnerCpuCtrlUtils::SetShare(50);
+    SDK::InnerCpuCtrlUtils::SetShare(5);
     Run();
     int pid = 100;
     EXPECT_TRUE(WaitUntil([&] {
@@ -88,13 +88,13 @@ TEST_F(CmdTask, KeepsToItsShareOfTheProcessor) {
             Event(2, pid, Process(pid, "wget", "wget", 100, "qemu-kvm", "/usr/bin/wget")));
         const std::vector<CapturedLog::Line> lines = m_log.Lines();
         return std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
-            return line.text.rfind("Task(qemu_cmd_detect_task) is ahead of its share(50%)", 0) ==
+            return line.text.rfind("Task(qemu_cmd_detect_task) is ahead of its share(5%)", 0) ==
                        0 &&
                    line.file == "QemuCmdDetectTask.cpp" && line.line == 46;
         });
     }));
-    Stop();
     SDK::InnerCpuCtrlUtils::SetShare(0);
+    Stop();
 }
 
 TEST_F(CmdTask, RegistersForForksExecsAndExitsInThisOrder) {

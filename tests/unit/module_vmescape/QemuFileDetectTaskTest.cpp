@@ -77,7 +77,7 @@ public:
     void SendAlarm(const std::string& /*monitorProcess*/, const std::string& /*processName*/,
                    int /*pid*/, const std::string& /*filePath*/,
                    const std::string& /*fileAction*/) override {
-        TestSupport::BurnTime(std::chrono::milliseconds(200));
+        TestSupport::BurnTime(std::chrono::milliseconds(20));
     }
 };
 
@@ -87,13 +87,13 @@ TEST_F(FileTask, KeepsToItsShareOfTheProcessor) {
     m_task->Use(FilePolicy({}));
     m_task->m_monitorPidMap[1] = "qemu-kvm";
     m_agent.Full().Add(Process(1, "qemu-kvm", "qemu-kvm"));
-    SDK::InnerCpuCtrlUtils::SetShare(50);
+    SDK::InnerCpuCtrlUtils::SetShare(5);
     Run();
     const std::string file = folder.Write("secret", "");
     const auto slept = [this] {
         const std::vector<CapturedLog::Line> lines = m_log.Lines();
         return std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
-            return line.text.rfind("Task(qemu_file_detect_task) is ahead of its share(50%)", 0) ==
+            return line.text.rfind("Task(qemu_file_detect_task) is ahead of its share(5%)", 0) ==
                        0 &&
                    line.file == "QemuFileDetectTask.cpp";
         });
@@ -103,8 +103,8 @@ TEST_F(FileTask, KeepsToItsShareOfTheProcessor) {
             std::make_shared<FileNotifyMessage>(1, FileNotifyMessage::OPEN, file));
         return slept();
     }));
-    Stop();
     SDK::InnerCpuCtrlUtils::SetShare(0);
+    Stop();
 }
 
 TEST_F(FileTask, AsksForTheWatchesOfItsPolicyAtOnce) {

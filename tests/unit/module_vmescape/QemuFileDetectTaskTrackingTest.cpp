@@ -238,14 +238,14 @@ TEST_F(FileTracking, EndsAtAShellFurtherUp) {
 }
 
 TEST_F(FileTracking, KeepsToItsShareOfTheProcessorOnItsWayUp) {
-    SDK::InnerCpuCtrlUtils::SetShare(50);
+    SDK::InnerCpuCtrlUtils::SetShare(5);
     CheckParent(-1);
     TestSupport::BurnTime(std::chrono::milliseconds(200));
     CheckParent(-1);
     SDK::InnerCpuCtrlUtils::SetShare(0);
     const std::vector<CapturedLog::Line> lines = m_log.Lines();
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
-        return line.text.rfind("Task(qemu_file_detect_task) is ahead of its share(50%)", 0) == 0 &&
+        return line.text.rfind("Task(qemu_file_detect_task) is ahead of its share(5%)", 0) == 0 &&
                line.file == "QemuFileDetectTaskTracking.cpp";
     }));
 }

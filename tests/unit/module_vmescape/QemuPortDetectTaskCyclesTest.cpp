@@ -106,12 +106,12 @@ TEST_F(PortTaskCycles, FindACollectorThatComesLaterAndMissOneThatGoes) {
 }
 
 TEST_F(PortTaskCycles, KeepToTheirShareOfTheProcessor) {
-    SDK::InnerCpuCtrlUtils::SetShare(50);
+    SDK::InnerCpuCtrlUtils::SetShare(5);
     Run({[] {}, [] { TestSupport::BurnTime(std::chrono::milliseconds(200)); }, [] {}});
     SDK::InnerCpuCtrlUtils::SetShare(0);
     const std::vector<CapturedLog::Line> lines = m_log.Lines();
     EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const CapturedLog::Line& line) {
-        return line.text.rfind("Task(qemu_port_detect_task) is ahead of its share(50%)", 0) == 0 &&
+        return line.text.rfind("Task(qemu_port_detect_task) is ahead of its share(5%)", 0) == 0 &&
                line.file == "QemuPortDetectTask.cpp";
     }));
 }
