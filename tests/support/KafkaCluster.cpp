@@ -11,7 +11,10 @@ namespace {
 
 constexpr int kBrokers = 3;
 constexpr int kPartitions = 4;
-constexpr std::int16_t kProduceRequest = 0;  // the protocol's ApiKey
+
+// The protocol's ApiKeys.
+constexpr std::int16_t kProduceRequest = 0;
+constexpr std::int16_t kInitProducerIdRequest = 22;
 
 // Nothing more comes when nothing has come for this long.
 constexpr int kQuietMs = 300;
@@ -53,11 +56,16 @@ void KafkaCluster::Start() {
     }
 }
 
-void KafkaCluster::RefuseProduce(int error, int times) {
+void KafkaCluster::RefuseProduce(int error, int times) { Refuse(kProduceRequest, error, times); }
+
+void KafkaCluster::RefuseProducerId(int error, int times) {
+    Refuse(kInitProducerIdRequest, error, times);
+}
+
+void KafkaCluster::Refuse(std::int16_t request, int error, int times) {
     const std::vector<rd_kafka_resp_err_t> errors(static_cast<std::size_t>(times),
                                                   static_cast<rd_kafka_resp_err_t>(error));
-    rd_kafka_mock_push_request_errors_array(m_cluster, kProduceRequest, errors.size(),
-                                            errors.data());
+    rd_kafka_mock_push_request_errors_array(m_cluster, request, errors.size(), errors.data());
 }
 
 KafkaCluster::Client KafkaCluster::MakeReader() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,6 +35,9 @@ public:
     /// Answers the next requests to produce with an error of Kafka's.
     void RefuseProduce(int error, int times = 1);
 
+    /// The same for requests of a producer to be told its id.
+    void RefuseProducerId(int error, int times = 1);
+
     struct Record {
         std::string m_key;
         std::string m_value;
@@ -52,6 +56,7 @@ private:
     };
     using Client = std::unique_ptr<rd_kafka_s, DestroyClient>;
 
+    void Refuse(std::int16_t request, int error, int times);
     Client MakeReader() const;
 
     const std::string m_topic;

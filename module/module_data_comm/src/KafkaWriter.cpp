@@ -67,6 +67,7 @@ std::string Member(const Json::Value& object, const char* key) {
 void KafkaWriter::Destroy::operator()(rd_kafka_s* client) const {
     rd_kafka_flush(client, kEndMs);
     rd_kafka_purge(client, RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
+    rd_kafka_poll(client, 0);  // the reports of what was purged
     rd_kafka_destroy(client);
 }
 
@@ -115,15 +116,8 @@ rd_kafka_conf_s* KafkaWriter::MakeConfiguration(std::string& why) {
     rd_kafka_conf_set_opaque(configuration, this);
     rd_kafka_conf_set_log_cb(configuration, LogLine);
     rd_kafka_conf_set_error_cb(configuration,
-                               [](rd_kafka_t* client, int error, const char* reason, void* opaque) {
-                                   auto& writer = *static_cast<KafkaWriter*>(opaque);
-                                   writer.m_lastError = reason;
-                                   if (error == RD_KAFKA_RESP_ERR__FATAL) {
-                                       std::array<char, kErrorText> text{};
-                                       rd_kafka_fatal_error(client, text.data(), text.size());
-                                       writer.m_lastError = text.data();
-                                       writer.m_broken = true;
-                                   }
+                               [](rd_kafka_t*, int /*error*/, const char* reason, void* opaque) {
+                                   static_cast<KafkaWriter*>(opaque)->m_lastError = reason;
                                });
     rd_kafka_conf_set_dr_msg_cb(
         configuration, [](rd_kafka_t* /*client*/, const rd_kafka_message_t* message, void* opaque) {
@@ -133,9 +127,10 @@ rd_kafka_conf_s* KafkaWriter::MakeConfiguration(std::string& why) {
 }
 
 bool KafkaWriter::Prepare(std::string& why) {
-    ReplaceBrokenClient();
-    if (m_client == nullptr) {
+    if (IsBroken()) {
+        // Whether the next one is any better it has yet to show.
         why = m_lastError;
+        ReplaceClient();
         return false;
     }
     rd_kafka_topic_t* topic =
@@ -156,7 +151,9 @@ bool KafkaWriter::Prepare(std::string& why) {
 
 std::size_t KafkaWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) {
     m_retry = true;
-    ReplaceBrokenClient();
+    if (IsBroken()) {
+        ReplaceClient();
+    }
     SendFrom(alarms);
     WaitForWord();
     const std::size_t arrived = TakeArrived();
@@ -172,19 +169,38 @@ std::size_t KafkaWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::st
     return arrived;
 }
 
+/// Asks the client itself: its callback comes only when it is polled, which is not done while it
+/// has nothing, and a client that will never work again takes nothing.
+bool KafkaWriter::IsBroken() {
+    std::array<char, kErrorText> text{};
+    if (m_client == nullptr) {
+        return true;
+    }
+    if (rd_kafka_fatal_error(m_client.get(), text.data(), text.size()) ==
+        RD_KAFKA_RESP_ERR_NO_ERROR) {
+        return false;
+    }
+    m_lastError = text.data();
+    return true;
+}
+
 /// After an error that ends a client for good another takes over what there is no word of.
-void KafkaWriter::ReplaceBrokenClient() {
-    if (!m_broken) {
-        return;
-    }
-    SDK::LogWarning(GetDataCommLogger(),
-                    "Kafka client begins anew, %lu alarms may arrive twice: %s",
-                    static_cast<unsigned long>(m_given.size()), m_lastError);
+void KafkaWriter::ReplaceClient() {
+    const std::string why = m_lastError;
     m_client.reset();  // its last reports come while it ends
-    if (Connect(m_lastError)) {
-        m_broken = false;
-        std::replace(m_given.begin(), m_given.end(), State::SENT, State::RETURNED);
+    std::replace(m_given.begin(), m_given.end(), State::SENT, State::RETURNED);
+    const auto doubtful = std::count(m_given.begin(), m_given.end(), State::RETURNED);
+    if (doubtful > 0) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Kafka client begins anew, %lu alarms may arrive twice: %s",
+                        static_cast<unsigned long>(doubtful), why);
+    } else {
+        // The trouble of the output says enough, and each try would say it again.
+        SDK::Log(GetDataCommLogger(), Poco::Message::PRIO_DEBUG, "Kafka client begins anew: %s",
+                 why);
     }
+    m_lastError = why;
+    Connect(m_lastError);
 }
 
 /// Gives the client what it does not have.
@@ -194,19 +210,18 @@ void KafkaWriter::SendFrom(const std::vector<OutgoingAlarm>& alarms) {
     }
     for (std::size_t i = 0; i < alarms.size(); ++i) {
         if (i >= m_given.size()) {
-            m_given.push_back(State::RETURNED);
-        } else if (m_given[i] != State::RETURNED) {
-            continue;
+            m_given.push_back(State::WAITING);
         }
-        Send(alarms[i], m_given[i]);
-        if (m_given[i] == State::RETURNED) {
+        const bool has = m_given[i] != State::WAITING && m_given[i] != State::RETURNED;
+        if (!has && !Send(alarms[i], m_given[i])) {
             return;  // there is no room now
         }
     }
 }
 
-/// @param state  what has become of it; left as it was when the client has no room for it now
-void KafkaWriter::Send(const OutgoingAlarm& alarm, State& state) {
+/// @param state  what has become of it
+/// @return false when the client does not take it now
+bool KafkaWriter::Send(const OutgoingAlarm& alarm, State& state) {
     Json::Value document;
     SDK::JsonUtils::ParseJsonStr(alarm.m_document.c_str(), alarm.m_document.length(), document);
     Json::Value resource;
@@ -230,17 +245,20 @@ void KafkaWriter::Send(const OutgoingAlarm& alarm, State& state) {
         failure == nullptr ? RD_KAFKA_RESP_ERR_NO_ERROR : rd_kafka_error_code(failure.get());
     if (error == RD_KAFKA_RESP_ERR_NO_ERROR) {
         state = State::SENT;
-        return;
+        return true;
     }
     rd_kafka_headers_destroy(headers);  // which are the client's only when it took the message
-    m_lastError = rd_kafka_err2str(error);
+    if (!IsBroken()) {
+        m_lastError = rd_kafka_err2str(error);
+    }
     state = IsRefusal(error) ? State::REFUSED : state;
+    return state == State::REFUSED;
 }
 
 void KafkaWriter::WaitForWord() {
     const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (m_client != nullptr && !m_broken && !HasWordOfAll() &&
-           std::chrono::steady_clock::now() < end && !DeadlinePassed()) {
+    while (!IsBroken() && !HasWordOfAll() && std::chrono::steady_clock::now() < end &&
+           !DeadlinePassed()) {
         rd_kafka_poll(m_client.get(), static_cast<int>(kSlice.count()));
     }
 }
@@ -263,7 +281,13 @@ void KafkaWriter::NoteReport(const rd_kafka_message_s& message) {
         state = State::ARRIVED;
         return;
     }
-    state = IsRefusal(message.err) ? State::REFUSED : State::RETURNED;
+    if (IsRefusal(message.err)) {
+        state = State::REFUSED;
+    } else {
+        state = rd_kafka_message_status(&message) == RD_KAFKA_MSG_STATUS_NOT_PERSISTED
+                    ? State::WAITING
+                    : State::RETURNED;
+    }
     m_lastError = rd_kafka_err2str(message.err);
 }
 

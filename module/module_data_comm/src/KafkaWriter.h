@@ -45,7 +45,13 @@ public:
     bool ShouldRetry() const override { return m_retry; }
 
 private:
-    enum class State { SENT, ARRIVED, RETURNED, REFUSED };
+    enum class State {
+        WAITING,   // the client does not have it, nor do the brokers
+        SENT,      // the client has it
+        ARRIVED,   // the brokers have it
+        RETURNED,  // the client does not have it; whether the brokers do is not known
+        REFUSED    // the brokers will never take it
+    };
 
     struct Destroy {
         void operator()(rd_kafka_s* client) const;
@@ -55,9 +61,10 @@ private:
 
     bool Connect(std::string& why);
     rd_kafka_conf_s* MakeConfiguration(std::string& why);
-    void ReplaceBrokenClient();
+    bool IsBroken();
+    void ReplaceClient();
     void SendFrom(const std::vector<OutgoingAlarm>& alarms);
-    void Send(const OutgoingAlarm& alarm, State& state);
+    bool Send(const OutgoingAlarm& alarm, State& state);
     void WaitForWord();
     bool HasWordOfAll() const;
     std::size_t TakeArrived();
@@ -71,7 +78,6 @@ private:
     // of its own.
     std::deque<State> m_given;
     std::string m_lastError;  // the client's newest
-    bool m_broken = false;    // the client says that it will never work again
     bool m_retry = true;
     std::unique_ptr<rd_kafka_s, Destroy> m_client;  // reports to the others until it has ended
 };

@@ -172,6 +172,32 @@ TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneIsBroken) {
     EXPECT_EQ(Ids(m_cluster->Read(2)), Numbers(0, 2));
 }
 
+TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneBrokeBeforeItHadAnyAlarm) {
+    // As it is while the right to write idempotently is missing.
+    m_cluster->RefuseProducerId(RD_KAFKA_RESP_ERR_CLUSTER_AUTHORIZATION_FAILED, 2);
+    const auto writer = Open();
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Contains("Fatal error"); }));
+    const auto alarms = Alarms(0, 3);
+    std::string trouble;
+    ASSERT_TRUE(WaitUntil([&] {
+        const std::size_t arrived = writer->Write(alarms, m_why);
+        trouble += m_why;
+        return arrived == alarms.size();
+    })) << m_why;
+    EXPECT_NE(trouble.find("Cluster authorization failed"), std::string::npos) << trouble;
+    EXPECT_EQ(Ids(m_cluster->Read(3)), Numbers(0, 3)) << "each once";
+    EXPECT_FALSE(m_log.Contains("may arrive twice"));
+}
+
+TEST_F(Kafka, IsInTroubleWhenItsClientBreaksAlsoWithoutAnAlarm) {
+    m_cluster->RefuseProducerId(RD_KAFKA_RESP_ERR_CLUSTER_AUTHORIZATION_FAILED);
+    const auto writer = Open();
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Contains("Fatal error"); }));
+    EXPECT_FALSE(writer->Prepare(m_why));
+    EXPECT_NE(m_why.find("Cluster authorization failed"), std::string::npos) << m_why;
+    EXPECT_TRUE(WaitUntil([&] { return writer->Prepare(m_why); })) << m_why;
+}
+
 TEST_F(Kafka, IsAskedBeforeAnAlarmNeedsIt) {
     m_cluster->Stop();
     const auto writer = Open();
