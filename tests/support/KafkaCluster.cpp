@@ -56,16 +56,24 @@ void KafkaCluster::Start() {
     }
 }
 
-void KafkaCluster::RefuseProduce(int error, int times) { Refuse(kProduceRequest, error, times); }
-
-void KafkaCluster::RefuseProducerId(int error, int times) {
-    Refuse(kInitProducerIdRequest, error, times);
+void KafkaCluster::RefuseProduce(int error, int times) {
+    AnswerProduce(std::vector<int>(static_cast<std::size_t>(times), error));
 }
 
-void KafkaCluster::Refuse(std::int16_t request, int error, int times) {
-    const std::vector<rd_kafka_resp_err_t> errors(static_cast<std::size_t>(times),
-                                                  static_cast<rd_kafka_resp_err_t>(error));
-    rd_kafka_mock_push_request_errors_array(m_cluster, request, errors.size(), errors.data());
+void KafkaCluster::AnswerProduce(const std::vector<int>& errors) {
+    Answer(kProduceRequest, errors);
+}
+
+void KafkaCluster::RefuseProducerId(int error, int times) {
+    Answer(kInitProducerIdRequest, std::vector<int>(static_cast<std::size_t>(times), error));
+}
+
+void KafkaCluster::Answer(std::int16_t request, const std::vector<int>& errors) {
+    std::vector<rd_kafka_resp_err_t> answers;
+    for (const int error : errors) {
+        answers.push_back(static_cast<rd_kafka_resp_err_t>(error));
+    }
+    rd_kafka_mock_push_request_errors_array(m_cluster, request, answers.size(), answers.data());
 }
 
 KafkaCluster::Client KafkaCluster::MakeReader() const {

@@ -35,7 +35,10 @@ public:
     /// Answers the next requests to produce with an error of Kafka's.
     void RefuseProduce(int error, int times = 1);
 
-    /// The same for requests of a producer to be told its id.
+    /// Answers the next requests to produce with one error of Kafka's each; 0 is none.
+    void AnswerProduce(const std::vector<int>& errors);
+
+    /// Refuses requests of a producer to be told its id.
     void RefuseProducerId(int error, int times = 1);
 
     struct Record {
@@ -56,7 +59,7 @@ private:
     };
     using Client = std::unique_ptr<rd_kafka_s, DestroyClient>;
 
-    void Refuse(std::int16_t request, int error, int times);
+    void Answer(std::int16_t request, const std::vector<int>& errors);
     Client MakeReader() const;
 
     const std::string m_topic;

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <librdkafka/rdkafka.h>
 
+#include <map>
 #include <optional>
 #include <set>
 
@@ -77,6 +78,21 @@ protected:
         std::multiset<std::string> ids;
         for (int i = begin; i < end; ++i) {
             ids.insert(std::to_string(i));
+        }
+        return ids;
+    }
+
+    static std::vector<std::string> InOrder(const std::vector<KafkaCluster::Record>& records) {
+        std::vector<std::string> ids;
+        for (const KafkaCluster::Record& record : records) {
+            ids.push_back(record.m_id);
+        }
+        return ids;
+    }
+    static std::vector<std::string> Sequence(int begin, int end) {
+        std::vector<std::string> ids;
+        for (int i = begin; i < end; ++i) {
+            ids.push_back(std::to_string(i));
         }
         return ids;
     }
@@ -159,6 +175,60 @@ TEST_F(Kafka, GivesUpOnlyAnAlarmThatTheBrokersNeverTake) {
     EXPECT_NE(m_why.find("size too large"), std::string::npos) << m_why;
     ASSERT_EQ(writer->Write({alarms[2]}, m_why), 1U) << m_why;
     EXPECT_EQ(Ids(m_cluster->Read(2)), (std::multiset<std::string>{"0", "2"}));
+}
+
+TEST_F(Kafka, GetsOneByOneAndInOrderTheAlarmsOfARequestThatABrokerRefuses) {
+    const auto writer = Open();
+    int begin = 0;
+    for (const int error :
+         {RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE, RD_KAFKA_RESP_ERR_INVALID_RECORD}) {
+        m_cluster->RefuseProduce(error);
+        ASSERT_EQ(writer->Write(Alarms(begin, begin + 20), m_why), 20U) << m_why;
+        begin += 20;
+    }
+    EXPECT_EQ(InOrder(m_cluster->Read(40)), Sequence(0, 40));
+}
+
+TEST_F(Kafka, LosesNoneOfManyMachinesWhenABrokerRefusesARequest) {
+    const auto writer = Open();
+    std::vector<OutgoingAlarm> alarms;
+    for (int i = 0; i < 60; ++i) {
+        alarms.push_back(Alarm(std::to_string(i), "vm-" + std::to_string(i % 12)));
+    }
+    m_cluster->RefuseProduce(RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE, 2);
+    ASSERT_EQ(writer->Write(alarms, m_why), 60U) << m_why;
+    const auto records = m_cluster->Read(60);
+    EXPECT_EQ(Ids(records), Numbers(0, 60));
+    std::map<std::string, int> last;
+    for (const KafkaCluster::Record& record : records) {
+        const int number = std::stoi(record.m_id);
+        EXPECT_LT(last.try_emplace(record.m_key, -1).first->second, number) << record.m_key;
+        last[record.m_key] = number;
+    }
+}
+
+TEST_F(Kafka, GetsNothingBeforeWhatABrokerHasRefusedOfTheSameMachine) {
+    const auto writer = Open({{"batch.num.messages", "5"}});
+    m_cluster->RefuseProduce(RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE);
+    ASSERT_EQ(writer->Write(Alarms(0, 50), m_why), 50U) << m_why;
+    EXPECT_EQ(InOrder(m_cluster->Read(50)), Sequence(0, 50));
+}
+
+TEST_F(Kafka, GivesUpOnlyWhatABrokerRefusesAlone) {
+    const int refusal = RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE;
+    const auto writer = Open();
+    const auto alarms = Alarms(0, 10);
+    m_cluster->AnswerProduce({refusal, 0, 0, refusal});  // of all, and of the third
+    ASSERT_EQ(writer->Write(alarms, m_why), 2U);
+    EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_NE(m_why.find("Message size too large"), std::string::npos) << m_why;
+    ASSERT_EQ(writer->Write({alarms.begin() + 3, alarms.end()}, m_why), 7U) << m_why;
+
+    m_cluster->RefuseProduce(refusal);  // what is sent together again
+    ASSERT_EQ(writer->Write(Alarms(10, 15), m_why), 5U) << m_why;
+    auto expected = Sequence(0, 15);
+    expected.erase(expected.begin() + 2);
+    EXPECT_EQ(InOrder(m_cluster->Read(14)), expected);
 }
 
 TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneIsBroken) {
