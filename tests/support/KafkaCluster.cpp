@@ -56,6 +56,11 @@ void KafkaCluster::Start() {
     }
 }
 
+void KafkaCluster::SetTopicError(int error) {
+    rd_kafka_mock_topic_set_error(m_cluster, m_topic.c_str(),
+                                  static_cast<rd_kafka_resp_err_t>(error));
+}
+
 void KafkaCluster::RefuseProduce(int error, int times) {
     AnswerProduce(std::vector<int>(static_cast<std::size_t>(times), error));
 }

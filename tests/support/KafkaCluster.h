@@ -32,6 +32,9 @@ public:
     void Stop();
     void Start();
 
+    /// Tells whoever asks for the topic of an error; 0 ends that.
+    void SetTopicError(int error);
+
     /// Answers the next requests to produce with an error of Kafka's.
     void RefuseProduce(int error, int times = 1);
 

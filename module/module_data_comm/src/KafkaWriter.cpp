@@ -78,6 +78,35 @@ std::size_t Number(const rd_kafka_conf_t* configuration, const char* name) {
     return number;
 }
 
+struct TopicAnswer {
+    rd_kafka_resp_err_t m_failure = RD_KAFKA_RESP_ERR_NO_ERROR;  // why there is no answer
+    rd_kafka_resp_err_t m_trouble = RD_KAFKA_RESP_ERR_NO_ERROR;  // of the topic
+};
+
+TopicAnswer GetTopic(rd_kafka_t* client, const std::string& name,
+                     std::chrono::steady_clock::duration patience) {
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(patience).count();
+    rd_kafka_topic_t* topic = rd_kafka_topic_new(client, name.c_str(), nullptr);
+    const rd_kafka_metadata_t* metadata = nullptr;
+    TopicAnswer answer;
+    answer.m_failure =
+        rd_kafka_metadata(client, 0, topic, &metadata, static_cast<int>(std::max(ms, 1L)));
+    if (answer.m_failure == RD_KAFKA_RESP_ERR_NO_ERROR) {
+        // That the brokers answered does not say that there is such a topic.
+        answer.m_trouble = metadata->topic_cnt > 0 ? metadata->topics[0].err
+                                                   : RD_KAFKA_RESP_ERR_UNKNOWN_TOPIC_OR_PART;
+        rd_kafka_metadata_destroy(metadata);
+    }
+    rd_kafka_topic_destroy(topic);
+    return answer;
+}
+
+/// What brokers say of a topic that they are making, older ones the first, newer ones the second.
+bool MayPass(rd_kafka_resp_err_t trouble) {
+    return trouble == RD_KAFKA_RESP_ERR_LEADER_NOT_AVAILABLE ||
+           trouble == RD_KAFKA_RESP_ERR_UNKNOWN_TOPIC_OR_PART;
+}
+
 }  // namespace
 
 void KafkaWriter::Destroy::operator()(rd_kafka_s* client) const {
@@ -156,20 +185,33 @@ bool KafkaWriter::Prepare(std::string& why) {
         ReplaceClient();
         return false;
     }
-    rd_kafka_topic_t* topic =
-        rd_kafka_topic_new(m_client.get(), m_settings.m_topic.c_str(), nullptr);
-    const rd_kafka_metadata_t* metadata = nullptr;
-    const rd_kafka_resp_err_t error =
-        rd_kafka_metadata(m_client.get(), 0, topic, &metadata, static_cast<int>(kPatience.count()));
-    rd_kafka_poll(m_client.get(), 0);
-    if (error != RD_KAFKA_RESP_ERR_NO_ERROR) {
-        why = m_lastError.empty() ? rd_kafka_err2str(error) : m_lastError;
-    } else {
-        m_lastError.clear();
-        rd_kafka_metadata_destroy(metadata);
+    return AskForTopic(why);
+}
+
+/// Asks for a second at the most: a topic that is made when it is asked for is there a little
+/// later.
+bool KafkaWriter::AskForTopic(std::string& why) {
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + kPatience;
+    TopicAnswer answer;
+    do {
+        answer = GetTopic(m_client.get(), m_settings.m_topic, end - steady_clock::now());
+        // For what the client has to say, and as a pause.
+        const bool again = MayPass(answer.m_trouble);
+        rd_kafka_poll(m_client.get(), again ? static_cast<int>(kSlice.count()) : 0);
+    } while (MayPass(answer.m_trouble) && steady_clock::now() < end && !DeadlinePassed());
+    if (answer.m_failure != RD_KAFKA_RESP_ERR_NO_ERROR) {
+        why = m_lastError.empty() ? rd_kafka_err2str(answer.m_failure) : m_lastError;
+        return false;
     }
-    rd_kafka_topic_destroy(topic);
-    return error == RD_KAFKA_RESP_ERR_NO_ERROR;
+    if (answer.m_trouble != RD_KAFKA_RESP_ERR_NO_ERROR) {
+        why = Poco::format("topic \"%s\": %s", m_settings.m_topic,
+                           std::string(rd_kafka_err2str(answer.m_trouble)));
+        m_lastError = why;  // what the next write waits for
+        return false;
+    }
+    m_lastError.clear();
+    return true;
 }
 
 std::size_t KafkaWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) {

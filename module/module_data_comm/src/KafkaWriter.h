@@ -70,6 +70,7 @@ private:
 
     bool Connect(std::string& why);
     rd_kafka_conf_s* MakeConfiguration(std::string& why);
+    bool AskForTopic(std::string& why);
     bool IsBroken();
     void ReplaceClient();
     void NoteLimits(const rd_kafka_conf_s* configuration);

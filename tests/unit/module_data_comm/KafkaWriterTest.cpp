@@ -277,6 +277,38 @@ TEST_F(Kafka, IsAskedBeforeAnAlarmNeedsIt) {
     EXPECT_TRUE(WaitUntil([&] { return writer->Prepare(m_why); })) << m_why;
 }
 
+TEST_F(Kafka, IsInTroubleThatNamesATopicWithTroubleOfItsOwn) {
+    const auto writer = Open();
+    for (const auto& [error, text] :
+         {std::pair{RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED, "Topic authorization failed"},
+          std::pair{RD_KAFKA_RESP_ERR_UNKNOWN_TOPIC_OR_PART, "Unknown topic or partition"},
+          std::pair{RD_KAFKA_RESP_ERR_LEADER_NOT_AVAILABLE, "Leader not available"}}) {
+        m_cluster->SetTopicError(error);
+        EXPECT_FALSE(writer->Prepare(m_why)) << text;
+        EXPECT_EQ(m_why, std::string("topic \"alarms\": Broker: ") + text);
+        m_cluster->SetTopicError(RD_KAFKA_RESP_ERR_NO_ERROR);
+        EXPECT_TRUE(writer->Prepare(m_why)) << m_why;
+    }
+}
+
+TEST_F(Kafka, MayMakeItsTopicWhenItIsAskedForIt) {
+    const auto writer = KafkaWriter::Open({m_cluster->Brokers(), "another", {}}, m_why);
+    EXPECT_TRUE(writer->Prepare(m_why)) << m_why;
+}
+
+TEST_F(Kafka, GetsAlarmsWhenTheTroubleOfItsTopicIsOver) {
+    m_cluster->SetTopicError(RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED);
+    const auto writer = Open();
+    EXPECT_FALSE(writer->Prepare(m_why));
+    const auto alarms = Alarms(0, 3);
+    EXPECT_EQ(writer->Write(alarms, m_why), 0U);
+    EXPECT_TRUE(writer->ShouldRetry());
+    EXPECT_NE(m_why.find("opic authorization failed"), std::string::npos) << m_why;
+    m_cluster->SetTopicError(RD_KAFKA_RESP_ERR_NO_ERROR);
+    ASSERT_TRUE(WaitUntil([&] { return writer->Write(alarms, m_why) == alarms.size(); })) << m_why;
+    EXPECT_EQ(InOrder(m_cluster->Read(3)), Sequence(0, 3));
+}
+
 TEST_F(Kafka, GetsAllOnceThatCameWhileItWasAway) {
     const auto sink = Sink(100);
     for (int i = 0; i < 50; ++i) {
