@@ -11,7 +11,10 @@ namespace {
 
 constexpr int kBrokers = 3;
 constexpr int kPartitions = 4;
-constexpr std::int16_t kProduceRequest = 0;  // the protocol's ApiKey
+
+// The protocol's ApiKeys.
+constexpr std::int16_t kProduceRequest = 0;
+constexpr std::int16_t kInitProducerIdRequest = 22;
 
 // Nothing more comes when nothing has come for this long.
 constexpr int kQuietMs = 300;
@@ -53,11 +56,29 @@ void KafkaCluster::Start() {
     }
 }
 
+void KafkaCluster::SetTopicError(int error) {
+    rd_kafka_mock_topic_set_error(m_cluster, m_topic.c_str(),
+                                  static_cast<rd_kafka_resp_err_t>(error));
+}
+
 void KafkaCluster::RefuseProduce(int error, int times) {
-    const std::vector<rd_kafka_resp_err_t> errors(static_cast<std::size_t>(times),
-                                                  static_cast<rd_kafka_resp_err_t>(error));
-    rd_kafka_mock_push_request_errors_array(m_cluster, kProduceRequest, errors.size(),
-                                            errors.data());
+    AnswerProduce(std::vector<int>(static_cast<std::size_t>(times), error));
+}
+
+void KafkaCluster::AnswerProduce(const std::vector<int>& errors) {
+    Answer(kProduceRequest, errors);
+}
+
+void KafkaCluster::RefuseProducerId(int error, int times) {
+    Answer(kInitProducerIdRequest, std::vector<int>(static_cast<std::size_t>(times), error));
+}
+
+void KafkaCluster::Answer(std::int16_t request, const std::vector<int>& errors) {
+    std::vector<rd_kafka_resp_err_t> answers;
+    for (const int error : errors) {
+        answers.push_back(static_cast<rd_kafka_resp_err_t>(error));
+    }
+    rd_kafka_mock_push_request_errors_array(m_cluster, request, answers.size(), answers.data());
 }
 
 KafkaCluster::Client KafkaCluster::MakeReader() const {

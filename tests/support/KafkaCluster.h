@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,8 +32,17 @@ public:
     void Stop();
     void Start();
 
+    /// Tells whoever asks for the topic of an error; 0 ends that.
+    void SetTopicError(int error);
+
     /// Answers the next requests to produce with an error of Kafka's.
     void RefuseProduce(int error, int times = 1);
+
+    /// Answers the next requests to produce with one error of Kafka's each; 0 is none.
+    void AnswerProduce(const std::vector<int>& errors);
+
+    /// Refuses requests of a producer to be told its id.
+    void RefuseProducerId(int error, int times = 1);
 
     struct Record {
         std::string m_key;
@@ -52,6 +62,7 @@ private:
     };
     using Client = std::unique_ptr<rd_kafka_s, DestroyClient>;
 
+    void Answer(std::int16_t request, const std::vector<int>& errors);
     Client MakeReader() const;
 
     const std::string m_topic;

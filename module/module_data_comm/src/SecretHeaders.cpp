@@ -7,6 +7,7 @@
 #include <Poco/Error.h>
 #include <Poco/Format.h>
 #include <Poco/StringTokenizer.h>
+#include <Poco/URI.h>
 
 #include <strings.h>
 #include <algorithm>
@@ -64,6 +65,19 @@ std::string TakeField(const std::string& line, SecretHeaders::Fields& fields) {
     return "";
 }
 
+/// What an encoded text means.
+/// @param form  whether + is a blank, as in what web forms send
+/// @return the text itself when it is not encoded rightly
+std::string Decode(const std::string& text, bool form) {
+    try {
+        std::string decoded;
+        Poco::URI::decode('?' + text, decoded, form);  // only behind that + may be a blank
+        return decoded.substr(1);
+    } catch (const Poco::URISyntaxException&) {
+        return text;
+    }
+}
+
 }  // namespace
 
 bool SecretHeaders::Read(const std::string& path, std::string& why) {
@@ -105,8 +119,34 @@ bool SecretHeaders::Read(const std::string& path, std::string& why) {
 }
 
 void SecretHeaders::AddSecret(const std::string& text) {
-    if (text.length() >= kShortestSecret) {
-        m_secrets.push_back(text);
+    if (text.length() < kShortestSecret ||
+        std::find(m_secrets.begin(), m_secrets.end(), text) != m_secrets.end()) {
+        return;
+    }
+    const auto shorter =
+        std::find_if(m_secrets.begin(), m_secrets.end(),
+                     [&text](const std::string& other) { return other.length() < text.length(); });
+    m_secrets.insert(shorter, text);
+}
+
+void SecretHeaders::AddTarget(const std::string& target) {
+    AddPieces(target);
+    AddPieces(Decode(target, false));
+    AddPieces(Decode(target, true));
+}
+
+void SecretHeaders::AddPieces(const std::string& text) {
+    AddSecret(text);
+    const std::size_t query = text.find('?');
+    AddSecret(text.substr(0, query));
+    if (query != std::string::npos) {
+        AddSecret(text.substr(query + 1));
+    }
+    for (const std::string& piece : Poco::StringTokenizer(text, "/?&=")) {
+        AddSecret(piece);
+        // Decoded alone, as well: a separator that was encoded is a part of it.
+        AddSecret(Decode(piece, false));
+        AddSecret(Decode(piece, true));
     }
 }
 

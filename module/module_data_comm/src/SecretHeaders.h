@@ -25,13 +25,19 @@ public:
     /// Keeps a text that is no header from being told, too.
     void AddSecret(const std::string& text);
 
+    /// The same for the path and query of an address: as a whole, and what is between its
+    /// separators, which a server may repeat alone. As it is written and as it is meant.
+    void AddTarget(const std::string& target);
+
     /// A text of others, such as a server's answer, without what it repeats of the secrets. What is
     /// shorter than eight characters is no secret.
     std::string Hide(std::string text) const;
 
 private:
+    void AddPieces(const std::string& text);
+
     Fields m_fields;
-    std::vector<std::string> m_secrets;
+    std::vector<std::string> m_secrets;  // the longest first: one may be a part of another
 };
 
 }  // namespace Engine

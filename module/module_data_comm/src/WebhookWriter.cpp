@@ -128,7 +128,7 @@ void WebhookWriter::WarnOfPlainSecrets() const {
 /// Also reads what the operator may have changed.
 std::unique_ptr<WebhookSession> WebhookWriter::MakeSession() {
     SecretHeaders headers;
-    headers.AddSecret(m_address.m_target);
+    headers.AddTarget(m_address.m_target);
     std::string why;
     if (!m_headersFile.empty() && !headers.Read(m_headersFile, why)) {
         throw Poco::FileException(why);

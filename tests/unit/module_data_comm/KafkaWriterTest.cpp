@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <librdkafka/rdkafka.h>
 
+#include <map>
 #include <optional>
 #include <set>
 
@@ -77,6 +78,21 @@ protected:
         std::multiset<std::string> ids;
         for (int i = begin; i < end; ++i) {
             ids.insert(std::to_string(i));
+        }
+        return ids;
+    }
+
+    static std::vector<std::string> InOrder(const std::vector<KafkaCluster::Record>& records) {
+        std::vector<std::string> ids;
+        for (const KafkaCluster::Record& record : records) {
+            ids.push_back(record.m_id);
+        }
+        return ids;
+    }
+    static std::vector<std::string> Sequence(int begin, int end) {
+        std::vector<std::string> ids;
+        for (int i = begin; i < end; ++i) {
+            ids.push_back(std::to_string(i));
         }
         return ids;
     }
@@ -161,6 +177,60 @@ TEST_F(Kafka, GivesUpOnlyAnAlarmThatTheBrokersNeverTake) {
     EXPECT_EQ(Ids(m_cluster->Read(2)), (std::multiset<std::string>{"0", "2"}));
 }
 
+TEST_F(Kafka, GetsOneByOneAndInOrderTheAlarmsOfARequestThatABrokerRefuses) {
+    const auto writer = Open();
+    int begin = 0;
+    for (const int error :
+         {RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE, RD_KAFKA_RESP_ERR_INVALID_RECORD}) {
+        m_cluster->RefuseProduce(error);
+        ASSERT_EQ(writer->Write(Alarms(begin, begin + 20), m_why), 20U) << m_why;
+        begin += 20;
+    }
+    EXPECT_EQ(InOrder(m_cluster->Read(40)), Sequence(0, 40));
+}
+
+TEST_F(Kafka, LosesNoneOfManyMachinesWhenABrokerRefusesARequest) {
+    const auto writer = Open();
+    std::vector<OutgoingAlarm> alarms;
+    for (int i = 0; i < 60; ++i) {
+        alarms.push_back(Alarm(std::to_string(i), "vm-" + std::to_string(i % 12)));
+    }
+    m_cluster->RefuseProduce(RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE, 2);
+    ASSERT_EQ(writer->Write(alarms, m_why), 60U) << m_why;
+    const auto records = m_cluster->Read(60);
+    EXPECT_EQ(Ids(records), Numbers(0, 60));
+    std::map<std::string, int> last;
+    for (const KafkaCluster::Record& record : records) {
+        const int number = std::stoi(record.m_id);
+        EXPECT_LT(last.try_emplace(record.m_key, -1).first->second, number) << record.m_key;
+        last[record.m_key] = number;
+    }
+}
+
+TEST_F(Kafka, GetsNothingBeforeWhatABrokerHasRefusedOfTheSameMachine) {
+    const auto writer = Open({{"batch.num.messages", "5"}});
+    m_cluster->RefuseProduce(RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE);
+    ASSERT_EQ(writer->Write(Alarms(0, 50), m_why), 50U) << m_why;
+    EXPECT_EQ(InOrder(m_cluster->Read(50)), Sequence(0, 50));
+}
+
+TEST_F(Kafka, GivesUpOnlyWhatABrokerRefusesAlone) {
+    const int refusal = RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE;
+    const auto writer = Open();
+    const auto alarms = Alarms(0, 10);
+    m_cluster->AnswerProduce({refusal, 0, 0, refusal});  // of all, and of the third
+    ASSERT_EQ(writer->Write(alarms, m_why), 2U);
+    EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_NE(m_why.find("Message size too large"), std::string::npos) << m_why;
+    ASSERT_EQ(writer->Write({alarms.begin() + 3, alarms.end()}, m_why), 7U) << m_why;
+
+    m_cluster->RefuseProduce(refusal);  // what is sent together again
+    ASSERT_EQ(writer->Write(Alarms(10, 15), m_why), 5U) << m_why;
+    auto expected = Sequence(0, 15);
+    expected.erase(expected.begin() + 2);
+    EXPECT_EQ(InOrder(m_cluster->Read(14)), expected);
+}
+
 TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneIsBroken) {
     const auto writer = Open();
     ASSERT_EQ(writer->Write(Alarms(0, 1), m_why), 1U) << m_why;
@@ -172,6 +242,32 @@ TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneIsBroken) {
     EXPECT_EQ(Ids(m_cluster->Read(2)), Numbers(0, 2));
 }
 
+TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneBrokeBeforeItHadAnyAlarm) {
+    // As it is while the right to write idempotently is missing.
+    m_cluster->RefuseProducerId(RD_KAFKA_RESP_ERR_CLUSTER_AUTHORIZATION_FAILED, 2);
+    const auto writer = Open();
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Contains("Fatal error"); }));
+    const auto alarms = Alarms(0, 3);
+    std::string trouble;
+    ASSERT_TRUE(WaitUntil([&] {
+        const std::size_t arrived = writer->Write(alarms, m_why);
+        trouble += m_why;
+        return arrived == alarms.size();
+    })) << m_why;
+    EXPECT_NE(trouble.find("Cluster authorization failed"), std::string::npos) << trouble;
+    EXPECT_EQ(Ids(m_cluster->Read(3)), Numbers(0, 3)) << "each once";
+    EXPECT_FALSE(m_log.Contains("may arrive twice"));
+}
+
+TEST_F(Kafka, IsInTroubleWhenItsClientBreaksAlsoWithoutAnAlarm) {
+    m_cluster->RefuseProducerId(RD_KAFKA_RESP_ERR_CLUSTER_AUTHORIZATION_FAILED);
+    const auto writer = Open();
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Contains("Fatal error"); }));
+    EXPECT_FALSE(writer->Prepare(m_why));
+    EXPECT_NE(m_why.find("Cluster authorization failed"), std::string::npos) << m_why;
+    EXPECT_TRUE(WaitUntil([&] { return writer->Prepare(m_why); })) << m_why;
+}
+
 TEST_F(Kafka, IsAskedBeforeAnAlarmNeedsIt) {
     m_cluster->Stop();
     const auto writer = Open();
@@ -179,6 +275,38 @@ TEST_F(Kafka, IsAskedBeforeAnAlarmNeedsIt) {
     EXPECT_NE(m_why, "");
     m_cluster->Start();
     EXPECT_TRUE(WaitUntil([&] { return writer->Prepare(m_why); })) << m_why;
+}
+
+TEST_F(Kafka, IsInTroubleThatNamesATopicWithTroubleOfItsOwn) {
+    const auto writer = Open();
+    for (const auto& [error, text] :
+         {std::pair{RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED, "Topic authorization failed"},
+          std::pair{RD_KAFKA_RESP_ERR_UNKNOWN_TOPIC_OR_PART, "Unknown topic or partition"},
+          std::pair{RD_KAFKA_RESP_ERR_LEADER_NOT_AVAILABLE, "Leader not available"}}) {
+        m_cluster->SetTopicError(error);
+        EXPECT_FALSE(writer->Prepare(m_why)) << text;
+        EXPECT_EQ(m_why, std::string("topic \"alarms\": Broker: ") + text);
+        m_cluster->SetTopicError(RD_KAFKA_RESP_ERR_NO_ERROR);
+        EXPECT_TRUE(writer->Prepare(m_why)) << m_why;
+    }
+}
+
+TEST_F(Kafka, MayMakeItsTopicWhenItIsAskedForIt) {
+    const auto writer = KafkaWriter::Open({m_cluster->Brokers(), "another", {}}, m_why);
+    EXPECT_TRUE(writer->Prepare(m_why)) << m_why;
+}
+
+TEST_F(Kafka, GetsAlarmsWhenTheTroubleOfItsTopicIsOver) {
+    m_cluster->SetTopicError(RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED);
+    const auto writer = Open();
+    EXPECT_FALSE(writer->Prepare(m_why));
+    const auto alarms = Alarms(0, 3);
+    EXPECT_EQ(writer->Write(alarms, m_why), 0U);
+    EXPECT_TRUE(writer->ShouldRetry());
+    EXPECT_NE(m_why.find("opic authorization failed"), std::string::npos) << m_why;
+    m_cluster->SetTopicError(RD_KAFKA_RESP_ERR_NO_ERROR);
+    ASSERT_TRUE(WaitUntil([&] { return writer->Write(alarms, m_why) == alarms.size(); })) << m_why;
+    EXPECT_EQ(InOrder(m_cluster->Read(3)), Sequence(0, 3));
 }
 
 TEST_F(Kafka, GetsAllOnceThatCameWhileItWasAway) {

@@ -65,4 +65,28 @@ TEST_F(SecretHeaders, AreHiddenWhereOthersRepeatThem) {
     EXPECT_EQ(m_headers.Hide("Bearer of four"), "Bearer of four") << "too short to be secret";
 }
 
+TEST_F(SecretHeaders, HideEachPieceOfAnAddressThatIsLongEnough) {
+    m_headers.AddTarget("/hooks/s3cr3ttoken/in?key=0123456789&to=all");
+    EXPECT_EQ(m_headers.Hide("POST /hooks/s3cr3ttoken/in?key=0123456789&to=all"), "POST ***");
+    EXPECT_EQ(m_headers.Hide("Cannot POST /hooks/s3cr3ttoken/in"), "Cannot POST ***");
+    EXPECT_EQ(m_headers.Hide("query key=0123456789&to=all"), "query ***");
+    EXPECT_EQ(m_headers.Hide("token s3cr3ttoken, key \"0123456789\""), "token ***, key \"***\"");
+    EXPECT_EQ(m_headers.Hide(R"(POST \/hooks\/s3cr3ttoken\/in)"), R"(POST \/hooks\/***\/in)");
+    EXPECT_EQ(m_headers.Hide("hooks in all"), "hooks in all") << "too short to be secret";
+}
+
+TEST_F(SecretHeaders, HideAnAddressAlsoDecoded) {
+    m_headers.AddTarget("/in/s3cr3t%2Ft%6fken?pass=open%26+sesame&bad=%zz1234567");
+    EXPECT_EQ(m_headers.Hide("'s3cr3t/token' 's3cr3t%2Ft%6fken'"), "'***' '***'");
+    EXPECT_EQ(m_headers.Hide("'open& sesame' 'open&+sesame' 'open%26+sesame'"),
+              "'***' '***' '***'");
+    EXPECT_EQ(m_headers.Hide("%zz1234567 is not understood"), "*** is not understood");
+}
+
+TEST_F(SecretHeaders, HideTheLongerOfTwoWhereOneIsAPartOfTheOther) {
+    m_headers.AddSecret("01234567");
+    m_headers.AddSecret("0123456789abcdef");
+    EXPECT_EQ(m_headers.Hide("0123456789abcdef 01234567"), "*** ***");
+}
+
 }  // namespace

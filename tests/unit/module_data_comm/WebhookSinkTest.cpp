@@ -103,6 +103,19 @@ TEST_F(WebhookSink, CountsAndSaysWhatTheServerRefuses) {
     EXPECT_TRUE(WaitUntil([&] { return sink->GetLedger().m_trouble.empty(); }));
 }
 
+TEST_F(WebhookSink, TellsNoPartOfItsAddressThatTheServerRepeats) {
+    for (const char* answer : {"Cannot POST /hooks/s3cr3ttoken", "unknown token s3cr3ttoken"}) {
+        WebServer server(Answer(404, answer));
+        const auto sink = Sink(server.Url() + "/hooks/s3cr3ttoken?site=one");
+        Offer(*sink, 1, 1);
+        ASSERT_TRUE(WaitUntil([&] { return !sink->GetLedger().m_trouble.empty(); }));
+        const std::string trouble = sink->GetLedger().m_trouble;
+        EXPECT_NE(trouble.find(" answered 404 Not Found: \""), std::string::npos) << trouble;
+        EXPECT_EQ(trouble.find("s3cr3t"), std::string::npos) << trouble;
+        EXPECT_FALSE(m_log.Contains("s3cr3t"));
+    }
+}
+
 TEST_F(WebhookSink, BringsWhatAnAgentBeforeItLeftInTheSpool) {
     auto server = std::make_unique<WebServer>(Answer(503));
     const std::uint16_t port = server->Port();
