@@ -31,11 +31,16 @@ std::size_t LineWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::str
 }
 
 bool LineWriter::WriteLine(const std::string& line, std::string& why) {
-    if (WriteAll(line + '\n')) {
+    if (WriteAll((m_cut ? "\n" : "") + line + '\n')) {
         return true;
     }
     why = Poco::Error::getMessage(errno);
     return false;
+}
+
+void LineWriter::WriteTo(int descriptor) {
+    m_descriptor = descriptor;
+    m_cut = false;
 }
 
 bool LineWriter::IsTerminal() const { return ::isatty(m_descriptor) == 1; }
@@ -51,7 +56,7 @@ bool LineWriter::WaitWritable() const {
     return true;
 }
 
-bool LineWriter::WriteAll(const std::string& text) const {
+bool LineWriter::WriteAll(const std::string& text) {
     for (std::size_t done = 0; done < text.size();) {
         if (!WaitWritable()) {
             return false;
@@ -61,6 +66,7 @@ bool LineWriter::WriteAll(const std::string& text) const {
         const ssize_t written = ::write(m_descriptor, text.data() + done, piece);
         if (written > 0) {
             done += static_cast<std::size_t>(written);
+            m_cut = text[done - 1] != '\n';
         } else if (errno != EINTR && errno != EAGAIN) {
             return false;
         }

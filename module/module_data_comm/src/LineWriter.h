@@ -6,7 +6,8 @@
 
 namespace Engine {
 
-/// Writes whole lines to a descriptor: standard output, a terminal, a pipe.
+/// Writes whole lines to a descriptor: standard output, a terminal, a pipe. Where a line could not
+/// be written whole, as on a disk that became full, the next one begins on a line of its own.
 ///
 /// Ownership: the descriptor stays the caller's.
 class LineWriter : public AlarmWriter {
@@ -28,13 +29,14 @@ protected:
     virtual bool WriteLine(const std::string& line, std::string& why);
 
     /// Lines go there from now on.
-    void WriteTo(int descriptor) { m_descriptor = descriptor; }
+    void WriteTo(int descriptor);
 
 private:
     bool WaitWritable() const;
-    bool WriteAll(const std::string& text) const;
+    bool WriteAll(const std::string& text);
 
     int m_descriptor;
+    bool m_cut = false;  // what was written last has no end of a line
 };
 
 }  // namespace Engine

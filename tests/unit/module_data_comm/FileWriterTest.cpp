@@ -1,5 +1,6 @@
 #include "FileWriter.h"
 
+#include "FileSizeLimit.h"
 #include "PutLine.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
@@ -7,8 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,23 +25,6 @@ namespace fs = std::filesystem;
 
 using Engine::FileWriter;
 using TestSupport::ReadText;
-
-/// Files of this process cannot grow beyond a size while it lives.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit m_before{};
-};
 
 class FileWriterTest : public testing::Test {
 protected:

@@ -1,7 +1,10 @@
 #include "LineWriter.h"
 
+#include "FileSizeLimit.h"
 #include "PutLine.h"
 #include "TestPipe.h"
+#include "sdk/UniqueDescriptor.h"
+#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -44,6 +47,39 @@ TEST(LineWriterPipe, ThatIsFullIsWaitedForUntilTheDeadline) {
     writer.SetDeadline(std::chrono::steady_clock::now());
     EXPECT_TRUE(writer.DeadlinePassed());
     EXPECT_EQ(PutLine(writer, "line"), "Connection timed out");
+}
+
+TEST(LineWriterFile, ThatHadNoRoomForAWholeLineGetsTheNextOnALineOfItsOwn) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string path = folder.Write("stdout", "");
+    const SDK::UniqueDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    LineWriter writer(file.Get(), "stdout");
+    EXPECT_EQ(PutLine(writer, "whole"), "");
+    {
+        const FileSizeLimit limit(10);
+        EXPECT_EQ(PutLine(writer, "longer than the room that is left"), "File too large");
+        EXPECT_EQ(PutLine(writer, "for which there is none"), "File too large");
+    }
+    EXPECT_EQ(PutLine(writer, "next"), "");
+    EXPECT_EQ(PutLine(writer, "and next"), "");
+    EXPECT_EQ(TestSupport::ReadText(path), "whole\nlong\nnext\nand next\n");
+}
+
+TEST(LineWriterFile, IsNotGivenAnEndOfALineTwice) {
+    const TestSupport::TemporaryFolder folder;
+    const std::string path = folder.Write("stdout", "");
+    const SDK::UniqueDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    LineWriter writer(file.Get(), "stdout");
+    {
+        const FileSizeLimit limit(4);
+        EXPECT_EQ(PutLine(writer, "torn one"), "File too large");
+    }
+    {
+        const FileSizeLimit limit(5);
+        EXPECT_EQ(PutLine(writer, "lost"), "File too large") << "there was room for the end only";
+    }
+    EXPECT_EQ(PutLine(writer, "next"), "");
+    EXPECT_EQ(TestSupport::ReadText(path), "torn\nnext\n");
 }
 
 TEST(LineWriterPipe, TakesALineLargerThanItself) {
