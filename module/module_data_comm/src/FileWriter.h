@@ -41,8 +41,8 @@ public:
     /// one still takes lines (logged)
     bool Prepare(std::string& why) override;
 
-    /// Only when there was no room, and it is to be waited for.
-    bool ShouldRetry() const override { return m_retry; }
+    /// When there was no room, and it is to be waited for; and while nobody reads a named pipe.
+    bool ShouldRetry() const override { return m_retry || LineWriter::ShouldRetry(); }
 
 protected:
     bool WriteLine(const std::string& line, std::string& why) override;

@@ -28,6 +28,9 @@ using TestSupport::WaitUntil;
 
 constexpr auto kError = Poco::Message::PRIO_ERROR;
 
+// For a reader that does not come.
+constexpr std::chrono::milliseconds kShort{1};
+
 using Clock = std::chrono::steady_clock;
 
 /// How long ago that was, in seconds.
@@ -100,6 +103,25 @@ TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDoesNotHoldUpTheStopForever) {
     sink->Stop();
     EXPECT_EQ(Written(*sink), 0U);
     EXPECT_EQ(Written(*sink) + Dropped(*sink) + Failed(*sink), 20U);
+}
+
+TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsIsInTroubleUntilItIsReadAndLosesNothing) {
+    m_pipe.Fill();
+    AlarmSink sink(std::make_unique<LineWriter>(m_pipe.WriteEnd(), "pipe", kShort),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    sink.Offer("one");
+    sink.Offer("two");
+    ASSERT_TRUE(WaitUntil(
+        [&] { return BooksOf(sink).m_trouble == "Output(pipe) cannot be written: nobody reads"; }));
+    EXPECT_EQ(BooksOf(sink).m_waiting, 2U);
+    m_pipe.Read();
+    ASSERT_TRUE(WaitUntil([&] { return Written(sink) == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(sink).m_trouble.empty(); }));
+    EXPECT_EQ(m_pipe.Read(), "one\ntwo\n");
+    EXPECT_EQ(m_log.Texts(kError),
+              std::vector<std::string>{
+                  "Output(pipe) cannot be written: nobody reads. 0 alarms failed so far."});
+    EXPECT_TRUE(m_log.Contains("Output(pipe) can be written again. 0 alarms failed so far."));
 }
 
 TEST_F(AlarmSinkOnAPipe, WithoutReaderCountsEveryFailureAndSaysSoOnce) {

@@ -83,6 +83,22 @@ TEST_F(FileWriterTest, NeverRotatesAPipe) {
     EXPECT_TRUE(m_log.Texts(Poco::Message::PRIO_ERROR).empty());
 }
 
+TEST_F(FileWriterTest, KeepsTheLineForANamedPipeThatNobodyReads) {
+    ASSERT_EQ(::mkfifo(m_path.c_str(), 0600), 0);
+    const SDK::UniqueDescriptor reader(::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const auto writer = Open();
+    const std::string line(100000, 'x');
+    EXPECT_EQ(PutLine(*writer, line), "nobody reads");
+    EXPECT_TRUE(writer->ShouldRetry());
+    std::string text(2 * line.size(), ' ');
+    const ssize_t first = ::read(reader.Get(), text.data(), text.size());
+    EXPECT_EQ(PutLine(*writer, line), "");
+    EXPECT_FALSE(writer->ShouldRetry());
+    const ssize_t second = ::read(reader.Get(), text.data() + first, line.size());
+    text.resize(static_cast<std::size_t>(first + second));
+    EXPECT_EQ(text, line + '\n');
+}
+
 TEST_F(FileWriterTest, TakesBackALineThatWasNotWrittenWhole) {
     const auto writer = Open();
     ASSERT_EQ(PutLine(*writer, "whole"), "");

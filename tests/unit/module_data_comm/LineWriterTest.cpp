@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -15,6 +16,9 @@
 namespace {
 
 using Engine::LineWriter;
+
+// For a reader that does not come.
+constexpr std::chrono::milliseconds kShort{1};
 
 TEST(LineWriterPipe, GetsWholeLines) {
     const TestPipe pipe;
@@ -80,6 +84,44 @@ TEST(LineWriterFile, IsNotGivenAnEndOfALineTwice) {
     }
     EXPECT_EQ(PutLine(writer, "next"), "");
     EXPECT_EQ(TestSupport::ReadText(path), "torn\nnext\n");
+}
+
+TEST(LineWriterPipe, ThatNobodyReadsIsTroubleAndKeepsItsLine) {
+    const TestPipe pipe;
+    pipe.Fill();
+    LineWriter writer(pipe.WriteEnd(), "pipe", kShort);
+    EXPECT_EQ(PutLine(writer, "line"), "nobody reads");
+    EXPECT_TRUE(writer.ShouldRetry());
+    EXPECT_EQ(PutLine(writer, "line"), "nobody reads") << "it is waited for again";
+    pipe.Read();
+    EXPECT_EQ(PutLine(writer, "line"), "");
+    EXPECT_FALSE(writer.ShouldRetry());
+    EXPECT_EQ(PutLine(writer, "next"), "");
+    EXPECT_EQ(pipe.Read(), "line\nnext\n");
+}
+
+TEST(LineWriterPipe, ThatNobodyReadGetsOnlyTheRestOfTheLineWhenItIsReadAgain) {
+    const TestPipe pipe;
+    LineWriter writer(pipe.WriteEnd(), "pipe", kShort);
+    const std::string line(200000, 'x');
+    std::string seen;
+    int stood = 0;
+    for (; PutLine(writer, line) == "nobody reads"; ++stood) {
+        seen += pipe.Read();
+    }
+    EXPECT_GT(stood, 1);
+    EXPECT_EQ(PutLine(writer, "next"), "");
+    EXPECT_EQ(seen + pipe.Read(), line + "\nnext\n");
+}
+
+TEST(LineWriterPipe, ThatNobodyReadIsNotTriedAgainAfterAnyOtherFailure) {
+    TestPipe pipe;
+    pipe.Fill();
+    LineWriter writer(pipe.WriteEnd(), "pipe", kShort);
+    EXPECT_EQ(PutLine(writer, "line"), "nobody reads");
+    pipe.CloseReader();
+    EXPECT_EQ(PutLine(writer, "line"), "Broken pipe");
+    EXPECT_FALSE(writer.ShouldRetry());
 }
 
 TEST(LineWriterPipe, TakesALineLargerThanItself) {
