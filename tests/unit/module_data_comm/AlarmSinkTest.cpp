@@ -200,6 +200,28 @@ TEST(AlarmSink, OnAFullDiskIsInTroubleUntilAnAlarmWasWritten) {
         << "longer than the pause after which other places are asked whether they are back";
 }
 
+TEST(AlarmSink, KeepsAlarmsWhileALinkStandsAtThePlaceOfItsFile) {
+    TestSupport::CapturedLog log;
+    const TestSupport::TemporaryFolder folder;
+    const std::string path = folder / "alarms";
+    AlarmSink sink(FileWriter::Open(path, {}), AlarmFormatter(AlarmFormatter::Style::JSON, false),
+                   10);
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(folder / "target", path);
+    sink.Offer("one");
+    sink.Offer("two");
+    const std::string trouble = "Output(" + path +
+                                ") cannot be written: a symbolic link has taken its place, which "
+                                "is not followed";
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(sink).m_trouble == trouble; }));
+    EXPECT_EQ(BooksOf(sink).m_waiting, 2U);
+    EXPECT_EQ(log.Texts(kError), std::vector<std::string>{trouble + ". 0 alarms failed so far."});
+    std::filesystem::remove(path);
+    ASSERT_TRUE(WaitUntil([&] { return Written(sink) == 2; }));
+    EXPECT_EQ(TestSupport::ReadText(path), "one\ntwo\n");
+    EXPECT_FALSE(std::filesystem::exists(folder / "target"));
+}
+
 TEST(AlarmSink, TakesNothingAfterItsStop) {
     TestSupport::CapturedLog log;
     TestSupport::TemporaryFolder folder;

@@ -163,6 +163,42 @@ TEST_F(FileWriterTest, GoesOnInTheMovedFileWhenNoNewOneCanBeMadeAndSaysSoOnce) {
               1U);
 }
 
+TEST_F(FileWriterTest, DoesNotFollowALinkThatTookThePlaceOfItsFile) {
+    const auto writer = Open();
+    ASSERT_EQ(PutLine(*writer, "before"), "");
+    const std::string refused = "a symbolic link has taken its place, which is not followed";
+    for (const char* target : {"missing", "there"}) {
+        m_folder.Write("there", "");
+        fs::remove(m_path);
+        fs::create_symlink(m_folder / target, m_path);
+        EXPECT_EQ(PutLine(*writer, "line"), refused);
+        EXPECT_TRUE(writer->ShouldRetry()) << "it may go away again";
+        std::string why;
+        EXPECT_FALSE(writer->Prepare(why));
+        EXPECT_EQ(why, refused);
+    }
+    EXPECT_FALSE(fs::exists(m_folder / "missing"));
+    EXPECT_EQ(ReadText(m_folder / "there"), "");
+    fs::remove(m_path);
+    EXPECT_EQ(PutLine(*writer, "line"), "");
+    EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_EQ(ReadText(m_path), "line\n");
+}
+
+TEST_F(FileWriterTest, FollowsALinkThatStoodAtItsPathFromTheBeginning) {
+    fs::create_symlink(m_folder / "target", m_path);
+    const auto writer = Open();
+    EXPECT_EQ(PutLine(*writer, "one"), "");
+    fs::rename(m_folder / "target", m_folder / "moved");
+    EXPECT_EQ(PutLine(*writer, "two"), "");
+    EXPECT_EQ(ReadText(m_folder / "moved"), "one\n");
+    EXPECT_EQ(ReadText(m_folder / "target"), "two\n");
+    fs::remove(m_path);
+    fs::create_symlink(m_folder / "other", m_path);
+    EXPECT_EQ(PutLine(*writer, "three"), "");
+    EXPECT_EQ(ReadText(m_folder / "other"), "three\n");
+}
+
 TEST_F(FileWriterTest, KeepsEachFileBelowItsLimitWithWholeLinesOnly) {
     const auto writer = Open(100, 99);
     std::string expected;
