@@ -19,10 +19,17 @@ constexpr mode_t kFileMode = 0640;
 
 /// Not blocking: a named pipe without a reader is refused, and one with a slow reader is waited for
 /// where the deadline is looked at.
-SDK::UniqueDescriptor OpenToAppend(const std::string& path) {
+///
+/// @param links  whether what stands at the path may be a symbolic link
+SDK::UniqueDescriptor OpenToAppend(const std::string& path, bool links) {
+    const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     return SDK::UniqueDescriptor(
-        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-               kFileMode));
+        ::open(path.c_str(), links ? flags : flags | O_NOFOLLOW, kFileMode));
+}
+
+bool IsLink(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 /// Whether the path still leads to the open file.
@@ -54,29 +61,30 @@ bool IsFull(int error) { return error == ENOSPC || error == EDQUOT; }
 }  // namespace
 
 std::unique_ptr<FileWriter> FileWriter::Open(const std::string& path, const Options& options) {
-    SDK::UniqueDescriptor file = OpenToAppend(path);
+    const bool link = IsLink(path);
+    SDK::UniqueDescriptor file = OpenToAppend(path, link);
     if (!file) {
         SDK::LogError(GetDataCommLogger(), "Output file(%s) cannot be opened: %s", path,
                       Poco::Error::getMessage(errno));
         return nullptr;
     }
-    std::unique_ptr<FileWriter> writer(new FileWriter(path, options));
+    std::unique_ptr<FileWriter> writer(new FileWriter(path, options, link));
     writer->Take(std::move(file));
     return writer;
 }
 
-FileWriter::FileWriter(const std::string& path, const Options& options)
+FileWriter::FileWriter(const std::string& path, const Options& options, bool link)
     : LineWriter(-1, path),
       m_whenFull(options.m_whenFull),
+      m_link(link),
       m_rotation(path, options.m_limit, options.m_keep) {}
 
-bool FileWriter::Prepare(std::string& /*why*/) {
-    FollowRename();
-    return true;
-}
+bool FileWriter::Prepare(std::string& why) { return FollowRename(why); }
 
 bool FileWriter::WriteLine(const std::string& line, std::string& why) {
-    FollowRename();
+    if (!FollowRename(why)) {
+        return false;
+    }
     m_retry = false;
     if (!m_isRegular) {
         return LineWriter::WriteLine(line, why);
@@ -93,11 +101,18 @@ bool FileWriter::WriteLine(const std::string& line, std::string& why) {
     return false;
 }
 
-void FileWriter::FollowRename() {
+/// @return false when there is no file that may be written to; then it is worth another try
+bool FileWriter::FollowRename(std::string& why) {
     if (IsSameFile(Name(), m_file.Get())) {
-        return;
+        return true;
     }
-    SDK::UniqueDescriptor file = OpenToAppend(Name());
+    SDK::UniqueDescriptor file = OpenToAppend(Name(), m_link);
+    if (!file && errno == ELOOP && !m_link) {
+        // Whoever may write to the folder would choose what the agent writes to.
+        why = "a symbolic link has taken its place, which is not followed";
+        m_retry = true;
+        return false;
+    }
     if (!file) {
         if (!std::exchange(m_renewalFails, true)) {
             SDK::LogError(GetDataCommLogger(),
@@ -105,12 +120,13 @@ void FileWriter::FollowRename() {
                           "go on into the one that was moved.",
                           Name(), Poco::Error::getMessage(errno));
         }
-        return;
+        return true;
     }
     m_renewalFails = false;
     Take(std::move(file));
     SDK::LogInformation(GetDataCommLogger(), "Output file(%s) was moved away, it is made anew",
                         Name());
+    return true;
 }
 
 void FileWriter::Take(SDK::UniqueDescriptor file) {

@@ -15,6 +15,9 @@ namespace Engine {
 /// gets its end before the next. A file that was renamed or removed, as log rotation does, is made
 /// anew. A file may be rotated by its size.
 ///
+/// A symbolic link is followed when it stood at the path from the beginning. Where one takes the
+/// place of a file, alarms wait until it has gone.
+///
 /// What stands at the path may also be a named pipe with a reader, or a device: then lines are
 /// written to it, and nothing more.
 class FileWriter : public LineWriter {
@@ -37,20 +40,21 @@ public:
     /// @return null when it cannot be opened (logged)
     static std::unique_ptr<FileWriter> Open(const std::string& path, const Options& options);
 
-    /// Lets go of a file that was moved away. @return true: where no new one can be made, the old
-    /// one still takes lines (logged)
+    /// Lets go of a file that was moved away. Where no new one can be made, the old one still takes
+    /// lines (logged). @return false when a symbolic link has taken its place
     bool Prepare(std::string& why) override;
 
-    /// Only when there was no room, and it is to be waited for.
-    bool ShouldRetry() const override { return m_retry; }
+    /// When there was no room, and it is to be waited for; while a symbolic link is in the way; and
+    /// while nobody reads a named pipe.
+    bool ShouldRetry() const override { return m_retry || LineWriter::ShouldRetry(); }
 
 protected:
     bool WriteLine(const std::string& line, std::string& why) override;
 
 private:
-    FileWriter(const std::string& path, const Options& options);
+    FileWriter(const std::string& path, const Options& options, bool link);
 
-    void FollowRename();
+    bool FollowRename(std::string& why);
     void Take(SDK::UniqueDescriptor file);
     int Append(const std::string& line);
     bool EndTornLine();
@@ -58,6 +62,7 @@ private:
     int WriteWhole(const std::string& text);
 
     const WhenFull m_whenFull;
+    const bool m_link;  // the path was a symbolic link at the beginning
     const FileRotation m_rotation;
     SDK::UniqueDescriptor m_file;
     bool m_isRegular = false;

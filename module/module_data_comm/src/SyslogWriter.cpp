@@ -17,12 +17,14 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <utility>
 
@@ -30,12 +32,11 @@ namespace Engine {
 
 namespace {
 
-// Seconds for connecting, and for a server that does not take what it is sent.
-constexpr int kPatienceS = 5;
+// For connecting, and for a server that stands still.
+constexpr std::chrono::seconds kPatience{5};
 
 // Waiting is done in pieces, between which the deadline of a stop is looked at.
 const Poco::Timespan kSlice(0, 100000);
-constexpr int kPatienceSlices = 50;
 constexpr std::int64_t kFirstLookUs = 50;
 
 constexpr int kKeepIdleS = 15;
@@ -95,7 +96,8 @@ SyslogWriter::SyslogWriter(const std::string& name, std::string address, Way way
     : AlarmWriter(name),
       m_address(std::move(address)),
       m_way(way),
-      m_host(Poco::Environment::nodeName()) {}
+      m_host(Poco::Environment::nodeName()),
+      m_patience(kPatience) {}
 
 std::string SyslogWriter::Message(const std::string& alarm, const std::string& host, int pid,
                                   const Poco::Timestamp& now) {
@@ -121,20 +123,15 @@ bool SyslogWriter::Prepare(std::string& why) {
 }
 
 std::size_t SyslogWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) {
-    std::size_t done = 0;
     const bool good = Try(
         [&] {
             for (const OutgoingAlarm& alarm : alarms) {
                 Send(MessageOf(alarm));
-                // A stream may still lose what it took.
-                done += m_way == Way::STREAM ? 0 : 1;
             }
-            if (m_way == Way::STREAM) {
-                WaitForAcknowledgement();
-            }
+            WaitForAcknowledgement();
         },
         why);
-    return good ? alarms.size() : done;
+    return good ? alarms.size() : m_arrived;
 }
 
 std::string SyslogWriter::MessageOf(const OutgoingAlarm& alarm) const {
@@ -144,6 +141,8 @@ std::string SyslogWriter::MessageOf(const OutgoingAlarm& alarm) const {
 
 /// Does something with a connection that is as good as can be known, and closes it when that fails.
 bool SyslogWriter::Try(const std::function<void()>& work, std::string& why) {
+    m_sent = 0;
+    m_ends.clear();
     try {
         if (m_socket != nullptr && PeerHasClosed()) {
             m_socket.reset();
@@ -151,12 +150,14 @@ bool SyslogWriter::Try(const std::function<void()>& work, std::string& why) {
         if (m_socket == nullptr) {
             Connect();
         }
+        m_patience.Begin(std::chrono::steady_clock::now());
         work();
         return true;
     } catch (const Poco::Exception& exception) {
         why = exception.displayText();
         // A message that is too long for a datagram stays so.
         m_retry = exception.code() != EMSGSIZE;
+        m_arrived = Arrived();
         m_socket.reset();
         return false;
     }
@@ -171,22 +172,21 @@ void SyslogWriter::Connect() {
         socket->connect(SocketAddress(SocketAddress::UNIX_LOCAL, m_address));
         m_socket = std::move(socket);
     }
-    m_socket->setSendTimeout(Poco::Timespan(kPatienceS, 0));
 }
 
 void SyslogWriter::ConnectStream() {
     auto socket = std::make_unique<Poco::Net::StreamSocket>();
     socket->connectNB(Poco::Net::SocketAddress(m_address));
     const int modes = Poco::Net::Socket::SELECT_WRITE | Poco::Net::Socket::SELECT_ERROR;
-    for (int slices = 0; !socket->poll(kSlice, modes); ++slices) {
-        if (slices >= kPatienceSlices || DeadlinePassed()) {
+    m_patience.Begin(std::chrono::steady_clock::now());
+    while (!socket->poll(kSlice, modes)) {
+        if (m_patience.HasEnded(0, std::chrono::steady_clock::now()) || DeadlinePassed()) {
             throw Poco::TimeoutException("connecting");
         }
     }
     if (const int error = socket->impl()->socketError(); error != 0) {
         throw Poco::Net::NetException(Poco::Error::getMessage(error), error);
     }
-    socket->setBlocking(true);
     // A server that has gone without a word, or was forgotten by a firewall between, is noticed
     // within half a minute and not after hours (tcp(7)).
     socket->setKeepAlive(true);
@@ -198,36 +198,61 @@ void SyslogWriter::ConnectStream() {
 
 /// Waits until the other host has all that was sent.
 void SyslogWriter::WaitForAcknowledgement() {
-    for (int slices = 0;; ++slices) {
-        int unacknowledged = 0;
-        m_socket->impl()->ioctl(SIOCOUTQ, unacknowledged);
-        if (unacknowledged == 0) {
-            return;
-        }
-        if (slices >= kPatienceSlices || DeadlinePassed() || PeerHasClosed()) {
-            throw Poco::TimeoutException("the server does not acknowledge what it was sent");
-        }
+    for (int looks = 0; Acknowledged() < m_sent; ++looks) {
+        LookAtServer("the server does not acknowledge what it was sent");
         // Most answer at once; the wait gets longer where one does not.
         ::usleep(static_cast<useconds_t>(std::min<std::int64_t>(
-            kSlice.totalMicroseconds(), kFirstLookUs << std::min(slices, 16))));
+            kSlice.totalMicroseconds(), kFirstLookUs << std::min(looks, 16))));
     }
 }
 
+/// Sends a message, and waits while there is no room for it.
 void SyslogWriter::Send(const std::string& message) {
-    if (auto* local = dynamic_cast<Poco::Net::DatagramSocket*>(m_socket.get())) {
-        local->sendBytes(message.data(), static_cast<int>(message.size()));
-        return;
-    }
-    const std::string frame = std::to_string(message.size()) + ' ' + message;
-    auto& stream = dynamic_cast<Poco::Net::StreamSocket&>(*m_socket);
+    const std::string frame =
+        m_way == Way::STREAM ? std::to_string(message.size()) + ' ' + message : message;
     for (std::size_t done = 0; done < frame.size();) {
-        const int sent = stream.sendBytes(frame.data() + done,
-                                          static_cast<int>(frame.size() - done), MSG_NOSIGNAL);
-        done += static_cast<std::size_t>(std::max(sent, 0));
-        if (sent <= 0) {
-            throw Poco::TimeoutException("the server takes nothing");
+        const ssize_t sent = ::send(m_socket->impl()->sockfd(), frame.data() + done,
+                                    frame.size() - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent >= 0) {
+            done += static_cast<std::size_t>(sent);
+            m_sent += static_cast<std::size_t>(sent);
+        } else if (errno == EAGAIN) {
+            m_socket->poll(kSlice, Poco::Net::Socket::SELECT_WRITE);
+            LookAtServer("the server takes nothing");
+        } else if (const int error = errno; error != EINTR) {
+            throw Poco::Net::NetException(Poco::Error::getMessage(error), error);
         }
     }
+    m_ends.push_back(m_sent);
+}
+
+/// Between two waits: ends them when the server stands still or has gone, or the time of a stop is
+/// over.
+void SyslogWriter::LookAtServer(const std::string& complaint) {
+    if (PeerHasClosed()) {
+        throw Poco::IOException("the server has closed the connection");
+    }
+    if (m_patience.HasEnded(Acknowledged(), std::chrono::steady_clock::now()) || DeadlinePassed()) {
+        throw Poco::TimeoutException(complaint);
+    }
+}
+
+/// How many bytes of what was sent are the server's.
+std::size_t SyslogWriter::Acknowledged() const {
+    // Nothing else was under way when the first of them was sent. The kernel still tells it after
+    // the connection was reset.
+    int left = 0;
+    if (m_way == Way::STREAM && ::ioctl(m_socket->impl()->sockfd(), SIOCOUTQ, &left) != 0) {
+        return 0;
+    }
+    return m_sent - std::min(m_sent, static_cast<std::size_t>(left));
+}
+
+/// How many messages are the server's, from the first on.
+std::size_t SyslogWriter::Arrived() const {
+    const std::size_t acknowledged = m_ends.empty() ? 0 : Acknowledged();
+    return static_cast<std::size_t>(std::upper_bound(m_ends.begin(), m_ends.end(), acknowledged) -
+                                    m_ends.begin());
 }
 
 /// A server never writes: whatever can be read is the end of the connection. Asked before each

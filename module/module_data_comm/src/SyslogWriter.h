@@ -1,14 +1,17 @@
 #pragma once
 
 #include "AlarmWriter.h"
+#include "Patience.h"
 
 #include <Poco/LocalDateTime.h>
 #include <Poco/Net/Socket.h>
 #include <Poco/Timestamp.h>
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Engine {
 
@@ -18,9 +21,10 @@ namespace Engine {
 /// know more.
 ///
 /// The facility is authpriv and the severity alert; the message is the formatted alarm. Over TCP an
-/// alarm counts as written when the other host has acknowledged it; what a broken connection left
-/// without that is sent again, so that it may come twice. What the server had received but not read
-/// when it ended is lost to both sides, as always with syslog over TCP.
+/// alarm counts as written when the other host has acknowledged all of it; what a broken connection
+/// left without that is sent again, so that it may come twice. A server that takes nothing for five
+/// seconds is connected to anew; one that is slow is waited for. What the server had received but
+/// not read when it ended is lost to both sides, as always with syslog over TCP.
 class SyslogWriter : public AlarmWriter {
 public:
     /// Where the local log daemon listens (syslog(3)).
@@ -60,6 +64,9 @@ private:
     void ConnectStream();
     void Send(const std::string& message);
     void WaitForAcknowledgement();
+    void LookAtServer(const std::string& complaint);
+    std::size_t Acknowledged() const;
+    std::size_t Arrived() const;
     bool PeerHasClosed();
 
     const std::string m_address;  // a path, or HOST:PORT
@@ -67,6 +74,10 @@ private:
     const std::string m_host;
     std::unique_ptr<Poco::Net::Socket> m_socket;  // null: not connected
     bool m_retry = true;                          // the last failure may pass
+    Patience m_patience;
+    std::size_t m_sent = 0;           // bytes of the alarms that are being written
+    std::vector<std::size_t> m_ends;  // of their messages, in these bytes
+    std::size_t m_arrived = 0;        // messages, when not all of them did
 };
 
 }  // namespace Engine

@@ -28,6 +28,9 @@ using TestSupport::WaitUntil;
 
 constexpr auto kError = Poco::Message::PRIO_ERROR;
 
+// For a reader that does not come.
+constexpr std::chrono::milliseconds kShort{1};
+
 using Clock = std::chrono::steady_clock;
 
 /// How long ago that was, in seconds.
@@ -100,6 +103,25 @@ TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsDoesNotHoldUpTheStopForever) {
     sink->Stop();
     EXPECT_EQ(Written(*sink), 0U);
     EXPECT_EQ(Written(*sink) + Dropped(*sink) + Failed(*sink), 20U);
+}
+
+TEST_F(AlarmSinkOnAPipe, ThatNobodyReadsIsInTroubleUntilItIsReadAndLosesNothing) {
+    m_pipe.Fill();
+    AlarmSink sink(std::make_unique<LineWriter>(m_pipe.WriteEnd(), "pipe", kShort),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    sink.Offer("one");
+    sink.Offer("two");
+    ASSERT_TRUE(WaitUntil(
+        [&] { return BooksOf(sink).m_trouble == "Output(pipe) cannot be written: nobody reads"; }));
+    EXPECT_EQ(BooksOf(sink).m_waiting, 2U);
+    m_pipe.Read();
+    ASSERT_TRUE(WaitUntil([&] { return Written(sink) == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(sink).m_trouble.empty(); }));
+    EXPECT_EQ(m_pipe.Read(), "one\ntwo\n");
+    EXPECT_EQ(m_log.Texts(kError),
+              std::vector<std::string>{
+                  "Output(pipe) cannot be written: nobody reads. 0 alarms failed so far."});
+    EXPECT_TRUE(m_log.Contains("Output(pipe) can be written again. 0 alarms failed so far."));
 }
 
 TEST_F(AlarmSinkOnAPipe, WithoutReaderCountsEveryFailureAndSaysSoOnce) {
@@ -176,6 +198,28 @@ TEST(AlarmSink, OnAFullDiskIsInTroubleUntilAnAlarmWasWritten) {
     EXPECT_FALSE(
         WaitUntil([&] { return sink.GetLedger().m_trouble.empty(); }, std::chrono::seconds(6)))
         << "longer than the pause after which other places are asked whether they are back";
+}
+
+TEST(AlarmSink, KeepsAlarmsWhileALinkStandsAtThePlaceOfItsFile) {
+    TestSupport::CapturedLog log;
+    const TestSupport::TemporaryFolder folder;
+    const std::string path = folder / "alarms";
+    AlarmSink sink(FileWriter::Open(path, {}), AlarmFormatter(AlarmFormatter::Style::JSON, false),
+                   10);
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(folder / "target", path);
+    sink.Offer("one");
+    sink.Offer("two");
+    const std::string trouble = "Output(" + path +
+                                ") cannot be written: a symbolic link has taken its place, which "
+                                "is not followed";
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(sink).m_trouble == trouble; }));
+    EXPECT_EQ(BooksOf(sink).m_waiting, 2U);
+    EXPECT_EQ(log.Texts(kError), std::vector<std::string>{trouble + ". 0 alarms failed so far."});
+    std::filesystem::remove(path);
+    ASSERT_TRUE(WaitUntil([&] { return Written(sink) == 2; }));
+    EXPECT_EQ(TestSupport::ReadText(path), "one\ntwo\n");
+    EXPECT_FALSE(std::filesystem::exists(folder / "target"));
 }
 
 TEST(AlarmSink, TakesNothingAfterItsStop) {

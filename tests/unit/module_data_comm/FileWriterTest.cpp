@@ -1,5 +1,6 @@
 #include "FileWriter.h"
 
+#include "FileSizeLimit.h"
 #include "PutLine.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
@@ -7,8 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,23 +25,6 @@ namespace fs = std::filesystem;
 
 using Engine::FileWriter;
 using TestSupport::ReadText;
-
-/// Files of this process cannot grow beyond a size while it lives.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit m_before{};
-};
 
 class FileWriterTest : public testing::Test {
 protected:
@@ -99,6 +81,22 @@ TEST_F(FileWriterTest, NeverRotatesAPipe) {
     EXPECT_EQ(text, "one\ntwo\n");
     EXPECT_FALSE(fs::exists(Rotated(1)));
     EXPECT_TRUE(m_log.Texts(Poco::Message::PRIO_ERROR).empty());
+}
+
+TEST_F(FileWriterTest, KeepsTheLineForANamedPipeThatNobodyReads) {
+    ASSERT_EQ(::mkfifo(m_path.c_str(), 0600), 0);
+    const SDK::UniqueDescriptor reader(::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const auto writer = Open();
+    const std::string line(100000, 'x');
+    EXPECT_EQ(PutLine(*writer, line), "nobody reads");
+    EXPECT_TRUE(writer->ShouldRetry());
+    std::string text(2 * line.size(), ' ');
+    const ssize_t first = ::read(reader.Get(), text.data(), text.size());
+    EXPECT_EQ(PutLine(*writer, line), "");
+    EXPECT_FALSE(writer->ShouldRetry());
+    const ssize_t second = ::read(reader.Get(), text.data() + first, line.size());
+    text.resize(static_cast<std::size_t>(first + second));
+    EXPECT_EQ(text, line + '\n');
 }
 
 TEST_F(FileWriterTest, TakesBackALineThatWasNotWrittenWhole) {
@@ -163,6 +161,42 @@ TEST_F(FileWriterTest, GoesOnInTheMovedFileWhenNoNewOneCanBeMadeAndSaysSoOnce) {
                               ") was moved away and cannot be made anew: No such file or "
                               "directory. Its lines go on into the one that was moved."),
               1U);
+}
+
+TEST_F(FileWriterTest, DoesNotFollowALinkThatTookThePlaceOfItsFile) {
+    const auto writer = Open();
+    ASSERT_EQ(PutLine(*writer, "before"), "");
+    const std::string refused = "a symbolic link has taken its place, which is not followed";
+    for (const char* target : {"missing", "there"}) {
+        m_folder.Write("there", "");
+        fs::remove(m_path);
+        fs::create_symlink(m_folder / target, m_path);
+        EXPECT_EQ(PutLine(*writer, "line"), refused);
+        EXPECT_TRUE(writer->ShouldRetry()) << "it may go away again";
+        std::string why;
+        EXPECT_FALSE(writer->Prepare(why));
+        EXPECT_EQ(why, refused);
+    }
+    EXPECT_FALSE(fs::exists(m_folder / "missing"));
+    EXPECT_EQ(ReadText(m_folder / "there"), "");
+    fs::remove(m_path);
+    EXPECT_EQ(PutLine(*writer, "line"), "");
+    EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_EQ(ReadText(m_path), "line\n");
+}
+
+TEST_F(FileWriterTest, FollowsALinkThatStoodAtItsPathFromTheBeginning) {
+    fs::create_symlink(m_folder / "target", m_path);
+    const auto writer = Open();
+    EXPECT_EQ(PutLine(*writer, "one"), "");
+    fs::rename(m_folder / "target", m_folder / "moved");
+    EXPECT_EQ(PutLine(*writer, "two"), "");
+    EXPECT_EQ(ReadText(m_folder / "moved"), "one\n");
+    EXPECT_EQ(ReadText(m_folder / "target"), "two\n");
+    fs::remove(m_path);
+    fs::create_symlink(m_folder / "other", m_path);
+    EXPECT_EQ(PutLine(*writer, "three"), "");
+    EXPECT_EQ(ReadText(m_folder / "other"), "three\n");
 }
 
 TEST_F(FileWriterTest, KeepsEachFileBelowItsLimitWithWholeLinesOnly) {

@@ -15,10 +15,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -29,6 +31,7 @@ using Engine::OutgoingAlarm;
 using Engine::SyslogWriter;
 using Poco::Net::SocketAddress;
 using TestSupport::WaitUntil;
+using Clock = std::chrono::steady_clock;
 
 /// What stands before every alarm, but for the time.
 std::string Head() {
@@ -63,6 +66,23 @@ public:
     }
     std::string Place() const { return "tcp:127.0.0.1:" + std::to_string(Port()); }
     std::uint16_t Port() const { return m_listener.address().port(); }
+
+    /// Makes the host take little of what the server does not read, on connections from now on.
+    void HaveLittleRoom() { m_listener.setReceiveBufferSize(4096); }
+
+    /// Ends the connection without reading what came.
+    void Reset() {
+        m_connection.setLinger(true, 0);
+        m_connection.close();
+    }
+
+    /// Reads some kilobytes.
+    /// @return how many bytes
+    std::size_t ReadSome() {
+        std::array<char, 4096> buffer{};
+        return static_cast<std::size_t>(
+            m_connection.receiveBytes(buffer.data(), static_cast<int>(buffer.size())));
+    }
 
     void Accept() {
         m_connection = m_listener.acceptConnection();
@@ -251,6 +271,86 @@ TEST_F(Syslog, SendsAgainWhatABrokenConnectionMayHaveLost) {
     server->Accept();
     for (const char* alarm : {"one", "two", "three"}) {
         EXPECT_TRUE(server->Receive().ends_with(alarm)) << alarm;
+    }
+}
+
+// More than both hosts' buffers hold.
+constexpr std::size_t kTooMuch = 32 << 20;
+
+TEST_F(Syslog, SendsNotAgainWhatTheServersHostHasOfABatchThatItDoesNotTakeWhole) {
+    TcpServer server;
+    server.HaveLittleRoom();
+    const auto writer = SyslogWriter::Open(server.Place());
+    const std::string large(kTooMuch, 'x');
+    writer->SetDeadline(Clock::now() + std::chrono::seconds(1));
+    std::string why;
+    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}, {"", "four"}}, why), 2U);
+    EXPECT_EQ(why, "Timeout: the server takes nothing");
+    EXPECT_TRUE(writer->ShouldRetry());
+    server.Accept();
+    EXPECT_TRUE(server.Receive().ends_with(Head() + "one"));
+    EXPECT_TRUE(server.Receive().ends_with(Head() + "two"));
+}
+
+TEST_F(Syslog, SendsNotAgainWhatTheServersHostHadBeforeItBrokeTheConnection) {
+    TcpServer server;
+    server.HaveLittleRoom();
+    const auto writer = SyslogWriter::Open(server.Place());
+    std::string why;
+    ASSERT_TRUE(writer->Prepare(why)) << why;
+    server.Accept();
+    std::thread breaker([&] {
+        server.Receive();
+        server.Receive();
+        server.Reset();
+    });
+    const std::string large(kTooMuch, 'x');
+    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why), 2U);
+    breaker.join();
+    EXPECT_TRUE(writer->ShouldRetry());
+}
+
+TEST_F(Syslog, WaitsForAServerThatReadsSlowlyForAsLongAsItReads) {
+    TcpServer server;
+    server.HaveLittleRoom();
+    const auto writer = SyslogWriter::Open(server.Place());
+    std::string why;
+    ASSERT_TRUE(writer->Prepare(why)) << why;
+    server.Accept();
+    const std::string alarm(256 << 10, 'x');
+    std::thread reader([&] {
+        for (std::size_t left = alarm.size(); left > 0;) {
+            // Together longer than the five seconds after which one that stands still is given up.
+            WaitUntil([] { return false; }, std::chrono::milliseconds(100));
+            left -= std::min(left, server.ReadSome());
+        }
+    });
+    EXPECT_EQ(writer->Write({{"", alarm}}, why), 1U) << why;
+    reader.join();
+}
+
+TEST_F(Syslog, EndsASendToAServerThatDoesNotReadAtTheDeadline) {
+    TcpServer server;
+    server.HaveLittleRoom();
+    const auto writer = SyslogWriter::Open(server.Place());
+    writer->SetDeadline(Clock::now());
+    const auto start = Clock::now();
+    EXPECT_EQ(Why(*writer, std::string(kTooMuch, 'x')), "Timeout: the server takes nothing");
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
+}
+
+TEST_F(Syslog, EndsASendToALocalServerThatDoesNotReadAtTheDeadline) {
+    for (const char* kind : {"unix:", "local:"}) {
+        const LocalServer server(m_path);
+        const auto writer = SyslogWriter::Open(kind + m_path);
+        writer->SetDeadline(Clock::now());
+        const auto start = Clock::now();
+        std::string why;
+        while (writer->Write({{"", "alarm"}}, why) == 1) {
+        }
+        EXPECT_EQ(why, "Timeout: the server takes nothing");
+        EXPECT_TRUE(writer->ShouldRetry());
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
     }
 }
 
