@@ -19,12 +19,13 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kEndPatience(2);
 constexpr std::chrono::seconds kLookPeriod(1);
 
+/// The recording that the configuration may ask for is that of the agent that runs on the host.
 std::vector<std::string> Arguments(const ChildAgent::Setup& setup) {
     std::vector<std::string> arguments = {"vmescape-agent", "run"};
     arguments.insert(arguments.end(), setup.m_arguments.begin(), setup.m_arguments.end());
-    arguments.insert(arguments.end(),
-                     {"--policies", setup.m_policies, "--output", "json:stdout", "--log-level",
-                      "information", "-o", "status.socket=" + setup.m_status});
+    arguments.insert(arguments.end(), {"--policies", setup.m_policies, "--output", "json:stdout",
+                                       "--log-level", "information", "-o",
+                                       "status.socket=" + setup.m_status, "-o", "record.file="});
     return arguments;
 }
 

@@ -10,7 +10,7 @@ namespace Agent {
 
 /// An agent that this program starts for itself, beside whatever agent runs on the host: with
 /// policies of this program's own, its alarms (JSON, one a line) and its log (from information on)
-/// to this program.
+/// to this program, and without a recording.
 ///
 /// Threads: the one that made it.
 class ChildAgent {

@@ -100,12 +100,12 @@ TEST(ChildAgent, IsNotWaitedForWhenTheInterruptionCameBefore) {
     EXPECT_EQ(ready.m_wrong, "interrupted");
 }
 
-TEST(ChildAgent, IsGivenItsFolderItsStatusAndMore) {
+TEST(ChildAgent, IsGivenItsFolderItsStatusAndMoreButNoRecording) {
     StandIn agent("echo \"$*\" >&2; exit 0\n");
     agent.Wait(true);
     EXPECT_EQ(agent.m_errors,
               "run -o a=b --policies POLICIES --output json:stdout --log-level information -o "
-              "status.socket=STATUS\n");
+              "status.socket=STATUS -o record.file=\n");
 }
 
 }  // namespace
