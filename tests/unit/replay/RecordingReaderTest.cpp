@@ -135,6 +135,20 @@ TEST_F(RecordingReader, RefusesATimeThatRunsBackwards) {
     EXPECT_EQ(Problem(), "3: /at: expected no time before that of the line above");
 }
 
+TEST_F(RecordingReader, RefusesATimeThatJumpsByMoreThanAYear) {
+    const auto exit = [](std::int64_t at) {
+        return R"({"at":)" + std::to_string(at) + R"(,"event":"exit","pid":7})" + '\n';
+    };
+    constexpr std::int64_t kMost = 5 + 366LL * 86400 * 1000000;
+    EXPECT_EQ(Read(Text({kHeader, kSnapshot}) + exit(kMost)), Result::CUT);
+    EXPECT_EQ(m_events, 2);
+    EXPECT_EQ(Read(Text({kHeader, kSnapshot}) + exit(1763711565000000)), Result::BAD);
+    EXPECT_EQ(Problem(),
+              "3: /at: expected microseconds since the epoch, at most 366 days after the line "
+              "above, found 20413 days");
+    EXPECT_EQ(Read(Text({kHeader, kSnapshot}) + exit(kMost + 1)), Result::BAD);
+}
+
 TEST_F(RecordingReader, RefusesARecordingThatDoesNotBeginWithASnapshot) {
     EXPECT_EQ(Read(Text({kHeader, kExit})), Result::BAD);
     EXPECT_EQ(Problem(), "2: /event: expected the snapshot that a recording begins with");
