@@ -133,7 +133,8 @@ RecordingReader::Result RecordingReader::Fill() {
         return Result::EVENT;
     }
     return m_ended ? Result::ENDED
-                   : Fail(Result::CUT, "there is no end, the agent was ended while it recorded");
+                   : Fail(Result::CUT,
+                          "there is no end, the agent was ended or could not write any more");
 }
 
 RecordingReader::Result RecordingReader::Fail(Result result, const std::string& text) {

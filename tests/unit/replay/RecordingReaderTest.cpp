@@ -86,7 +86,7 @@ TEST_F(RecordingReader, TakesALastLineWithoutItsEnd) {
 TEST_F(RecordingReader, TellsOfARecordingWhoseAgentWasKilled) {
     EXPECT_EQ(Read(Text({kHeader, kSnapshot, kExit})), Result::CUT);
     EXPECT_EQ(m_events, 2);
-    EXPECT_EQ(Problem(), "3: there is no end, the agent was ended while it recorded");
+    EXPECT_EQ(Problem(), "3: there is no end, the agent was ended or could not write any more");
 }
 
 TEST_F(RecordingReader, ReadsUpToALineThatIsTorn) {
