@@ -49,6 +49,16 @@ std::string Counts(const Json::Value& lost) {
 AlarmListener::AlarmListener(const ChildAgent::Setup& setup, Take take)
     : m_take(std::move(take)), m_status(setup.m_status), m_agent(setup) {}
 
+int AlarmListener::WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong,
+                                      const std::function<void()>& meanwhile) {
+    const int code = m_agent.WaitUntilItWatches(patience, wrong, meanwhile);
+    if (m_agent.MissesFiles()) {
+        m_missed["files"] =
+            "files were not learned: filenotify_module is optional, and the agent runs without it";
+    }
+    return code;
+}
+
 void AlarmListener::AddDescriptors(std::vector<pollfd>& waited) {
     for (const int descriptor : m_agent.Program().Descriptors()) {
         waited.push_back({descriptor, POLLIN, 0});

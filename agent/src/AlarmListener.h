@@ -29,10 +29,10 @@ public:
     /// @param setup  must name a place for its status
     AlarmListener(const ChildAgent::Setup& setup, Take take);
 
-    /// As ChildAgent::WaitUntilItWatches.
-    int WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong) {
-        return m_agent.WaitUntilItWatches(patience, wrong);
-    }
+    /// As ChildAgent::WaitUntilItWatches. That it watches no files is noted.
+    int WaitUntilItWatches(
+        std::chrono::seconds patience, std::string& wrong,
+        const std::function<void()>& meanwhile = [] {});
 
     /// Adds what becomes readable when the agent has written something or ended.
     void AddDescriptors(std::vector<pollfd>& waited);

@@ -2,6 +2,7 @@
 
 #include "PolicyChecker.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/StrUtils.h"
 
 #include <json/value.h>
 
@@ -30,7 +31,7 @@ void Print(const std::string& file, const std::vector<Problem>& problems) {
         std::cerr << ToText(problem) << '\n';
     }
     if (!HasErrors(problems)) {
-        std::cout << file << ": good\n";
+        std::cout << SDK::StrUtils::EscapeForTerminal(file) << ": good\n";
     }
 }
 

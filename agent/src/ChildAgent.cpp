@@ -17,14 +17,18 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kEndPatience(2);
-constexpr std::chrono::seconds kLookPeriod(1);
+constexpr std::chrono::milliseconds kLookPeriod(100);
 
+// What the log says when that module is optional, and cannot be loaded or does not start.
+constexpr const char* kWithoutFiles = "Module(filenotify_module) is optional";
+
+/// The recording that the configuration may ask for is that of the agent that runs on the host.
 std::vector<std::string> Arguments(const ChildAgent::Setup& setup) {
     std::vector<std::string> arguments = {"vmescape-agent", "run"};
     arguments.insert(arguments.end(), setup.m_arguments.begin(), setup.m_arguments.end());
-    arguments.insert(arguments.end(),
-                     {"--policies", setup.m_policies, "--output", "json:stdout", "--log-level",
-                      "information", "-o", "status.socket=" + setup.m_status});
+    arguments.insert(arguments.end(), {"--policies", setup.m_policies, "--output", "json:stdout",
+                                       "--log-level", "information", "-o",
+                                       "status.socket=" + setup.m_status, "-o", "record.file="});
     return arguments;
 }
 
@@ -35,21 +39,19 @@ ChildAgent::ChildAgent(const Setup& setup)
       m_running(Poco::format(" is running, %d policies read", setup.m_policyCount)),
       m_directories(setup.m_directories) {}
 
-int ChildAgent::WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong) {
-    bool running = false;
-    bool watching = !m_directories;
+int ChildAgent::WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong,
+                                   const std::function<void()>& meanwhile) {
     const auto deadline = Clock::now() + patience;
     while (!Interruption::Came()) {
-        if (running && watching) {
+        if (m_runs && (m_watches || !m_directories || m_withoutFiles)) {
             return EXIT_GOOD;
         }
+        meanwhile();
         // Not all the time at once: an interruption may have come just before the call.
         const std::optional<std::string> line = m_program.ReadLine(
             ChildProgram::Stream::ERRORS, std::min(deadline, Clock::now() + kLookPeriod));
         if (line) {
-            running = running || line->find(m_running) != std::string::npos;
-            watching = watching || line->find(" directories are watched.") != std::string::npos;
-            m_log += *line + '\n';
+            TakeLogLine(*line);
         } else if (Clock::now() >= deadline || m_program.Descriptors().back() == -1) {
             wrong = "the agent did not start";
             return Fail();
@@ -57,6 +59,16 @@ int ChildAgent::WaitUntilItWatches(std::chrono::seconds patience, std::string& w
     }
     wrong = "interrupted";
     return EXIT_FAILED;
+}
+
+void ChildAgent::TakeLogLine(const std::string& line) {
+    const auto tells = [&line](const std::string& part) {
+        return line.find(part) != std::string::npos;
+    };
+    m_runs = m_runs || tells(m_running);
+    m_watches = m_watches || tells(" directories are watched.");
+    m_withoutFiles = m_withoutFiles || tells(kWithoutFiles);
+    m_log += line + '\n';
 }
 
 /// @return what it ended with, when that tells of a failure

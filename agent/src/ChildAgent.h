@@ -3,6 +3,7 @@
 #include "ChildProgram.h"
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,7 @@ namespace Agent {
 
 /// An agent that this program starts for itself, beside whatever agent runs on the host: with
 /// policies of this program's own, its alarms (JSON, one a line) and its log (from information on)
-/// to this program.
+/// to this program, and without a recording.
 ///
 /// Threads: the one that made it.
 class ChildAgent {
@@ -28,11 +29,18 @@ public:
     /// @throws Poco::SystemException when it cannot be started
     explicit ChildAgent(const Setup& setup);
 
-    /// Waits until it has read its policies and watches. An interruption ends the wait.
-    /// @param wrong  what came between; the log is on standard error then, unless it was an
-    ///               interruption
+    /// Waits until it has read its policies and watches, be it without files because their
+    /// module is optional. An interruption ends the wait.
+    /// @param wrong      what came between; the log is on standard error then, unless it was an
+    ///                   interruption
+    /// @param meanwhile  is called again and again
     /// @return EXIT_GOOD; what the agent ended with; else EXIT_FAILED
-    int WaitUntilItWatches(std::chrono::seconds patience, std::string& wrong);
+    int WaitUntilItWatches(
+        std::chrono::seconds patience, std::string& wrong,
+        const std::function<void()>& meanwhile = [] {});
+
+    /// Whether it was to watch directories and goes on without.
+    bool MissesFiles() const { return m_directories && m_withoutFiles; }
 
     /// Its alarms come on OUTPUT, its log on ERRORS.
     ChildProgram& Program() { return m_program; }
@@ -41,11 +49,15 @@ public:
     static std::string OwnProgram();
 
 private:
+    void TakeLogLine(const std::string& line);
     int Fail();
 
     ChildProgram m_program;
     const std::string m_running;  // part of the line that tells of it
     const bool m_directories;
+    bool m_runs = false;
+    bool m_watches = false;
+    bool m_withoutFiles = false;
     std::string m_log;  // until it watches
 };
 

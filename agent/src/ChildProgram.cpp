@@ -1,5 +1,7 @@
 #include "ChildProgram.h"
 
+#include "Interruption.h"
+
 #include <Poco/Exception.h>
 
 #include <fcntl.h>
@@ -11,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <initializer_list>
 #include <utility>
 
 namespace Agent {
@@ -67,23 +68,24 @@ public:
         sigfillset(&all);
         ::pthread_sigmask(SIG_SETMASK, &all, &m_before);
     }
-    ~HeldSignals() { Release(); }
+    ~HeldSignals() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
-
-    void Release() const { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
 
 private:
     sigset_t m_before{};
 };
 
 /// In a process that was just made: a signal meant for it, which may be here already, is not to be
-/// taken for one of those that its parent notes.
-void TakeSignals(const HeldSignals& held) {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+/// taken for one of those that its parent notes. Nor is one to be ignored or held back: the parent
+/// does so with SIGPIPE, and its libraries do.
+void TakeSignals() {
+    for (const int signal : Interruption::SIGNALS) {
         ::signal(signal, SIG_DFL);
     }
-    held.Release();
+    sigset_t none;
+    sigemptyset(&none);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 milliseconds Left(ChildProgram::Deadline deadline) {
@@ -109,7 +111,7 @@ ChildProgram::ChildProgram(const std::string& program, const std::vector<std::st
         throw Poco::SystemException("fork", errno);
     }
     if (m_pid == 0) {
-        TakeSignals(held);
+        TakeSignals();
         ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
         ::setpgid(0, 0);
         TakeAs(STDIN_FILENO, input[0].Get());

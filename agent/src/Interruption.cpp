@@ -1,8 +1,6 @@
 #include "Interruption.h"
 
-#include <signal.h>
-
-#include <initializer_list>
+#include <cstddef>
 
 namespace Agent {
 
@@ -10,24 +8,28 @@ namespace {
 
 volatile sig_atomic_t g_came = 0;
 
-void Handle(void (*handler)(int)) {
-    struct sigaction action {};
-    // Without SA_RESTART: what waits for a line comes back.
-    action.sa_handler = handler;
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        ::sigaction(signal, &action, nullptr);
-    }
-}
+void Note(int /*signal*/) { g_came = 1; }
 
 }  // namespace
 
 Interruption::Interruption() {
     g_came = 0;
-    Handle([](int /*signal*/) { g_came = 1; });
+    for (std::size_t i = 0; i < SIGNALS.size(); ++i) {
+        ::sigaction(SIGNALS[i], nullptr, &m_before[i]);
+        if (m_before[i].sa_handler == SIG_IGN) {
+            continue;
+        }
+        struct sigaction action {};
+        // Without SA_RESTART: what waits for a line comes back.
+        action.sa_handler = SIGNALS[i] == SIGPIPE ? SIG_IGN : Note;
+        ::sigaction(SIGNALS[i], &action, nullptr);
+    }
 }
 
 Interruption::~Interruption() {
-    Handle(SIG_DFL);
+    for (std::size_t i = 0; i < SIGNALS.size(); ++i) {
+        ::sigaction(SIGNALS[i], &m_before[i], nullptr);
+    }
     g_came = 0;
 }
 

@@ -22,7 +22,7 @@ bool ReadWholeFile(const std::string& path, std::string& text, std::vector<Probl
 ///         there is none
 std::size_t FindNoUtf8(const std::string& text);
 
-/// Parses a text that must be a JSON object.
+/// Parses a text that must be a JSON object, in which no key stands twice.
 /// @return false, and one problem more that names line and column, when it is not
 bool ParseObject(const std::string& path, const std::string& text, Json::Value& object,
                  std::vector<Problem>& problems);

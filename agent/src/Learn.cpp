@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -166,11 +167,19 @@ int Learn::StartAgent(const std::string& name, const LearnedPolicies::PolicyText
     }
     m_agents.insert(m_agents.begin(), std::make_unique<AlarmListener>(setup, std::move(take)));
     std::string wrong;
-    const int code = m_agents.front()->WaitUntilItWatches(kStartPatience, wrong);
+    const int code = m_agents.front()->WaitUntilItWatches(kStartPatience, wrong,
+                                                          [this] { TakeWhatOthersTell(); });
     if (!wrong.empty()) {
         Say(wrong + ", nothing was learned");
     }
     return code;
+}
+
+/// What nobody reads holds an agent up, and is lost in the end: a pipe has room for little, and the
+/// next one may take its time to start.
+void Learn::TakeWhatOthersTell() {
+    std::for_each(std::next(m_agents.begin()), m_agents.end(),
+                  [](const std::unique_ptr<AlarmListener>& agent) { agent->TakeWhatCame(); });
 }
 
 void Learn::Listen() {

@@ -44,6 +44,7 @@ private:
     int StartAgents();
     int StartAgent(const std::string& name, const LearnedPolicies::PolicyTexts& texts,
                    AlarmListener::Take take);
+    void TakeWhatOthersTell();
     void Listen();
     bool TakeWhatCame();
     void WaitUntil(Clock::time_point time);

@@ -62,6 +62,8 @@ std::string UnlistedText(const std::string& title, const std::vector<Unlisted>& 
     return text;
 }
 
+/// The trial shares nothing with the agent that runs: neither where it answers, nor its outputs,
+/// their spool with them, nor its recording.
 std::string AdviceText(const std::string& folder, const std::string& inForce) {
     const std::string from = StrUtils::EscapeForTerminal(folder);
     return "\nWhatever happened meanwhile is allowed by these policies, whoever did it: look at "
@@ -69,7 +71,7 @@ std::string AdviceText(const std::string& folder, const std::string& inForce) {
            "Then try them beside the agent that runs, and put them into force:\n"
            "    vmescape-agent check " +
            from + "/*.json\n    vmescape-agent run --policies " + from +
-           " -o status.socket=\n    cp " + from + "/*.json " +
+           " --output text:stdout -o status.socket= -o record.file=\n    cp " + from + "/*.json " +
            StrUtils::EscapeForTerminal(inForce) +
            "/\nThe agent that runs reads them as soon as they are there.\n";
 }

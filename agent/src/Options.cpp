@@ -103,7 +103,8 @@ void AddCheck(CLI::App& app, Options& options) {
     check->add_option("FILE", options.m_files, "Policy files, named after their features")
         ->required();
     check->add_flag("--json", options.m_json, "Print the result as JSON");
-    check->footer("Exit status: 0 good (warnings or not), 2 usage, 6 bad.");
+    check->footer(
+        "Exit status: 0 good (warnings or not), 1 the result cannot be written, 2 usage, 6 bad.");
     check->callback([&options] { options.m_verb = Options::Verb::CHECK; });
 }
 
@@ -160,7 +161,8 @@ void AddSchema(CLI::App& app, Options& options) {
         ->type_name("");
     schema->add_flag("--json", options.m_json,
                      "Print it on one line; without NAME all schemas by name");
-    schema->footer("They are of draft 2020-12. Exit status: 0 good, 2 usage.");
+    schema->footer(
+        "They are of draft 2020-12. Exit status: 0 good, 1 it cannot be written, 2 usage.");
     schema->callback([&options] { options.m_verb = Options::Verb::SCHEMA; });
 }
 

@@ -127,6 +127,9 @@ void Recording::Flush() {
         }
     }
     if (!wrong.empty()) {
+        // There may be room for as little as that, now that so much was taken back. Without it, it
+        // would seem that the agent was killed.
+        WriteEnd("failed");
         Close("Recording(" + m_path + ") cannot be written: " + wrong);
     }
 }
@@ -142,12 +145,17 @@ void Recording::End(const std::string& reason) {
     if (Ended()) {
         return;
     }
+    const std::string wrong = WriteEnd(reason);
+    Close(wrong.empty() ? "" : "Recording(" + m_path + ") cannot be written: " + wrong);
+}
+
+/// @return what is wrong, or ""
+std::string Recording::WriteEnd(const std::string& reason) {
     RecordedEvent end;
     end.m_kind = RecordedEvent::Kind::END;
     end.m_at = Now();
     end.m_reason = reason;
-    const std::string wrong = m_file->Write(RecordingText::Write(end) + '\n');
-    Close(wrong.empty() ? "" : "Recording(" + m_path + ") cannot be written: " + wrong);
+    return m_file->IsTorn() ? "" : m_file->Write(RecordingText::Write(end) + '\n');
 }
 
 void Recording::Close(const std::string& trouble) {

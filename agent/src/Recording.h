@@ -26,7 +26,8 @@ public:
     void Add(std::vector<RecordedEvent> events);
     void Add(RecordedEvent event);
 
-    /// Writes what was added. A failure ends the recording (logged).
+    /// Writes what was added. A failure ends the recording (logged), with an end where there is
+    /// still room for it.
     void Flush();
 
     /// Counts events that never got here.
@@ -42,6 +43,7 @@ public:
 
 private:
     void Append(const RecordedEvent& event);
+    std::string WriteEnd(const std::string& reason);
     void Close(const std::string& trouble);
     std::int64_t Now() const;
 

@@ -72,9 +72,8 @@ std::string RecordingFile::Write(const std::string& lines) {
         } else if (errno != EINTR) {
             std::string wrong = Poco::Error::getMessage(errno);
             const auto size = static_cast<off_t>(m_size);
-            [[maybe_unused]] const bool takenBack =
-                ::ftruncate(m_descriptor.Get(), size) == 0 &&
-                ::lseek(m_descriptor.Get(), size, SEEK_SET) >= 0;
+            m_torn = ::ftruncate(m_descriptor.Get(), size) != 0 ||
+                     ::lseek(m_descriptor.Get(), size, SEEK_SET) < 0;
             return wrong;
         }
     }

@@ -31,6 +31,9 @@ public:
     /// @return what is wrong, or ""
     std::string Write(const std::string& lines);
 
+    /// Whether something could not be taken back: nothing is to be written behind it.
+    bool IsTorn() const { return m_torn; }
+
 private:
     RecordingFile(std::string path, SDK::UniqueDescriptor descriptor, std::uint64_t limit);
 
@@ -38,6 +41,7 @@ private:
     const SDK::UniqueDescriptor m_descriptor;
     const std::uint64_t m_limit;
     std::uint64_t m_size = 0;
+    bool m_torn = false;
 };
 
 }  // namespace Agent

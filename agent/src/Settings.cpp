@@ -14,7 +14,9 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <climits>
+#include <system_error>
 
 namespace Agent {
 
@@ -135,12 +137,18 @@ bool AreOutputs(const std::string& text) {
     return std::all_of(outputs.begin(), outputs.end(), IsOutput);
 }
 
+/// Digits and nothing else: neither signs nor blanks, nor commas, of which 1,5 would become 15.
+bool IsNumber(const Row& row, const std::string& text) {
+    int number = 0;
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+           std::from_chars(text.data(), text.data() + text.length(), number).ec == std::errc() &&
+           number >= row.m_least && number <= row.m_most;
+}
+
 /// Whether a text is good for a key.
 bool IsGood(const Row& row, const std::string& text) {
     if (row.m_kind == Kind::NUMBER) {
-        int number = 0;
-        return Poco::NumberParser::tryParse(text, number) && number >= row.m_least &&
-               number <= row.m_most;
+        return IsNumber(row, text);
     }
     if (row.m_kind == Kind::OUTPUTS) {
         return AreOutputs(text);

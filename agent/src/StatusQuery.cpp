@@ -33,13 +33,16 @@ int FindStatusSocket(const Options& options, std::string& path) {
 std::string QueryAgent(const std::string& path, const std::string& request, std::string& answer,
                        Json::Value& document) {
     const std::string wrong = StatusServer::Ask(path, request, answer);
+    // Every answer is an object; of one that is no whole one, the agent has ended meanwhile.
+    const std::string cut =
+        answer.starts_with('{') ? "the answer of the agent at " + path + " is cut" : "";
     if (!wrong.empty()) {
-        return "no agent answers at " + path + ": " + wrong;
+        return (cut.empty() ? "no agent answers at " + path : cut) + ": " + wrong;
     }
     std::string error;
     if (SDK::JsonUtils::ParseJsonStr(answer.c_str(), answer.length(), document, error) != 0 ||
         !document.isObject()) {
-        return "what answers at " + path + " is no agent";
+        return cut.empty() ? "what answers at " + path + " is no agent" : cut;
     }
     if (document.isMember("error")) {
         return SDK::StrUtils::EscapeForTerminal(

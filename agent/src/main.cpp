@@ -4,6 +4,7 @@
 #include "ListVerb.h"
 #include "MetricsVerb.h"
 #include "Options.h"
+#include "ProgramEnd.h"
 #include "ReplayVerb.h"
 #include "SchemaVerb.h"
 #include "Selftest.h"
@@ -11,7 +12,6 @@
 #include "StatusVerb.h"
 #include "VersionVerb.h"
 
-#include <exception>
 #include <iostream>
 
 namespace {
@@ -47,15 +47,9 @@ int Obey(const Agent::Options& options, char* const* argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
+    return Agent::ExitStatusOf([argc, argv]() -> int {
         Agent::Options options;
         int exitCode = Agent::EXIT_GOOD;
-        if (!Agent::ParseOptions(argc, argv, options, exitCode)) {
-            return exitCode;
-        }
-        return Obey(options, argv);
-    } catch (const std::exception& exception) {
-        std::cerr << "vmescape-agent: " << exception.what() << '\n';
-        return Agent::EXIT_FAILED;
-    }
+        return Agent::ParseOptions(argc, argv, options, exitCode) ? Obey(options, argv) : exitCode;
+    });
 }

@@ -364,6 +364,9 @@ int Player::Report() {
     m_summary.m_whole = m_result == Result::ENDED;
     if (m_result == Result::CUT) {
         m_summary.m_warnings.push_back(m_reader.Problem());
+    } else if (m_result == Result::ENDED && m_event.m_reason == "failed") {
+        m_summary.m_warnings.emplace_back(
+            "the recording ended early, the agent could not go on with it");
     }
     if (m_summary.m_lostAlarms > 0) {
         m_summary.m_warnings.push_back(std::to_string(m_summary.m_lostAlarms) +

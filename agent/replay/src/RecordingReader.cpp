@@ -21,6 +21,11 @@ using Agent::RecordingText;
 
 constexpr std::size_t kChunk = 65536;
 
+// No host is silent for longer, and a replay would count the days for hours. Who writes by hand may
+// have taken another unit.
+constexpr std::int64_t kLongestStepDays = 366;
+constexpr std::int64_t kUsPerDay = 86400LL * 1000000;
+
 }  // namespace
 
 RecordingReader::Result RecordingReader::Open(const std::string& path,
@@ -64,6 +69,12 @@ RecordingReader::Result RecordingReader::CheckOrder(const RecordedEvent& event) 
     const bool snapshot = event.m_kind == RecordedEvent::Kind::SNAPSHOT;
     if (event.m_at < m_lastUs) {
         return Fail(Result::BAD, "/at: expected no time before that of the line above");
+    }
+    if (m_hasSnapshot && event.m_at - m_lastUs > kLongestStepDays * kUsPerDay) {
+        return Fail(Result::BAD, "/at: expected microseconds since the epoch, at most " +
+                                     std::to_string(kLongestStepDays) +
+                                     " days after the line above, found " +
+                                     std::to_string((event.m_at - m_lastUs) / kUsPerDay) + " days");
     }
     m_lastUs = event.m_at;
     if (!snapshot && !m_hasSnapshot) {
@@ -122,7 +133,8 @@ RecordingReader::Result RecordingReader::Fill() {
         return Result::EVENT;
     }
     return m_ended ? Result::ENDED
-                   : Fail(Result::CUT, "there is no end, the agent was ended while it recorded");
+                   : Fail(Result::CUT,
+                          "there is no end, the agent was ended or could not write any more");
 }
 
 RecordingReader::Result RecordingReader::Fail(Result result, const std::string& text) {

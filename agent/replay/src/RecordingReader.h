@@ -9,8 +9,8 @@
 
 namespace Replay {
 
-/// Reads a recording, one event at a time, and sees that it is one: that time never runs backwards,
-/// that it begins with a snapshot, and that each snapshot is whole.
+/// Reads a recording, one event at a time, and sees that it is one: that time never runs backwards
+/// nor jumps by more than a year, that it begins with a snapshot, and that each snapshot is whole.
 ///
 /// Threads: one.
 class RecordingReader {

@@ -4,24 +4,29 @@
 
 #include "Options.h"
 #include "Player.h"
+#include "ProgramEnd.h"
 
-#include <exception>
 #include <iostream>
 
-int main(int argc, char** argv) {
-    try {
-        Agent::Options options;
-        int exitCode = Agent::EXIT_GOOD;
-        if (!Agent::ParseOptions(argc, argv, options, exitCode)) {
-            return exitCode;
-        }
-        if (options.m_verb != Agent::Options::Verb::REPLAY) {
-            std::cerr << "vmescape-replay: is started by \"vmescape-agent replay\" only\n";
-            return Agent::EXIT_USAGE;
-        }
-        return Replay::Player(options).Run();
-    } catch (const std::exception& exception) {
-        std::cerr << "vmescape-agent: " << exception.what() << '\n';
-        return Agent::EXIT_FAILED;
+namespace {
+
+int Play(int argc, char** argv) {
+    Agent::Options options;
+    int exitCode = Agent::EXIT_GOOD;
+    if (!Agent::ParseOptions(argc, argv, options, exitCode)) {
+        return exitCode;
     }
+    if (options.m_verb != Agent::Options::Verb::REPLAY) {
+        std::cerr << "vmescape-replay: is started by \"vmescape-agent replay\" only\n";
+        return Agent::EXIT_USAGE;
+    }
+    const int status = Replay::Player(options).Run();
+    // The summary goes there. There is nowhere left to tell that it did not arrive.
+    return status == Agent::EXIT_GOOD && !std::cerr ? Agent::EXIT_FAILED : status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return Agent::ExitStatusOf([argc, argv] { return Play(argc, argv); });
 }

@@ -435,11 +435,20 @@ TEST_F(Replay, ReplaysARecordingThatWasCutAsFarAsItGoes) {
     RunText(text);
     EXPECT_EQ(m_result.m_status, 0);
     EXPECT_EQ(Alarms().size(), 2U);
-    EXPECT_TRUE(Says("recording:5: there is no end, the agent was ended while it recorded"));
+    EXPECT_TRUE(
+        Says("recording:5: there is no end, the agent was ended or could not write any more"));
     RunText(text.substr(0, text.size() - 20));
     EXPECT_EQ(m_result.m_status, 0);
     EXPECT_EQ(Alarms().size(), 1U);
     EXPECT_TRUE(Says("warning: " + m_folder / "recording" + ":5: the line is torn"));
+}
+
+TEST_F(Replay, WarnsOfARecordingThatCouldNotBeWrittenToItsEnd) {
+    AddCommand(1, 200);
+    Add(2, Kind::END).m_reason = "failed";
+    RunText(Text());
+    EXPECT_EQ(m_result.m_status, 0);
+    EXPECT_TRUE(Says("warning: the recording ended early, the agent could not go on with it\n"));
 }
 
 TEST_F(Replay, EndsWithSixAndTheLineWhenARecordingIsBad) {

@@ -37,6 +37,14 @@ std::vector<pid_t> ChildrenOf(pid_t pid) {
     return children;
 }
 
+auto CountScratchFolders() {
+    return std::count_if(fs::directory_iterator("/tmp"), fs::directory_iterator(),
+                         [](const fs::directory_entry& entry) {
+                             return entry.path().filename().string().rfind("vmescape-learn-", 0) ==
+                                    0;
+                         });
+}
+
 Json::Value Parsed(const std::string& text) {
     Json::Value value;
     EXPECT_EQ(SDK::JsonUtils::ParseJsonStr(text.c_str(), text.length(), value), 0) << text;
@@ -260,21 +268,43 @@ TEST_F(Learn, SaysThatItMayBeTooNarrowWhenAnAgentEnds) {
     EXPECT_TRUE(fs::exists(m_drafts + '/' + Agent::PORT_POLICY_FILE));
 }
 
+TEST_F(Learn, KeepsWhatItLearnedAndCleansUpWhenNobodyReadsTheReport) {
+    const auto before = CountScratchFolders();
+    ChildProcess learn(CommandLine("1"));
+    learn.CloseOutput();
+    EXPECT_EQ(learn.Wait(kPatience), 1);
+    EXPECT_NE(learn.Errors().find("the result cannot be written to standard output"),
+              std::string::npos)
+        << learn.Errors();
+    EXPECT_TRUE(fs::exists(m_drafts + '/' + Agent::PORT_POLICY_FILE));
+    EXPECT_EQ(CountScratchFolders(), before);
+}
+
+TEST_F(Learn, LearnsTheRestWhereTheOptionalFileModuleIsMissing) {
+    const TestSupport::TemporaryFolder modules;
+    for (const fs::directory_entry& module : fs::directory_iterator(BUILD_FOLDER "/module")) {
+        if (module.path().extension() == ".so" &&
+            module.path().filename() != "libfilenotify_module.so") {
+            fs::copy(module.path(), modules / module.path().filename().string());
+        }
+    }
+    m_folder.Write("agent.json", R"({"optional_modules":["filenotify_module"],"policies":")" +
+                                     m_policies.Path() + "\"}");
+    const ChildProcess::Result result = RunFor("1", {"--modules", modules.Path()});
+    EXPECT_EQ(result.m_status, 1);
+    EXPECT_NE(result.m_output.find("files were not learned"), std::string::npos) << result.m_errors;
+    EXPECT_TRUE(fs::exists(m_drafts + '/' + Agent::PORT_POLICY_FILE));
+}
+
 TEST_F(Learn, LeavesNothingBehindWhenItIsInterruptedBeforeItBegins) {
-    const auto count = [](const std::string& beginning) {
-        return std::count_if(fs::directory_iterator("/tmp"), fs::directory_iterator(),
-                             [&](const fs::directory_entry& entry) {
-                                 return entry.path().filename().string().rfind(beginning, 0) == 0;
-                             });
-    };
-    const auto before = count("vmescape-learn-");
+    const auto before = CountScratchFolders();
     ChildProcess learn(CommandLine("1h"));
     EXPECT_TRUE(TestSupport::WaitUntil([&] { return !ChildrenOf(learn.Pid()).empty(); }));
     learn.Signal(SIGTERM);
     EXPECT_EQ(learn.Wait(kPatience), 1);
     EXPECT_NE(learn.Errors().find("interrupted, nothing was learned"), std::string::npos)
         << learn.Errors();
-    EXPECT_EQ(count("vmescape-learn-"), before);
+    EXPECT_EQ(CountScratchFolders(), before);
     EXPECT_TRUE(fs::is_empty(m_drafts));
 }
 

@@ -38,7 +38,10 @@ before=$(sha256sum <"$work/root$policy")
 inside dpkg -i --force-confold /package.deb
 [ "$(sha256sum <"$work/root$policy")" = "$before" ] || fail 'a changed policy was replaced'
 
+mkdir -p "$work/root/run/vmescape"
+touch "$work/root/run/vmescape/left"
 inside dpkg -r vmescape-agent
+[ ! -e "$work/root/run/vmescape" ] || fail 'the folder of the sockets is still there'
 [ ! -e "$work/root/usr/lib/vmescape" ] || fail 'the program is still there'
 [ -e "$work/root$policy" ] || fail 'removing took the policies along'
 

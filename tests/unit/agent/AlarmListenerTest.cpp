@@ -22,12 +22,12 @@ constexpr const char* kRunning = "echo 'it is running, 1 policies read' >&2\n";
 class Listener : public testing::Test {
 protected:
     /// Starts a script in the agent's place, and waits until it says that it runs.
-    void Start(const std::string& script) {
+    void Start(const std::string& script, bool directories = false) {
         const std::string program =
             m_folder.Write("agent", std::string("#!/bin/sh\n") + kRunning + script);
         ASSERT_EQ(::chmod(program.c_str(), S_IRWXU), 0);
         m_listener = std::make_unique<AlarmListener>(
-            Agent::ChildAgent::Setup{program, "", 1, false, m_folder / "status"},
+            Agent::ChildAgent::Setup{program, "", 1, directories, m_folder / "status"},
             [this](const Json::Value& alarm) {
                 m_alarms.push_back(alarm["n"].asInt());
                 return m_alarms.back() > 0;
@@ -130,6 +130,16 @@ TEST_F(Listener, NotesLossesAndTroubles) {
     EXPECT_EQ(m_listener->Missed(),
               (Texts{"the agent was degraded: no BPF",
                      "process_events were lost: behind 1, other 2", "b_task lost 6 messages"}));
+}
+
+TEST_F(Listener, NotesThatTheAgentWatchesNoFiles) {
+    Start(
+        "echo 'Module(filenotify_module) is optional, the agent goes on without it' >&2\n"
+        "read line\n",
+        true);
+    EXPECT_EQ(m_listener->Missed(),
+              Texts{"files were not learned: filenotify_module is optional, and the agent runs "
+                    "without it"});
 }
 
 TEST_F(Listener, NotesThatNobodyAnswers) {

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 class CheckVerb : public testing::Test {
@@ -34,6 +36,15 @@ TEST_F(CheckVerb, NamesGoodFilesOnStandardOutputAndProblemsOnStandardError) {
     EXPECT_NE(m_complaint.find(m_bad + ": "), std::string::npos);
     m_options.m_files = {m_good};
     EXPECT_EQ(Check(), Agent::EXIT_GOOD);
+}
+
+TEST_F(CheckVerb, ShowsNothingOfANameUnescaped) {
+    ASSERT_EQ(::mkdir((m_folder / "a\x1b[31m").c_str(), 0700), 0);
+    m_options.m_files = {
+        m_folder.Write("a\x1b[31m/qemu_port_detect_feature.json", TestSupport::ReadText(m_good))};
+    EXPECT_EQ(Check(), Agent::EXIT_GOOD);
+    EXPECT_NE(m_output.find("/a\\x1b[31m/qemu_port_detect_feature.json: good\n"), std::string::npos)
+        << m_output;
 }
 
 TEST_F(CheckVerb, PrintsAllOfItAsOneDocumentWhenAskedTo) {

@@ -59,6 +59,42 @@ TEST(ChildAgent, IsNotWaitedForWhenItHasNoDirectories) {
     EXPECT_EQ(agent.Wait(false), Agent::EXIT_GOOD);
 }
 
+TEST(ChildAgent, IsNotWaitedForWhenItGoesOnWithoutFiles) {
+    for (const std::string why :
+         {"is optional and does not start(-1), the agent goes on without it",
+          "is optional, the agent goes on without it"}) {
+        StandIn agent(
+            "echo 'Module(filenotify_module) " + why +
+            "' >&2\n"
+            "echo 'vmescape-agent 1 is running, 2 policies read from x' >&2; read line\n");
+        EXPECT_EQ(agent.Wait(true), Agent::EXIT_GOOD) << why;
+        EXPECT_TRUE(agent.m_agent->MissesFiles()) << why;
+        EXPECT_EQ(agent.Wait(false), Agent::EXIT_GOOD);
+        EXPECT_FALSE(agent.m_agent->MissesFiles()) << "it was to watch none";
+    }
+}
+
+TEST(ChildAgent, IsWaitedForWhenItGoesOnWithoutAnotherModule) {
+    StandIn agent(
+        "echo 'Module(net_collect_module) is optional, the agent goes on without it' >&2\n"
+        "echo 'vmescape-agent 1 is running, 2 policies read from x' >&2\n"
+        "echo '3 directories are watched.' >&2; read line\n");
+    EXPECT_EQ(agent.Wait(true), Agent::EXIT_GOOD);
+    EXPECT_FALSE(agent.m_agent->MissesFiles());
+}
+
+TEST(ChildAgent, LeavesTimeForSomethingElseWhileItStarts) {
+    StandIn agent(
+        "read go\n"
+        "echo 'vmescape-agent 1 is running, 2 policies read from x' >&2; read line\n");
+    const Agent::ChildAgent::Setup setup{agent.m_path, "POLICIES", 2, false, "STATUS"};
+    ChildAgent starting(setup);
+    std::string wrong;
+    EXPECT_EQ(starting.WaitUntilItWatches(seconds(20), wrong,
+                                          [&starting] { starting.Program().Write("go"); }),
+              Agent::EXIT_GOOD);
+}
+
 TEST(ChildAgent, HasNotStartedWithoutItsPolicies) {
     StandIn agent(
         "echo 'vmescape-agent 1 is running, 1 policies read from x' >&2\n"
@@ -100,12 +136,12 @@ TEST(ChildAgent, IsNotWaitedForWhenTheInterruptionCameBefore) {
     EXPECT_EQ(ready.m_wrong, "interrupted");
 }
 
-TEST(ChildAgent, IsGivenItsFolderItsStatusAndMore) {
+TEST(ChildAgent, IsGivenItsFolderItsStatusAndMoreButNoRecording) {
     StandIn agent("echo \"$*\" >&2; exit 0\n");
     agent.Wait(true);
     EXPECT_EQ(agent.m_errors,
               "run -o a=b --policies POLICIES --output json:stdout --log-level information -o "
-              "status.socket=STATUS\n");
+              "status.socket=STATUS -o record.file=\n");
 }
 
 }  // namespace

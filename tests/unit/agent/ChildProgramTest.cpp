@@ -82,6 +82,12 @@ TEST(ChildProgram, EndsHoweverEarlyItIsAskedTo) {
     EXPECT_FALSE(Agent::Interruption::Came());
 }
 
+TEST(ChildProgram, IsEndedByABrokenPipeThoughThisProgramIsNot) {
+    const Agent::Interruption interruption;
+    Shell shell("kill -PIPE $$; exit 3");
+    EXPECT_EQ(shell.Wait(Soon()), 128 + SIGPIPE);
+}
+
 TEST(ChildProgram, TellsByItsDescriptorsThatSomethingCame) {
     Shell shell("read line; echo text >&2; read line");
     const std::array<int, 2> descriptors = shell.Descriptors();

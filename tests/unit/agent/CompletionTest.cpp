@@ -16,12 +16,14 @@ namespace {
 
 using Words = std::set<std::string>;
 
-/// What is offered behind a line that ends where it is typed.
-Words Complete(const std::string& line, const std::string& folder = "/") {
+/// Runs the completion behind a line that ends where it is typed.
+/// @param print  what is printed of it
+Words Run(const std::string& line, const std::string& folder, const std::string& print) {
     const std::string script =
         "source " SOURCE_FOLDER
-        "/packaging/completion.bash; cd \"$2\"; COMP_LINE=$1 COMP_POINT=${#1}; "
-        "_vmescape_agent; printf '%s\\n' \"${COMPREPLY[@]}\"";
+        "/packaging/completion.bash; cd \"$2\"; COMP_LINE=$1 COMP_POINT=${#1} told=; "
+        "compopt() { told+=\"$2 \"; }; _vmescape_agent; " +
+        print;
     const TestSupport::ChildProcess::Result result = TestSupport::ChildProcess::Run(
         {"bash", "-u", "-c", script, "bash", "vmescape-agent " + line, folder});
     EXPECT_EQ(result.m_status, 0);
@@ -34,6 +36,14 @@ Words Complete(const std::string& line, const std::string& folder = "/") {
     words.erase("");
     return words;
 }
+
+/// What is offered.
+Words Complete(const std::string& line, const std::string& folder = "/") {
+    return Run(line, folder, "printf '%s\\n' \"${COMPREPLY[@]}\"");
+}
+
+/// What bash is told of the words that are offered.
+Words Told(const std::string& line) { return Run(line, "/", "printf '%s\\n' $told"); }
 
 /// The outputs that the help of "run" lists, up to where the user's own part begins.
 Words OutputsOf(const std::string& help) {
@@ -52,7 +62,7 @@ TEST(Completion, IsKnownToBash) {
     const TestSupport::ChildProcess::Result result = TestSupport::ChildProcess::Run(
         {"bash", "-c",
          "source " SOURCE_FOLDER "/packaging/completion.bash; complete -p vmescape-agent"});
-    EXPECT_EQ(result.m_output, "complete -o filenames -F _vmescape_agent vmescape-agent\n");
+    EXPECT_EQ(result.m_output, "complete -F _vmescape_agent vmescape-agent\n");
 }
 
 TEST(Completion, OffersVerbs) {
@@ -123,6 +133,30 @@ TEST(Completion, OffersOutputsPieceByPiece) {
     const TestSupport::TemporaryFolder folder;
     folder.Write("alarms", "");
     EXPECT_EQ(Complete("run --output text:file:", folder.Path()), Words{"alarms"});
+}
+
+TEST(Completion, SaysWhatIsAPathAndWhatIsNot) {
+    for (const char* paths :
+         {"run --config /e", "run --policies /e", "check /e", "replay /e", "run --output file:/e",
+          "run --output json:file:/e", "run --output syslog:unix:/d"}) {
+        EXPECT_EQ(Told(paths).count("filenames"), 1U) << paths;
+    }
+    for (const char* words : {"", "run --", "run --output js", "run --output json:",
+                              "run --output json:s", "metrics --listen u", "schema a"}) {
+        EXPECT_EQ(Told(words).count("filenames"), 0U) << words;
+    }
+    EXPECT_EQ(Told("run --output js"), Words{"nospace"});
+    EXPECT_EQ(Told("metrics --listen u"), Words{"nospace"});
+}
+
+/// To bash such a colon is part of the word, which is replaced from its beginning.
+TEST(Completion, TakesAColonWithABackslashForAColon) {
+    const TestSupport::TemporaryFolder folder;
+    folder.Write("alarms", "");
+    EXPECT_EQ(Complete("run --output json\\:stdo"), Words{"json:stdout"});
+    EXPECT_EQ(Complete("run --output json\\:syslog:u"), Words{"unix:"});
+    EXPECT_EQ(Complete("run --output text:file\\:", folder.Path()), Words{"file:alarms"});
+    EXPECT_EQ(Complete("run --output text:file:al", folder.Path()), Words{"alarms"});
 }
 
 }  // namespace

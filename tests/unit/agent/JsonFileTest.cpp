@@ -77,6 +77,18 @@ TEST_F(JsonFile, ThatIsNotJsonIsToldWithLineAndColumn) {
     EXPECT_EQ(text.find('\n'), std::string::npos) << text;
 }
 
+TEST_F(JsonFile, InWhichAKeyStandsTwiceIsRefusedWithItsNameAndPlace) {
+    EXPECT_EQ(Complaint("{\"b\":{\n\"list\":[1],\"x\":2,\n  \"list\":[]}}"),
+              "expected JSON: * Line 3, Column 3   Duplicate key: 'list'");
+    Json::Value object;
+    std::vector<Problem> problems;
+    EXPECT_TRUE(Agent::ParseObject("f", R"({"a":{"a":[{"a":1},{"a":2}]}})", object, problems));
+}
+
+TEST_F(JsonFile, WithAZeroByteIsRefused) {
+    EXPECT_EQ(Complaint(std::string("{}\0{", 4)), "expected JSON: zero byte at offset 2");
+}
+
 TEST_F(JsonFile, ThatHoldsNoObjectIsRefused) {
     EXPECT_EQ(Complaint(" \n\t"), "expected a JSON object, found an empty file");
     EXPECT_EQ(Complaint("[]"), "expected a JSON object, found an empty list");

@@ -60,7 +60,8 @@ TEST_F(Report, TellsWhatWasLearnedOfEachProgram) {
               "each entry.\n"
               "Then try them beside the agent that runs, and put them into force:\n"
               "    vmescape-agent check drafts/*.json\n"
-              "    vmescape-agent run --policies drafts -o status.socket=\n"
+              "    vmescape-agent run --policies drafts --output text:stdout -o status.socket= "
+              "-o record.file=\n"
               "    cp drafts/*.json /etc/vmescape/policies/\n"
               "The agent that runs reads them as soon as they are there.\n");
 }

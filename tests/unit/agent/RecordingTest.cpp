@@ -128,20 +128,36 @@ TEST_F(Recording, EndsWhenItIsFullAndSaysSo) {
     EXPECT_EQ(m_recording->GetLedger().m_trouble, "") << "it did what it was told to";
 }
 
+/// The file system has no room for more of a file while it lives.
+class SmallFiles {
+public:
+    explicit SmallFiles(std::uint64_t bytes) : m_handler(::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &m_limit);
+        const rlimit small{bytes, m_limit.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~SmallFiles() {
+        ::setrlimit(RLIMIT_FSIZE, &m_limit);
+        ::signal(SIGXFSZ, m_handler);
+    }
+    SmallFiles(const SmallFiles&) = delete;
+    SmallFiles& operator=(const SmallFiles&) = delete;
+
+private:
+    void (*const m_handler)(int);
+    rlimit m_limit{};
+};
+
 TEST_F(Recording, EndsWhenItCannotBeWrittenAndCountsWhatIsLost) {
     Open();
     m_recording->Add(Exit(1));
     m_recording->Flush();
     m_recording->Add(Exit(2));
     m_recording->Add(Exit(3));
-    const auto old = ::signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{};
-    ::getrlimit(RLIMIT_FSIZE, &limit);
-    const rlimit small{TestSupport::ReadText(m_path).size() + 10, limit.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &small);
-    m_recording->Flush();
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    ::signal(SIGXFSZ, old);
+    {
+        const SmallFiles small(TestSupport::ReadText(m_path).size() + 10);
+        m_recording->Flush();
+    }
     EXPECT_TRUE(m_recording->Ended());
     m_recording->Add(Exit(4));
     ExpectBooks(1, 1, 2);
@@ -149,6 +165,23 @@ TEST_F(Recording, EndsWhenItCannotBeWrittenAndCountsWhatIsLost) {
     const std::string trouble = "Recording(" + m_path + ") cannot be written: File too large";
     EXPECT_EQ(m_recording->GetLedger().m_trouble, trouble);
     EXPECT_EQ(m_log.Count(Poco::Message::PRIO_ERROR, trouble + ". The recording ends."), 1U);
+}
+
+TEST_F(Recording, SaysAtItsEndThatItCouldNotBeWrittenWhereThereIsRoomForThat) {
+    Open();
+    m_recording->Flush();
+    for (int pid = 0; pid < 100; ++pid) {
+        m_recording->Add(Exit(pid));
+    }
+    {
+        const SmallFiles small(TestSupport::ReadText(m_path).size() + 200);
+        m_recording->Flush();
+    }
+    const auto events = Events();
+    ASSERT_EQ(events.size(), 1U) << "what was torn was taken back";
+    EXPECT_EQ(events[0].m_kind, Kind::END);
+    EXPECT_EQ(events[0].m_reason, "failed");
+    ExpectBooks(0, 0, 100);
 }
 
 TEST_F(Recording, LeavesOutALineThatNobodyWouldRead) {

@@ -160,6 +160,16 @@ TEST_F(Settings, TheCommandLineIsToldWhatIsWrong) {
               "trace, found \"loud\"");
 }
 
+TEST_F(Settings, NumbersOfTheCommandLineAreDigitsAndNothingElse) {
+    for (const char* text : {"1,5", "1 5", " 5", "5 ", "+5", "-0", "0x5", "5.", "", "99999999999",
+                             "18446744073709551621"}) {
+        EXPECT_NE(m_settings.Set("record.megabytes", text), "") << text;
+        EXPECT_NE(m_settings.Set("cpu_share", text), "") << text;
+    }
+    EXPECT_EQ(m_settings.Set("record.megabytes", "15"), "");
+    EXPECT_EQ(m_settings.GetInt("record.megabytes"), 15);
+}
+
 TEST_F(Settings, ReachTheModulesAsTheyWereSet) {
     Load(R"({"report": {"queue": 5}})");
     m_settings.Set("process_collect.source", "bpf");

@@ -64,6 +64,16 @@ TEST_F(StatusVerb, EndsWithOneWhenWhatAnswersIsNoAgent) {
     }
 }
 
+TEST_F(StatusVerb, EndsWithOneWhenTheAgentDiesInTheMiddleOfItsAnswer) {
+    const std::string whole = kDocument;
+    for (const std::size_t length : {std::size_t{1}, whole.length() / 2, whole.length() - 1}) {
+        EXPECT_EQ(AskWhileAnswering(whole.substr(0, length)), Agent::EXIT_FAILED) << length;
+        EXPECT_EQ(m_complaint,
+                  "vmescape-agent: the answer of the agent at " + m_options.m_socket + " is cut\n");
+        EXPECT_EQ(m_output, "");
+    }
+}
+
 TEST_F(StatusVerb, PrintsWhatTheAgentComplainsOf) {
     EXPECT_EQ(AskWhileAnswering(R"({"error":"no \u001b[31m way"})"), Agent::EXIT_FAILED);
     EXPECT_NE(m_complaint.find(" says: no \\x1b[31m way\n"), std::string::npos) << m_complaint;

@@ -86,7 +86,7 @@ TEST_F(RecordingReader, TakesALastLineWithoutItsEnd) {
 TEST_F(RecordingReader, TellsOfARecordingWhoseAgentWasKilled) {
     EXPECT_EQ(Read(Text({kHeader, kSnapshot, kExit})), Result::CUT);
     EXPECT_EQ(m_events, 2);
-    EXPECT_EQ(Problem(), "3: there is no end, the agent was ended while it recorded");
+    EXPECT_EQ(Problem(), "3: there is no end, the agent was ended or could not write any more");
 }
 
 TEST_F(RecordingReader, ReadsUpToALineThatIsTorn) {
@@ -133,6 +133,20 @@ TEST_F(RecordingReader, RefusesATimeThatRunsBackwards) {
                          "\n"})),
               Result::BAD);
     EXPECT_EQ(Problem(), "3: /at: expected no time before that of the line above");
+}
+
+TEST_F(RecordingReader, RefusesATimeThatJumpsByMoreThanAYear) {
+    const auto exit = [](std::int64_t at) {
+        return R"({"at":)" + std::to_string(at) + R"(,"event":"exit","pid":7})" + '\n';
+    };
+    constexpr std::int64_t kMost = 5 + 366LL * 86400 * 1000000;
+    EXPECT_EQ(Read(Text({kHeader, kSnapshot}) + exit(kMost)), Result::CUT);
+    EXPECT_EQ(m_events, 2);
+    EXPECT_EQ(Read(Text({kHeader, kSnapshot}) + exit(1763711565000000)), Result::BAD);
+    EXPECT_EQ(Problem(),
+              "3: /at: expected microseconds since the epoch, at most 366 days after the line "
+              "above, found 20413 days");
+    EXPECT_EQ(Read(Text({kHeader, kSnapshot}) + exit(kMost + 1)), Result::BAD);
 }
 
 TEST_F(RecordingReader, RefusesARecordingThatDoesNotBeginWithASnapshot) {
