@@ -158,14 +158,14 @@ void AlarmSpool::ReadPosition() {
 
 void AlarmSpool::CountDocuments() {
     std::uint64_t from = m_offset;
-    for (const Segment& segment : m_segments) {
+    for (Segment& segment : m_segments) {
         std::ifstream file(PathOf(segment), std::ios::binary);
         file.seekg(static_cast<std::streamoff>(std::exchange(from, 0)));
         for (std::string line; std::getline(file, line);) {
-            ++m_count;
+            ++segment.m_documents;
         }
     }
-    Drop(0);  // of what has wholly arrived nothing is kept
+    RemoveFinished();
 }
 
 std::size_t AlarmSpool::Append(const std::deque<std::string>& documents, std::string& why) {
@@ -180,7 +180,6 @@ std::size_t AlarmSpool::Append(const std::deque<std::string>& documents, std::st
         SDK::LogWarning(GetDataCommLogger(), "Spool file(%s) may not survive a loss of power: %s",
                         PathOf(m_segments.back()), Poco::Error::getMessage(errno));
     }
-    m_count += done;
     return done;
 }
 
@@ -201,6 +200,7 @@ bool AlarmSpool::AppendText(const std::string& text, std::string& why) {
         return false;
     }
     tail.m_bytes += text.size();
+    ++tail.m_documents;
     return true;
 }
 
@@ -209,10 +209,10 @@ bool AlarmSpool::OpenTail(std::string& why) {
     if (!m_segments.empty() && m_segments.back().m_bytes >= m_limit / kSegments) {
         ::fdatasync(m_tail.Get());
         m_tail.Reset();
-        m_segments.push_back({++m_lastNumber, 0});
+        m_segments.push_back({++m_lastNumber, 0, 0});
     }
     if (m_segments.empty()) {
-        m_segments.push_back({++m_lastNumber, 0});
+        m_segments.push_back({++m_lastNumber, 0, 0});
     }
     if (!m_tail) {
         const std::string path = PathOf(m_segments.back());
@@ -233,7 +233,12 @@ std::vector<std::string> AlarmSpool::Peek(std::size_t most, std::string& why) co
     const std::string path = PathOf(m_segments.front());
     std::ifstream file(path, std::ios::binary);
     file.seekg(static_cast<std::streamoff>(m_offset));
-    for (std::string line; documents.size() < most && std::getline(file, line);) {
+    std::string line;
+    for (std::size_t passed = 0; passed < m_passed && std::getline(file, line);) {
+        ++passed;
+    }
+    while (documents.size() < std::min(most, m_segments.front().m_documents) &&
+           std::getline(file, line)) {
         documents.push_back(std::move(line));
     }
     if (documents.empty()) {
@@ -243,33 +248,59 @@ std::vector<std::string> AlarmSpool::Peek(std::size_t most, std::string& why) co
 }
 
 std::size_t AlarmSpool::Clear() {
+    const std::size_t count = Count();
     m_tail.Reset();
     for (const Segment& segment : m_segments) {
         ::unlink(PathOf(segment).c_str());
     }
     m_segments.clear();
     m_offset = 0;
-    return std::exchange(m_count, 0);
+    m_passed = 0;
+    return count;
 }
 
 void AlarmSpool::Drop(std::size_t count) {
-    if (count > 0) {
-        m_count -= count;
-        std::ifstream file(PathOf(m_segments.front()), std::ios::binary);
-        file.seekg(static_cast<std::streamoff>(m_offset));
-        for (std::string line; count > 0 && std::getline(file, line); --count) {
-            m_offset += line.size() + 1;
-        }
+    while (count > 0 && !m_segments.empty() && m_segments.front().m_documents > 0) {
+        Segment& front = m_segments.front();
+        const std::size_t passed = std::min(count, front.m_documents);
+        count -= passed;
+        front.m_documents -= passed;
+        m_passed += passed;
+        MoveOffset();
+        // Before the segment goes: an agent that is killed between the two leaves one of which all
+        // has arrived.
         NotePosition();
+        RemoveFinished();
     }
-    while (!m_segments.empty() && m_offset >= m_segments.front().m_bytes &&
-           (m_segments.size() > 1 || IsEmpty())) {
+}
+
+/// Moves the offset behind what has arrived. Where the file cannot be read it stays, and the next
+/// one that reads goes on from there.
+void AlarmSpool::MoveOffset() {
+    const Segment& front = m_segments.front();
+    if (front.m_documents == 0) {
+        m_offset = front.m_bytes;
+        m_passed = 0;
+        return;
+    }
+    std::ifstream file(PathOf(front), std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(m_offset));
+    for (std::string line; m_passed > 0 && std::getline(file, line); --m_passed) {
+        m_offset += line.size() + 1;
+    }
+}
+
+/// Removes the segments of which all has arrived.
+void AlarmSpool::RemoveFinished() {
+    while (!m_segments.empty() && m_segments.front().m_documents == 0 &&
+           m_offset >= m_segments.front().m_bytes) {
         if (m_segments.size() == 1) {
             m_tail.Reset();
         }
         ::unlink(PathOf(m_segments.front()).c_str());
         m_segments.pop_front();
         m_offset = 0;
+        m_passed = 0;
     }
 }
 
@@ -286,6 +317,14 @@ void AlarmSpool::NotePosition() const {
                         "start.",
                         path, Poco::Error::getMessage(errno));
     }
+}
+
+std::size_t AlarmSpool::Count() const {
+    std::size_t count = 0;
+    for (const Segment& segment : m_segments) {
+        count += segment.m_documents;
+    }
+    return count;
 }
 
 std::uint64_t AlarmSpool::Bytes() const {

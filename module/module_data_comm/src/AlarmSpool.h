@@ -41,20 +41,20 @@ public:
     /// @param why  set when there should be, but they cannot be read
     std::vector<std::string> Peek(std::size_t most, std::string& why) const;
 
-    /// Forgets the oldest documents, which have arrived.
-    /// @param count  not more than the last Peek gave
+    /// Forgets the oldest documents, which have arrived, in as many segments as they lie.
     void Drop(std::size_t count);
 
     /// Forgets everything. @return how many documents that were
     std::size_t Clear();
 
-    std::size_t Count() const { return m_count; }
-    bool IsEmpty() const { return m_count == 0; }
+    std::size_t Count() const;
+    bool IsEmpty() const { return Count() == 0; }
 
 private:
     struct Segment {
         std::uint64_t m_number = 0;
         std::uint64_t m_bytes = 0;
+        std::size_t m_documents = 0;  // that wait
     };
 
     AlarmSpool(std::string folder, std::string name, std::uint64_t limit);
@@ -66,6 +66,8 @@ private:
     bool MendTail(Segment& segment);
     bool OpenTail(std::string& why);
     bool AppendText(const std::string& text, std::string& why);
+    void MoveOffset();
+    void RemoveFinished();
     void NotePosition() const;
     std::uint64_t Bytes() const;
     std::string PathOf(const Segment& segment) const;
@@ -78,7 +80,7 @@ private:
     // must not be taken for one about a later segment.
     std::uint64_t m_lastNumber = 0;
     std::uint64_t m_offset = 0;  // in the oldest: what has arrived
-    std::size_t m_count = 0;     // documents that wait
+    std::size_t m_passed = 0;    // documents behind the offset that have arrived all the same
     SDK::UniqueDescriptor m_lock;
     SDK::UniqueDescriptor m_tail;  // the newest segment
 };

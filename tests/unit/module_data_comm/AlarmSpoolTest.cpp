@@ -31,6 +31,25 @@ protected:
         std::string why;
         return spool.Peek(most, why);
     }
+    /// Everything, which is taken out.
+    static Texts All(AlarmSpool& spool) {
+        Texts all;
+        for (Texts front = Front(spool); !front.empty(); front = Front(spool)) {
+            all.insert(all.end(), front.begin(), front.end());
+            spool.Drop(front.size());
+        }
+        return all;
+    }
+    static std::deque<std::string> Numbers(int begin, int end) {
+        std::deque<std::string> texts;
+        for (int i = begin; i < end; ++i) {
+            texts.push_back(std::to_string(i));
+        }
+        return texts;
+    }
+    static Texts TextsOf(const std::deque<std::string>& documents) {
+        return {documents.begin(), documents.end()};
+    }
     std::size_t Files() const {
         std::size_t count = 0;
         for (const auto& entry : std::filesystem::directory_iterator(m_folder / "spool")) {
@@ -111,6 +130,43 @@ TEST_F(Spool, SpreadsOverSegmentsThatGoAsTheyArrive) {
         EXPECT_EQ(Files(), files - 1);
     }
     EXPECT_EQ(seen, 50U);
+}
+
+TEST_F(Spool, DropsWhatLiesInSeveralSegments) {
+    const auto spool = Open(240);
+    Put(*spool, Numbers(100, 150));
+    ASSERT_GT(Files(), 3U);
+    spool->Drop(60);  // as many as there are, and not more
+    EXPECT_EQ(spool->Count(), 0U);
+    EXPECT_EQ(Files(), 0U);
+
+    Put(*spool, Numbers(200, 250));
+    spool->Drop(33);
+    EXPECT_EQ(spool->Count(), 17U);
+    EXPECT_EQ(All(*spool), TextsOf(Numbers(233, 250)));
+    EXPECT_EQ(Files(), 0U);
+}
+
+TEST_F(Spool, NotesHowFarItIsInTheSegmentThatADropEndsIn) {
+    {
+        const auto spool = Open(240);
+        Put(*spool, Numbers(100, 150));
+        spool->Drop(33);
+    }
+    const auto spool = Open(240);
+    EXPECT_EQ(spool->Count(), 17U);
+    EXPECT_EQ(All(*spool), TextsOf(Numbers(133, 150)));
+}
+
+TEST_F(Spool, OfAnAgentThatWasKilledBeforeAFinishedSegmentWasGoneGivesNothingTwice) {
+    Put(*Open(240), Numbers(100, 150));
+    const auto size = std::filesystem::file_size(m_folder / "spool/place.1.jsonl");
+    m_folder.Write("spool/place.position", "1 " + std::to_string(size) + '\n');
+    const auto spool = Open(240);
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "spool/place.1.jsonl"));
+    const std::size_t gone = size / 4;
+    EXPECT_EQ(spool->Count(), 50 - gone);
+    EXPECT_EQ(All(*spool), TextsOf(Numbers(100 + static_cast<int>(gone), 150)));
 }
 
 TEST_F(Spool, LeavesOutTheHalfLineOfAnAgentThatWasKilled) {
