@@ -62,11 +62,16 @@ public:
     SDK::Ledger GetLedger() const;
 
 private:
+    // Between two tries, the first time.
+    static constexpr std::chrono::milliseconds FIRST_PAUSE{100};
+
     void Run();
     void TakeOverSpool();
+    void NoteFound(std::size_t count);
     bool Take();
     bool WaitForWork();
     void TakeFromSpool();
+    void GiveUpSegment(const std::string& why);
     void TakeFromQueue();
     void AddToHand(std::string document);
     void WriteHand();
@@ -92,6 +97,7 @@ private:
     std::vector<OutgoingAlarm> m_hand;
     bool m_handIsSpooled = false;
     bool m_spoolFails = false;
+    std::chrono::milliseconds m_spoolPause = FIRST_PAUSE;  // until the spool is read again
 
     mutable SDK::Mutex m_mutex;
     std::condition_variable_any m_changed;

@@ -37,9 +37,17 @@ public:
     /// @return how many were, from the first on
     std::size_t Append(const std::deque<std::string>& documents, std::string& why);
 
-    /// The oldest documents: at least one when there is any.
-    /// @param why  set when there should be, but they cannot be read
-    std::vector<std::string> Peek(std::size_t most, std::string& why) const;
+    /// What became of a look into the oldest segment: DONE; FAILED where it cannot be read now, as
+    /// without a free descriptor, but may be later; LOST where there is nothing in it any more.
+    enum class Reading { DONE, FAILED, LOST };
+
+    /// The oldest documents: at least one when there is any, and it can be read. A segment that
+    /// could not be read when the spool was opened is counted here when it is its turn.
+    /// @param why  set when it is not DONE
+    Reading Peek(std::size_t most, std::vector<std::string>& documents, std::string& why);
+
+    /// Forgets the oldest segment, which is LOST. @return how many documents it should have had
+    std::size_t GiveUpSegment();
 
     /// Forgets the oldest documents, which have arrived, in as many segments as they lie.
     void Drop(std::size_t count);
@@ -47,25 +55,28 @@ public:
     /// Forgets everything. @return how many documents that were
     std::size_t Clear();
 
+    /// How many documents wait, as far as their segments could be read.
     std::size_t Count() const;
-    bool IsEmpty() const { return Count() == 0; }
+    bool IsEmpty() const;
 
 private:
     struct Segment {
         std::uint64_t m_number = 0;
         std::uint64_t m_bytes = 0;
         std::size_t m_documents = 0;  // that wait
+        bool m_counted = false;       // it could be read, or is of this agent
     };
 
     AlarmSpool(std::string folder, std::string name, std::uint64_t limit);
 
     bool Lock(std::string& why);
-    void FindSegments();
-    void ReadPosition();
+    bool FindSegments(std::string& why);
+    bool ReadPosition(std::string& why);
     void CountDocuments();
-    bool MendTail(Segment& segment);
+    int CountIn(Segment& segment, std::uint64_t offset);
     bool OpenTail(std::string& why);
     bool AppendText(const std::string& text, std::string& why);
+    int ReadFront(std::size_t most, std::vector<std::string>& documents);
     void MoveOffset();
     void RemoveFinished();
     void NotePosition() const;
@@ -83,6 +94,7 @@ private:
     std::size_t m_passed = 0;    // documents behind the offset that have arrived all the same
     SDK::UniqueDescriptor m_lock;
     SDK::UniqueDescriptor m_tail;  // the newest segment
+    bool m_tailIsTorn = false;     // what is put behind its end may not begin a line
 };
 
 }  // namespace Engine

@@ -403,6 +403,47 @@ TEST_F(AlarmSinkWithASpool, CountsWhatSomebodyTookAwayFromTheDisk) {
     EXPECT_TRUE(m_log.Contains("alarms of its spool: spool file("));
 }
 
+TEST_F(AlarmSinkWithASpool, KeepsWhatItCannotReadAndSendsItWhenItCan) {
+    m_place.Take(0);
+    {
+        const auto sink = Sink();
+        OfferAll(*sink, Numbers(0, 20));
+        sink->Stop();
+    }
+    const std::string segment = m_folder / "place.1.jsonl";
+    std::filesystem::rename(segment, m_folder / "away");
+    std::filesystem::create_directory(segment);
+    m_place.Take(-1);
+    const auto sink = Sink();
+    OfferAll(*sink, Numbers(20, 25));
+    ASSERT_TRUE(WaitUntil([&] { return !BooksOf(*sink).m_trouble.empty(); }));
+    EXPECT_EQ(BooksOf(*sink).m_trouble, "Output(place) cannot be written: spool file(" + segment +
+                                            ") cannot be read: Is a directory");
+    std::filesystem::remove(segment);
+    std::filesystem::rename(m_folder / "away", segment);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 25; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 25));
+    EXPECT_EQ(BooksOf(*sink).m_seen, 25U) << "with those from before, counted late";
+    EXPECT_EQ(Latency(*sink).Count(), 5U);
+    EXPECT_EQ(Failed(*sink), 0U);
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_trouble.empty(); }));
+}
+
+TEST_F(AlarmSinkWithASpool, LosesNoMoreThanTheSegmentThatSomebodyTookAway) {
+    m_place.Take(0);
+    const auto sink = Sink(1000);
+    OfferAll(*sink, Kilobytes(0, 300));
+    ASSERT_TRUE(WaitUntil([&] { return Segments() == 3; }));
+    const std::string segment = m_folder / "place.2.jsonl";
+    const std::uint64_t held = std::filesystem::file_size(segment) / 1025;
+    ASSERT_TRUE(std::filesystem::remove(segment));
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_waiting == 0; }));
+    EXPECT_EQ(Failed(*sink), held);
+    EXPECT_EQ(Written(*sink), 300 - held);
+    EXPECT_EQ(m_place.Taken().back(), Kilobytes(299, 300).front());
+}
+
 TEST(AlarmSink, TellsHowLongAlarmsTookFromTheirOfferToTheirArrival) {
     const TestSupport::CapturedLog log;
     ScriptedWriter::Place place;
