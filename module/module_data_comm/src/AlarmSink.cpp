@@ -238,6 +238,9 @@ void AlarmSink::AddToHand(std::string document) {
 void AlarmSink::WriteHand() {
     std::chrono::milliseconds pause = FIRST_PAUSE;
     while (!m_hand.empty()) {
+        if (IsInTrouble()) {
+            Spill();  // a try may last; only what comes during it is not on disk
+        }
         std::string why;
         const std::size_t done = m_writer->Write(m_hand, why);
         SettleFirst(done);
@@ -378,6 +381,11 @@ void AlarmSink::Prepare() {
         // Elsewhere only an alarm that was written shows that the next one will be.
         NoteRecovery();
     }
+}
+
+bool AlarmSink::IsInTrouble() const {
+    const SDK::LockGuard lock(m_mutex);
+    return !m_trouble.empty();
 }
 
 void AlarmSink::NoteRecovery() {

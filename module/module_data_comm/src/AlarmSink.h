@@ -26,7 +26,7 @@ namespace Engine {
 ///
 /// A sink with a spool puts what waits for a place in trouble on disk, so that neither the length
 /// of the queue nor the end of the agent costs alarms. Until the spool is empty again new alarms
-/// queue behind it.
+/// queue behind it. What comes during a try waits in memory until the try is over.
 ///
 /// Threads: Offer, Reopen and the books on any thread; Stop once.
 class AlarmSink {
@@ -83,6 +83,7 @@ private:
     bool SpillHand();
     bool Rest(std::chrono::milliseconds pause);
     void Prepare();
+    bool IsInTrouble() const;
     void NoteRecovery();
     void NoteTrouble(const std::string& why);
     void NoteSpoolFailure(const std::string& why);

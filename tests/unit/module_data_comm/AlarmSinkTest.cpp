@@ -15,7 +15,10 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -233,14 +236,32 @@ TEST(AlarmSink, TakesNothingAfterItsStop) {
     EXPECT_EQ(Dropped(sink), 1U);
 }
 
+/// Lets a test look around at the beginning of each try.
+class WatchedWriter : public ScriptedWriter {
+public:
+    WatchedWriter(Place& place, std::function<void()> look)
+        : ScriptedWriter(place), m_look(std::move(look)) {}
+    std::size_t Write(const std::vector<Engine::OutgoingAlarm>& alarms, std::string& why) override {
+        m_look();
+        return ScriptedWriter::Write(alarms, why);
+    }
+
+private:
+    const std::function<void()> m_look;
+};
+
 class AlarmSinkWithASpool : public testing::Test {
 protected:
     std::unique_ptr<AlarmSink> Sink(std::size_t capacity = 100, std::uint64_t limit = 1 << 20,
                                     std::size_t batch = 3) {
+        return Sink(std::make_unique<ScriptedWriter>(m_place, true, batch), capacity, limit);
+    }
+    std::unique_ptr<AlarmSink> Sink(std::unique_ptr<ScriptedWriter> writer, std::size_t capacity,
+                                    std::uint64_t limit) {
         std::string why;
         auto spool = Engine::AlarmSpool::Open(m_folder.Path(), "place", limit, why);
         EXPECT_NE(spool, nullptr) << why;
-        return std::make_unique<AlarmSink>(std::make_unique<ScriptedWriter>(m_place, true, batch),
+        return std::make_unique<AlarmSink>(std::move(writer),
                                            AlarmFormatter(AlarmFormatter::Style::JSON, false),
                                            capacity, std::move(spool));
     }
@@ -362,6 +383,29 @@ TEST_F(AlarmSinkWithASpool, SendsEachAlarmOnceOfAHandThatIsLargerThanASegment) {
     sink->Stop();
     EXPECT_EQ(m_place.Taken(), Kilobytes(0, 400));
     EXPECT_EQ(Segments(), 0U);
+}
+
+TEST_F(AlarmSinkWithASpool, HasEverythingOnDiskWhenItTriesAPlaceThatIsInTrouble) {
+    m_place.Take(0);
+    std::promise<std::string> first;
+    std::unique_ptr<AlarmSink> sink;
+    {
+        const SDK::LockGuard lock(m_place.m_mutex);  // it finds the place away when all are there
+        sink = Sink(std::make_unique<WatchedWriter>(
+                        m_place,
+                        [&, once = true]() mutable {
+                            if (std::exchange(once, false)) {
+                                first.set_value(TestSupport::ReadText(m_folder / "place.1.jsonl"));
+                            }
+                        }),
+                    100, 1 << 20);
+        OfferAll(*sink, Numbers(0, 6));
+    }
+    EXPECT_EQ(first.get_future().get(), "0\n1\n2\n3\n4\n5\n");
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 6; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 6));
+    sink->Stop();
 }
 
 TEST_F(AlarmSinkWithASpool, GoesOnInMemoryWhenTheSpoolIsFullAndSaysSoOnce) {
