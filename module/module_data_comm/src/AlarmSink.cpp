@@ -159,8 +159,7 @@ bool AlarmSink::WaitForWork() {
     const bool spooled = m_spool != nullptr && !m_spool->IsEmpty();
     m_mutex.lock();
     while (m_waiting.empty() && !spooled && !m_stopping && !m_reopening) {
-        if (m_trouble.empty() || !m_writer->ShouldRetry()) {
-            // Whether such a place takes alarms again only the next alarm can tell.
+        if (m_trouble.empty() || !m_writer->CanBeProbed()) {
             m_changed.wait(m_mutex);
         } else if (m_changed.wait_for(m_mutex, kLongestPause) == std::cv_status::timeout) {
             // Whether the place is back is found out before an alarm needs it.
@@ -377,8 +376,7 @@ void AlarmSink::Prepare() {
     std::string why;
     if (!m_writer->Prepare(why)) {
         NoteTrouble(why);
-    } else if (m_writer->ShouldRetry()) {
-        // Elsewhere only an alarm that was written shows that the next one will be.
+    } else if (m_writer->CanBeProbed()) {
         NoteRecovery();
     }
 }

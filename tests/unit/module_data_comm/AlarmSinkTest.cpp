@@ -538,6 +538,30 @@ TEST(AlarmSink, WritesTheRestOfABatchOfWhichOneIsRefused) {
     EXPECT_EQ(place.Taken(), std::vector<std::string>{"taken"});
 }
 
+/// Refuses for good, and can be asked all the same whether it takes alarms.
+class RefusingWriter : public ScriptedWriter {
+public:
+    explicit RefusingWriter(Place& place) : ScriptedWriter(place, false) {}
+    bool CanBeProbed() const override { return true; }
+};
+
+TEST(AlarmSink, LooksWhetherThePlaceTakesAlarmsAfterItRefusedTheLastOfAHand) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    place.Take(0);
+    AlarmSink sink(std::make_unique<RefusingWriter>(place),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    ASSERT_TRUE(WaitUntil([&] { return place.Prepared() == 1; }));
+    sink.Offer("refused");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
+    EXPECT_NE(BooksOf(sink).m_trouble, "");
+    place.Take(-1);
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(sink).m_trouble.empty(); }))
+        << "though no other alarm comes";
+    EXPECT_GT(place.Prepared(), 1);
+    EXPECT_TRUE(place.Taken().empty());
+}
+
 TEST(AlarmSink, GetsReadyAnewWhenItIsToReopen) {
     const TestSupport::CapturedLog log;
     ScriptedWriter::Place place;
