@@ -43,7 +43,25 @@ bool NumberOf(const std::string& file, const std::string& name, std::uint64_t& n
     }
     const char* begin = file.data() + prefix.size();
     const char* end = file.data() + file.size() - ending.size();
-    return std::from_chars(begin, end, number).ptr == end;
+    const auto [rest, error] = std::from_chars(begin, end, number);
+    return error == std::errc() && rest == end;
+}
+
+/// What lies before the number of a segment; empty when this is no name of one.
+std::string SpoolOf(const std::string& file, std::uint64_t& number) {
+    const std::string ending = kEnding;
+    if (!file.ends_with(ending)) {
+        return "";
+    }
+    const std::size_t dot = file.substr(0, file.size() - ending.size()).rfind('.');
+    const std::string name = file.substr(0, dot == std::string::npos ? 0 : dot);
+    return NumberOf(file, name, number) ? name : "";
+}
+
+bool IsOpenSomewhere(const std::string& folder, const std::string& name) {
+    const std::string path = folder + '/' + name + ".lock";
+    const SDK::UniqueDescriptor lock(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    return lock && ::flock(lock.Get(), LOCK_SH | LOCK_NB) != 0;
 }
 
 std::string LastError(const std::string& what, const std::string& path) {
@@ -87,6 +105,33 @@ std::unique_ptr<AlarmSpool> AlarmSpool::Open(const std::string& folder, const st
     }
     spool->CountDocuments();
     return spool;
+}
+
+std::map<std::string, std::vector<std::string>> AlarmSpool::FindForgotten(const std::string& folder,
+                                                                          std::string& why) {
+    std::map<std::string, std::map<std::uint64_t, std::string>> found;
+    std::error_code error;
+    fs::directory_iterator entry(folder, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        std::uint64_t number = 0;
+        const std::string name = SpoolOf(entry->path().filename().string(), number);
+        std::error_code unknown;
+        if (!name.empty() && entry->file_size(unknown) > 0) {
+            found[name][number] = entry->path().string();
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        why = Poco::format("folder(%s): %s", folder, error.message());
+    }
+    std::map<std::string, std::vector<std::string>> forgotten;
+    for (const auto& [name, segments] : found) {
+        if (!IsOpenSomewhere(folder, name)) {
+            for (const auto& [number, path] : segments) {
+                forgotten[name].push_back(path);
+            }
+        }
+    }
+    return forgotten;
 }
 
 AlarmSpool::AlarmSpool(std::string folder, std::string name, std::uint64_t limit)

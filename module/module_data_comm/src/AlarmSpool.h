@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +29,12 @@ public:
     /// @return null when it cannot be had
     static std::unique_ptr<AlarmSpool> Open(const std::string& folder, const std::string& name,
                                             std::uint64_t limit, std::string& why);
+
+    /// The segments with alarms in a folder that belong to no spool which any agent has open, by
+    /// the names of their spools, oldest first.
+    /// @param why  set when the folder is there, but cannot be read to its end
+    static std::map<std::string, std::vector<std::string>> FindForgotten(const std::string& folder,
+                                                                         std::string& why);
 
     AlarmSpool(const AlarmSpool&) = delete;
     AlarmSpool& operator=(const AlarmSpool&) = delete;

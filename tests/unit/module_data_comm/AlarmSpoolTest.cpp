@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace {
 
@@ -377,6 +378,29 @@ TEST_F(Spool, OfAnotherNameInTheSameFolderIsNotTouched) {
     const auto spool = Open();
     EXPECT_TRUE(spool->IsEmpty());
     EXPECT_EQ(Front(*other), (Texts{"other"}));
+}
+
+TEST_F(Spool, FindsWhatIsLeftOfThoseThatNobodyHasOpen) {
+    using Forgotten = std::map<std::string, Texts>;
+    std::string why;
+    const std::string folder = m_folder / "spool";
+    EXPECT_EQ(AlarmSpool::FindForgotten(folder, why), Forgotten{});
+    EXPECT_EQ(why, "") << "no folder, no alarms";
+    const auto spool = Open();
+    Put(*spool, {"one"});
+    for (const char* file : {"old-2.10.jsonl", "old-2.9.jsonl", "v1.old.1.jsonl"}) {
+        m_folder.Write(std::string("spool/") + file, "alarm\n");
+    }
+    m_folder.Write("spool/empty.1.jsonl", "");
+    for (const char* file : {"x.jsonl", ".1.jsonl", "x.1y.jsonl", "x.1.json", "x..jsonl"}) {
+        m_folder.Write(std::string("spool/") + file, "no segment\n");
+    }
+    EXPECT_EQ(AlarmSpool::FindForgotten(folder, why),
+              (Forgotten{{"old-2", {folder + "/old-2.9.jsonl", folder + "/old-2.10.jsonl"}},
+                         {"v1.old", {folder + "/v1.old.1.jsonl"}}}));
+    EXPECT_EQ(why, "");
+    AlarmSpool::FindForgotten(m_folder.Write("file", ""), why);
+    EXPECT_NE(why, "");
 }
 
 }  // namespace
