@@ -1,5 +1,6 @@
 #include "AlarmSpool.h"
 
+#include "support/BrokenListing.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
 
@@ -361,6 +362,20 @@ TEST_F(Spool, TellsOfASegmentThatWentBeforeItsAlarmsCouldBeCounted) {
               std::string::npos);
     EXPECT_EQ(spool->GiveUpSegment(), 0U);
     EXPECT_TRUE(spool->IsEmpty());
+}
+
+TEST_F(Spool, IsRefusedWhereItsFolderCannotBeReadToTheEnd) {
+    Put(*Open(240), Numbers(100, 150));
+    for (const int entries : {0, 3, 5}) {
+        const TestSupport::BrokenListing broken(entries);
+        std::string why;
+        EXPECT_EQ(AlarmSpool::Open(m_folder / "spool", "place", 240, why), nullptr);
+        EXPECT_EQ(why, "folder(" + m_folder / "spool): Input/output error");
+        why.clear();
+        AlarmSpool::FindForgotten(m_folder / "spool", why);
+        EXPECT_EQ(why, "folder(" + m_folder / "spool): Input/output error");
+    }
+    EXPECT_EQ(Open(240)->Count(), 50U);
 }
 
 TEST_F(Spool, IsRefusedWhereItsPositionCannotBeRead) {
