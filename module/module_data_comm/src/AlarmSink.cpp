@@ -18,7 +18,6 @@ namespace {
 constexpr std::chrono::seconds kDrainTime{2};
 
 // Between two tries to write to a place that may come back.
-constexpr std::chrono::milliseconds kFirstPause{100};
 constexpr std::chrono::milliseconds kLongestPause{5000};
 
 // Reasons of losses.
@@ -123,18 +122,21 @@ void AlarmSink::Run() {
 }
 
 void AlarmSink::TakeOverSpool() {
-    if (m_spool == nullptr || m_spool->IsEmpty()) {
+    if (m_spool == nullptr || m_spool->Count() == 0) {
         return;
     }
-    {
-        const SDK::LockGuard lock(m_mutex);
-        m_offered += m_spool->Count();
-        m_away += m_spool->Count();
-        m_times.PushOldest(m_spool->Count());
-    }
+    NoteFound(m_spool->Count());
     SDK::Log(GetDataCommLogger(), Poco::Message::PRIO_NOTICE,
              "Output(%s) has %lu alarms in its spool from before", m_writer->Name(),
              Shown(m_spool->Count()));
+}
+
+/// Books what an agent before this one left.
+void AlarmSink::NoteFound(std::size_t count) {
+    const SDK::LockGuard lock(m_mutex);
+    m_offered += count;
+    m_away += count;
+    m_times.PushOldest(count);
 }
 
 /// Fills the hand. @return false when the end has come
@@ -157,8 +159,7 @@ bool AlarmSink::WaitForWork() {
     const bool spooled = m_spool != nullptr && !m_spool->IsEmpty();
     m_mutex.lock();
     while (m_waiting.empty() && !spooled && !m_stopping && !m_reopening) {
-        if (m_trouble.empty() || !m_writer->ShouldRetry()) {
-            // Whether such a place takes alarms again only the next alarm can tell.
+        if (m_trouble.empty() || !m_writer->CanBeProbed()) {
             m_changed.wait(m_mutex);
         } else if (m_changed.wait_for(m_mutex, kLongestPause) == std::cv_status::timeout) {
             // Whether the place is back is found out before an alarm needs it.
@@ -177,15 +178,30 @@ bool AlarmSink::WaitForWork() {
 }
 
 void AlarmSink::TakeFromSpool() {
+    using Reading = AlarmSpool::Reading;
+    const std::size_t before = m_spool->Count();
+    std::vector<std::string> documents;
     std::string why;
-    for (std::string& document : m_spool->Peek(m_writer->BatchSize(), why)) {
+    const Reading reading = m_spool->Peek(m_writer->BatchSize(), documents, why);
+    NoteFound(m_spool->Count() - before);
+    for (std::string& document : documents) {
         AddToHand(std::move(document));
     }
     m_handIsSpooled = true;
-    if (!m_hand.empty()) {
+    if (reading == Reading::FAILED) {
+        NoteTrouble(why);
+        Rest(m_spoolPause);
+        m_spoolPause = std::min(2 * m_spoolPause, kLongestPause);
         return;
     }
-    const std::size_t lost = m_spool->Clear();
+    m_spoolPause = FIRST_PAUSE;
+    if (reading == Reading::LOST) {
+        GiveUpSegment(why);
+    }
+}
+
+void AlarmSink::GiveUpSegment(const std::string& why) {
+    const std::size_t lost = m_spool->GiveUpSegment();
     {
         const SDK::LockGuard lock(m_mutex);
         m_away -= lost;
@@ -219,8 +235,11 @@ void AlarmSink::AddToHand(std::string document) {
 }
 
 void AlarmSink::WriteHand() {
-    std::chrono::milliseconds pause = kFirstPause;
+    std::chrono::milliseconds pause = FIRST_PAUSE;
     while (!m_hand.empty()) {
+        if (IsInTrouble()) {
+            Spill();  // a try may last; only what comes during it is not on disk
+        }
         std::string why;
         const std::size_t done = m_writer->Write(m_hand, why);
         SettleFirst(done);
@@ -232,7 +251,7 @@ void AlarmSink::WriteHand() {
         } else {
             NoteTrouble(why);
             Spill();
-            pause = done > 0 ? kFirstPause : pause;
+            pause = done > 0 ? FIRST_PAUSE : pause;
             if (!Rest(pause)) {
                 GiveUpHand();
             }
@@ -338,7 +357,7 @@ bool AlarmSink::SpillHand() {
 bool AlarmSink::Rest(std::chrono::milliseconds pause) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point end = Clock::now() + pause;
-    const Clock::time_point shortEnd = Clock::now() + kFirstPause;
+    const Clock::time_point shortEnd = Clock::now() + FIRST_PAUSE;
     m_mutex.lock();
     while (Clock::now() < (m_stopping ? shortEnd : end)) {
         m_changed.wait_until(m_mutex, m_stopping ? shortEnd : end);
@@ -357,10 +376,14 @@ void AlarmSink::Prepare() {
     std::string why;
     if (!m_writer->Prepare(why)) {
         NoteTrouble(why);
-    } else if (m_writer->ShouldRetry()) {
-        // Elsewhere only an alarm that was written shows that the next one will be.
+    } else if (m_writer->CanBeProbed()) {
         NoteRecovery();
     }
+}
+
+bool AlarmSink::IsInTrouble() const {
+    const SDK::LockGuard lock(m_mutex);
+    return !m_trouble.empty();
 }
 
 void AlarmSink::NoteRecovery() {

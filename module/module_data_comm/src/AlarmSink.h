@@ -26,7 +26,7 @@ namespace Engine {
 ///
 /// A sink with a spool puts what waits for a place in trouble on disk, so that neither the length
 /// of the queue nor the end of the agent costs alarms. Until the spool is empty again new alarms
-/// queue behind it.
+/// queue behind it. What comes during a try waits in memory until the try is over.
 ///
 /// Threads: Offer, Reopen and the books on any thread; Stop once.
 class AlarmSink {
@@ -62,11 +62,16 @@ public:
     SDK::Ledger GetLedger() const;
 
 private:
+    // Between two tries, the first time.
+    static constexpr std::chrono::milliseconds FIRST_PAUSE{100};
+
     void Run();
     void TakeOverSpool();
+    void NoteFound(std::size_t count);
     bool Take();
     bool WaitForWork();
     void TakeFromSpool();
+    void GiveUpSegment(const std::string& why);
     void TakeFromQueue();
     void AddToHand(std::string document);
     void WriteHand();
@@ -78,6 +83,7 @@ private:
     bool SpillHand();
     bool Rest(std::chrono::milliseconds pause);
     void Prepare();
+    bool IsInTrouble() const;
     void NoteRecovery();
     void NoteTrouble(const std::string& why);
     void NoteSpoolFailure(const std::string& why);
@@ -92,6 +98,7 @@ private:
     std::vector<OutgoingAlarm> m_hand;
     bool m_handIsSpooled = false;
     bool m_spoolFails = false;
+    std::chrono::milliseconds m_spoolPause = FIRST_PAUSE;  // until the spool is read again
 
     mutable SDK::Mutex m_mutex;
     std::condition_variable_any m_changed;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +30,12 @@ public:
     static std::unique_ptr<AlarmSpool> Open(const std::string& folder, const std::string& name,
                                             std::uint64_t limit, std::string& why);
 
+    /// The segments with alarms in a folder that belong to no spool which any agent has open, by
+    /// the names of their spools, oldest first.
+    /// @param why  set when the folder is there, but cannot be read to its end
+    static std::map<std::string, std::vector<std::string>> FindForgotten(const std::string& folder,
+                                                                         std::string& why);
+
     AlarmSpool(const AlarmSpool&) = delete;
     AlarmSpool& operator=(const AlarmSpool&) = delete;
 
@@ -37,35 +44,48 @@ public:
     /// @return how many were, from the first on
     std::size_t Append(const std::deque<std::string>& documents, std::string& why);
 
-    /// The oldest documents: at least one when there is any.
-    /// @param why  set when there should be, but they cannot be read
-    std::vector<std::string> Peek(std::size_t most, std::string& why) const;
+    /// What became of a look into the oldest segment: DONE; FAILED where it cannot be read now, as
+    /// without a free descriptor, but may be later; LOST where there is nothing in it any more.
+    enum class Reading { DONE, FAILED, LOST };
 
-    /// Forgets the oldest documents, which have arrived.
-    /// @param count  not more than the last Peek gave
+    /// The oldest documents: at least one when there is any, and it can be read. A segment that
+    /// could not be read when the spool was opened is counted here when it is its turn.
+    /// @param why  set when it is not DONE
+    Reading Peek(std::size_t most, std::vector<std::string>& documents, std::string& why);
+
+    /// Forgets the oldest segment, which is LOST. @return how many documents it should have had
+    std::size_t GiveUpSegment();
+
+    /// Forgets the oldest documents, which have arrived, in as many segments as they lie.
     void Drop(std::size_t count);
 
     /// Forgets everything. @return how many documents that were
     std::size_t Clear();
 
-    std::size_t Count() const { return m_count; }
-    bool IsEmpty() const { return m_count == 0; }
+    /// How many documents wait, as far as their segments could be read.
+    std::size_t Count() const;
+    bool IsEmpty() const;
 
 private:
     struct Segment {
         std::uint64_t m_number = 0;
         std::uint64_t m_bytes = 0;
+        std::size_t m_documents = 0;  // that wait
+        bool m_counted = false;       // it could be read, or is of this agent
     };
 
     AlarmSpool(std::string folder, std::string name, std::uint64_t limit);
 
     bool Lock(std::string& why);
-    void FindSegments();
-    void ReadPosition();
+    bool FindSegments(std::string& why);
+    bool ReadPosition(std::string& why);
     void CountDocuments();
-    bool MendTail(Segment& segment);
+    int CountIn(Segment& segment, std::uint64_t offset);
     bool OpenTail(std::string& why);
     bool AppendText(const std::string& text, std::string& why);
+    int ReadFront(std::size_t most, std::vector<std::string>& documents);
+    void MoveOffset();
+    void RemoveFinished();
     void NotePosition() const;
     std::uint64_t Bytes() const;
     std::string PathOf(const Segment& segment) const;
@@ -78,9 +98,10 @@ private:
     // must not be taken for one about a later segment.
     std::uint64_t m_lastNumber = 0;
     std::uint64_t m_offset = 0;  // in the oldest: what has arrived
-    std::size_t m_count = 0;     // documents that wait
+    std::size_t m_passed = 0;    // documents behind the offset that have arrived all the same
     SDK::UniqueDescriptor m_lock;
     SDK::UniqueDescriptor m_tail;  // the newest segment
+    bool m_tailIsTorn = false;     // what is put behind its end may not begin a line
 };
 
 }  // namespace Engine

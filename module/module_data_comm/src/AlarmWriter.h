@@ -43,6 +43,10 @@ public:
     /// Whether what could not be written is worth another try: the place may come back.
     virtual bool ShouldRetry() const = 0;
 
+    /// Whether Prepare finds out if alarms would be taken, also after one was refused for good,
+    /// which says nothing of those that come. Elsewhere only the next alarm can tell.
+    virtual bool CanBeProbed() const { return ShouldRetry(); }
+
     /// Whether a person reads along.
     virtual bool IsTerminal() const { return false; }
 

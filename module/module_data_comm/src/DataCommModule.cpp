@@ -31,6 +31,7 @@ int DataCommModule::Init() {
         }
         m_task->AddSink(std::move(sink));
     }
+    factory.WarnOfForgottenAlarms();
     return RegisterTask(m_task, false);
 }
 

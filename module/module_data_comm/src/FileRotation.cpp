@@ -88,7 +88,12 @@ SDK::UniqueDescriptor FileRotation::Rotate(std::string& why) const {
 }
 
 bool FileRotation::RemoveOldest() const {
-    const std::set<int> rotated = Rotated();
+    std::set<int> rotated;
+    std::string why;
+    if (!FindRotated(rotated, why)) {
+        SDK::LogError(GetDataCommLogger(), "Output file(%s) gets no space: %s", m_path, why);
+        return false;
+    }
     if (rotated.empty()) {
         return false;
     }
@@ -129,7 +134,10 @@ SDK::UniqueDescriptor FileRotation::MakeFresh(std::string& why) const {
 
 /// Moves each file one number up, as far as there is one without a gap behind it.
 bool FileRotation::Shift(std::string& why) const {
-    const std::set<int> rotated = Rotated();
+    std::set<int> rotated;
+    if (!FindRotated(rotated, why)) {
+        return false;  // a file that was overlooked would be written over
+    }
     int last = 1;
     while (last < m_keep && rotated.count(last) > 0) {
         ++last;
@@ -152,7 +160,15 @@ bool FileRotation::Rename(const std::string& from, const std::string& to, std::s
 
 /// Removes what is more than may be kept, as after this became less.
 void FileRotation::RemoveBeyond() const {
-    for (const int number : Rotated()) {
+    std::set<int> rotated;
+    std::string why;
+    if (!FindRotated(rotated, why)) {
+        SDK::LogError(GetDataCommLogger(),
+                      "Output file(%s) may have more rotated files than it should: %s", m_path,
+                      why);
+        return;
+    }
+    for (const int number : rotated) {
         if (number > m_keep && ::unlink(Numbered(number).c_str()) != 0) {
             SDK::LogError(GetDataCommLogger(), "Rotated output %s",
                           LastError("file", Numbered(number)));
@@ -160,22 +176,24 @@ void FileRotation::RemoveBeyond() const {
     }
 }
 
-std::set<int> FileRotation::Rotated() const {
+/// @return false when the folder cannot be read to its end
+bool FileRotation::FindRotated(std::set<int>& numbers, std::string& why) const {
     const fs::path path(m_path);
     const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
-    std::set<int> numbers;
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
-        const int number = NumberOf(entry.path().filename().string(), path.filename().string());
-        if (number > 0 && fs::is_regular_file(entry.symlink_status(error))) {
+    // Not a range: that goes on with an operator that throws, which would end the agent.
+    fs::directory_iterator entry(folder, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const int number = NumberOf(entry->path().filename().string(), path.filename().string());
+        std::error_code gone;
+        if (number > 0 && fs::is_regular_file(entry->symlink_status(gone))) {
             numbers.insert(number);
         }
     }
     if (error) {
-        SDK::LogError(GetDataCommLogger(), "Folder(%s) of an output file cannot be read: %s",
-                      folder.string(), error.message());
+        why = Poco::format("folder(%s): %s", folder.string(), error.message());
     }
-    return numbers;
+    return !error;
 }
 
 std::string FileRotation::Numbered(int number) const {

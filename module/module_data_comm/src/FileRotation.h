@@ -42,7 +42,7 @@ private:
     bool Shift(std::string& why) const;
     bool Rename(const std::string& from, const std::string& to, std::string& why) const;
     void RemoveBeyond() const;
-    std::set<int> Rotated() const;
+    bool FindRotated(std::set<int>& numbers, std::string& why) const;
     std::string Numbered(int number) const;
 
     const std::string m_path;

@@ -40,6 +40,7 @@ public:
 
     std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) override;
     bool ShouldRetry() const override { return m_retry; }
+    bool CanBeProbed() const override { return true; }
     bool IsForPeople() const override { return true; }
 
     /// What the journal is told of an alarm. What the document does not have is left out.

@@ -48,6 +48,7 @@ public:
     std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) override;
 
     bool ShouldRetry() const override { return m_retry; }
+    bool CanBeProbed() const override { return true; }
 
 private:
     enum class State {

@@ -134,11 +134,15 @@ AlarmFormatter OutputFactory::MakeFormatter(const std::string& format,
     return AlarmFormatter(style, colored, HostIdentity::Read());
 }
 
+std::string OutputFactory::SpoolFolder() const {
+    return m_settings.getString("report.spool.folder", kDefaultSpool);
+}
+
 /// Outputs to servers that may be away for long have a spool. A second output of a kind, as for
 /// another format, has one of its own.
 /// @return false when the one that it should have cannot be had (logged)
 bool OutputFactory::MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool) {
-    const std::string folder = m_settings.getString("report.spool.folder", kDefaultSpool);
+    const std::string folder = SpoolFolder();
     if ((output != kKafka && output != kWebhook) || folder.empty()) {
         return true;
     }
@@ -153,6 +157,26 @@ bool OutputFactory::MakeSpool(const std::string& output, std::unique_ptr<AlarmSp
                       why);
     }
     return spool != nullptr;
+}
+
+void OutputFactory::WarnOfForgottenAlarms() const {
+    const std::string folder = SpoolFolder();
+    if (folder.empty()) {
+        return;
+    }
+    std::string why;
+    for (const auto& [name, files] : AlarmSpool::FindForgotten(folder, why)) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Spool file(%s), of %lu, holds alarms for output(%s), which is not "
+                        "configured. They are sent when it is configured again; delete what is not "
+                        "wanted any more.",
+                        files.front(), static_cast<unsigned long>(files.size()), name);
+    }
+    if (!why.empty()) {
+        SDK::LogWarning(GetDataCommLogger(),
+                        "Whether alarms wait for outputs that are not configured is not known: %s",
+                        why);
+    }
 }
 
 }  // namespace Engine

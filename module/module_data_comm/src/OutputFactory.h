@@ -38,6 +38,10 @@ public:
     /// @return null when it cannot be had (logged)
     std::unique_ptr<AlarmSink> Make(std::string output);
 
+    /// Once all outputs are made: names the alarms on disk that wait for one that is not among
+    /// them.
+    void WarnOfForgottenAlarms() const;
+
 private:
     std::string TakeFormat(std::string& output) const;
     std::unique_ptr<AlarmWriter> MakeWriter(const std::string& output,
@@ -45,6 +49,7 @@ private:
     std::unique_ptr<AlarmWriter> MakeFile(const std::string& path) const;
     std::unique_ptr<AlarmWriter> MakeKafka() const;
     AlarmFormatter MakeFormatter(const std::string& format, const AlarmWriter& writer) const;
+    std::string SpoolFolder() const;
     bool MakeSpool(const std::string& output, std::unique_ptr<AlarmSpool>& spool);
 
     const Settings& m_settings;

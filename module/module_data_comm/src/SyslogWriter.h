@@ -43,6 +43,7 @@ public:
 
     std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) override;
     bool ShouldRetry() const override { return m_retry; }
+    bool CanBeProbed() const override { return true; }
 
     /// A message of RFC 5424, without framing.
     /// @param host  this one's name

@@ -42,6 +42,7 @@ public:
     std::size_t BatchSize() const override { return m_batch; }
     std::size_t Write(const std::vector<OutgoingAlarm>& alarms, std::string& why) override;
     bool ShouldRetry() const override { return m_retry; }
+    bool CanBeProbed() const override { return true; }
 
     /// What makes a request known when it comes again: a name-based UUID over all alarms in it.
     static std::string IdempotencyKey(const OutgoingAlarm* first, const OutgoingAlarm* last);

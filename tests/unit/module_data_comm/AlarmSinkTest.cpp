@@ -15,7 +15,10 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -233,13 +236,32 @@ TEST(AlarmSink, TakesNothingAfterItsStop) {
     EXPECT_EQ(Dropped(sink), 1U);
 }
 
+/// Lets a test look around at the beginning of each try.
+class WatchedWriter : public ScriptedWriter {
+public:
+    WatchedWriter(Place& place, std::function<void()> look)
+        : ScriptedWriter(place), m_look(std::move(look)) {}
+    std::size_t Write(const std::vector<Engine::OutgoingAlarm>& alarms, std::string& why) override {
+        m_look();
+        return ScriptedWriter::Write(alarms, why);
+    }
+
+private:
+    const std::function<void()> m_look;
+};
+
 class AlarmSinkWithASpool : public testing::Test {
 protected:
-    std::unique_ptr<AlarmSink> Sink(std::size_t capacity = 100, std::uint64_t limit = 1 << 20) {
+    std::unique_ptr<AlarmSink> Sink(std::size_t capacity = 100, std::uint64_t limit = 1 << 20,
+                                    std::size_t batch = 3) {
+        return Sink(std::make_unique<ScriptedWriter>(m_place, true, batch), capacity, limit);
+    }
+    std::unique_ptr<AlarmSink> Sink(std::unique_ptr<ScriptedWriter> writer, std::size_t capacity,
+                                    std::uint64_t limit) {
         std::string why;
         auto spool = Engine::AlarmSpool::Open(m_folder.Path(), "place", limit, why);
         EXPECT_NE(spool, nullptr) << why;
-        return std::make_unique<AlarmSink>(std::make_unique<ScriptedWriter>(m_place),
+        return std::make_unique<AlarmSink>(std::move(writer),
                                            AlarmFormatter(AlarmFormatter::Style::JSON, false),
                                            capacity, std::move(spool));
     }
@@ -249,6 +271,21 @@ protected:
             texts.push_back(std::to_string(i));
         }
         return texts;
+    }
+    /// Numbers with so much behind each that it is a kilobyte.
+    static std::vector<std::string> Kilobytes(int begin, int end) {
+        std::vector<std::string> texts = Numbers(begin, end);
+        for (std::string& text : texts) {
+            text.resize(1024, '.');
+        }
+        return texts;
+    }
+    std::size_t Segments() const {
+        std::size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
+            count += entry.path().extension() == ".jsonl" ? 1 : 0;
+        }
+        return count;
     }
     static int OfferAll(AlarmSink& sink, const std::vector<std::string>& texts) {
         int queued = 0;
@@ -322,6 +359,55 @@ TEST_F(AlarmSinkWithASpool, GivesAgainOnlyWhatHasNotArrived) {
     EXPECT_EQ(m_place.Taken(), Numbers(0, 9));
 }
 
+TEST_F(AlarmSinkWithASpool, SendsEachAlarmOnceOfAHandThatIsLargerThanASegment) {
+    m_place.Take(0);
+    std::unique_ptr<AlarmSink> sink;
+    {
+        const SDK::LockGuard lock(m_place.m_mutex);  // it takes none in hand before all are there
+        sink = Sink(1000, 1 << 20, 300);
+        OfferAll(*sink, Kilobytes(0, 300));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return Segments() > 2; }));
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 300; }));
+    EXPECT_EQ(m_place.Taken(), Kilobytes(0, 300)) << "each once, in order";
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_trouble.empty(); }));
+    EXPECT_EQ(BooksOf(*sink).m_waiting, 0U);
+    EXPECT_EQ(Segments(), 0U);
+
+    m_place.Take(0);
+    OfferAll(*sink, Kilobytes(300, 400));
+    ASSERT_TRUE(WaitUntil([&] { return Segments() > 0; }));
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_waiting == 0; }));
+    sink->Stop();
+    EXPECT_EQ(m_place.Taken(), Kilobytes(0, 400));
+    EXPECT_EQ(Segments(), 0U);
+}
+
+TEST_F(AlarmSinkWithASpool, HasEverythingOnDiskWhenItTriesAPlaceThatIsInTrouble) {
+    m_place.Take(0);
+    std::promise<std::string> first;
+    std::unique_ptr<AlarmSink> sink;
+    {
+        const SDK::LockGuard lock(m_place.m_mutex);  // it finds the place away when all are there
+        sink = Sink(std::make_unique<WatchedWriter>(
+                        m_place,
+                        [&, once = true]() mutable {
+                            if (std::exchange(once, false)) {
+                                first.set_value(TestSupport::ReadText(m_folder / "place.1.jsonl"));
+                            }
+                        }),
+                    100, 1 << 20);
+        OfferAll(*sink, Numbers(0, 6));
+    }
+    EXPECT_EQ(first.get_future().get(), "0\n1\n2\n3\n4\n5\n");
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 6; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 6));
+    sink->Stop();
+}
+
 TEST_F(AlarmSinkWithASpool, GoesOnInMemoryWhenTheSpoolIsFullAndSaysSoOnce) {
     m_place.Take(0);
     const auto sink = Sink(10, 20);
@@ -331,10 +417,13 @@ TEST_F(AlarmSinkWithASpool, GoesOnInMemoryWhenTheSpoolIsFullAndSaysSoOnce) {
         return Dropped(*sink) > 0;
     }));
     EXPECT_GE(queued, 10 + 4) << "what the queue holds, and what the spool does";
-    EXPECT_EQ(m_log.Count(kError,
-                          "Output(place) cannot put more alarms into its spool: the spool is "
-                          "full(20 bytes). They wait in memory."),
-              1U);
+    const auto said = [&] {
+        return m_log.Count(kError,
+                           "Output(place) cannot put more alarms into its spool: the spool is "
+                           "full(20 bytes). They wait in memory.");
+    };
+    ASSERT_TRUE(WaitUntil([&] { return said() > 0; }));
+    EXPECT_EQ(said(), 1U);
     m_place.Take(-1);
     ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == static_cast<std::uint64_t>(queued); }));
 }
@@ -356,6 +445,47 @@ TEST_F(AlarmSinkWithASpool, CountsWhatSomebodyTookAwayFromTheDisk) {
     ASSERT_TRUE(WaitUntil([&] { return Latency(*sink).Count() == latency.Count() + 1; }));
     EXPECT_LE(Latency(*sink).SumS() - latency.SumS(), Since(before)) << "its own, not a lost one's";
     EXPECT_TRUE(m_log.Contains("alarms of its spool: spool file("));
+}
+
+TEST_F(AlarmSinkWithASpool, KeepsWhatItCannotReadAndSendsItWhenItCan) {
+    m_place.Take(0);
+    {
+        const auto sink = Sink();
+        OfferAll(*sink, Numbers(0, 20));
+        sink->Stop();
+    }
+    const std::string segment = m_folder / "place.1.jsonl";
+    std::filesystem::rename(segment, m_folder / "away");
+    std::filesystem::create_directory(segment);
+    m_place.Take(-1);
+    const auto sink = Sink();
+    OfferAll(*sink, Numbers(20, 25));
+    ASSERT_TRUE(WaitUntil([&] { return !BooksOf(*sink).m_trouble.empty(); }));
+    EXPECT_EQ(BooksOf(*sink).m_trouble, "Output(place) cannot be written: spool file(" + segment +
+                                            ") cannot be read: Is a directory");
+    std::filesystem::remove(segment);
+    std::filesystem::rename(m_folder / "away", segment);
+    ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 25; }));
+    EXPECT_EQ(m_place.Taken(), Numbers(0, 25));
+    EXPECT_EQ(BooksOf(*sink).m_seen, 25U) << "with those from before, counted late";
+    EXPECT_EQ(Latency(*sink).Count(), 5U);
+    EXPECT_EQ(Failed(*sink), 0U);
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_trouble.empty(); }));
+}
+
+TEST_F(AlarmSinkWithASpool, LosesNoMoreThanTheSegmentThatSomebodyTookAway) {
+    m_place.Take(0);
+    const auto sink = Sink(1000);
+    OfferAll(*sink, Kilobytes(0, 300));
+    ASSERT_TRUE(WaitUntil([&] { return Segments() == 3; }));
+    const std::string segment = m_folder / "place.2.jsonl";
+    const std::uint64_t held = std::filesystem::file_size(segment) / 1025;
+    ASSERT_TRUE(std::filesystem::remove(segment));
+    m_place.Take(-1);
+    ASSERT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_waiting == 0; }));
+    EXPECT_EQ(Failed(*sink), held);
+    EXPECT_EQ(Written(*sink), 300 - held);
+    EXPECT_EQ(m_place.Taken().back(), Kilobytes(299, 300).front());
 }
 
 TEST(AlarmSink, TellsHowLongAlarmsTookFromTheirOfferToTheirArrival) {
@@ -406,6 +536,30 @@ TEST(AlarmSink, WritesTheRestOfABatchOfWhichOneIsRefused) {
     sink.Offer("taken");
     EXPECT_TRUE(WaitUntil([&] { return Written(sink) == 1; }));
     EXPECT_EQ(place.Taken(), std::vector<std::string>{"taken"});
+}
+
+/// Refuses for good, and can be asked all the same whether it takes alarms.
+class RefusingWriter : public ScriptedWriter {
+public:
+    explicit RefusingWriter(Place& place) : ScriptedWriter(place, false) {}
+    bool CanBeProbed() const override { return true; }
+};
+
+TEST(AlarmSink, LooksWhetherThePlaceTakesAlarmsAfterItRefusedTheLastOfAHand) {
+    const TestSupport::CapturedLog log;
+    ScriptedWriter::Place place;
+    place.Take(0);
+    AlarmSink sink(std::make_unique<RefusingWriter>(place),
+                   AlarmFormatter(AlarmFormatter::Style::JSON, false), 10);
+    ASSERT_TRUE(WaitUntil([&] { return place.Prepared() == 1; }));
+    sink.Offer("refused");
+    ASSERT_TRUE(WaitUntil([&] { return Failed(sink) == 1; }));
+    EXPECT_NE(BooksOf(sink).m_trouble, "");
+    place.Take(-1);
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(sink).m_trouble.empty(); }))
+        << "though no other alarm comes";
+    EXPECT_GT(place.Prepared(), 1);
+    EXPECT_TRUE(place.Taken().empty());
 }
 
 TEST(AlarmSink, GetsReadyAnewWhenItIsToReopen) {

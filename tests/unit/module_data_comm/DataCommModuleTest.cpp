@@ -246,6 +246,25 @@ TEST_F(DataCommModule, KeepsAlarmsInMemoryWhereThereIsToBeNoSpool) {
     EXPECT_TRUE(m_log.Contains("Output(kafka) ends: 0 alarms written, 0 dropped, 1 failed"));
 }
 
+TEST_F(DataCommModule, NamesAlarmsOnDiskForAnOutputThatIsNotConfigured) {
+    std::filesystem::create_directory(m_folder / "spool");
+    WebServer server([](const WebServer::Request&) { return WebServer::Reply{}; });
+    m_engine->config().setString("report.webhook.url", server.Url());
+    for (const char* file : {"kafka.7.jsonl", "kafka.8.jsonl", "webhook.1.jsonl"}) {
+        m_folder.Write(std::string("spool/") + file, SampleDocument() + '\n');
+    }
+    Start("webhook");
+    m_engine->StopModules();
+    EXPECT_EQ(m_log.Count(Poco::Message::PRIO_WARNING,
+                          "Spool file(" + m_folder / "spool/kafka.7.jsonl" +
+                              "), of 2, holds alarms for output(kafka), which is not configured. "
+                              "They are sent when it is configured again; delete what is not "
+                              "wanted any more."),
+              1U);
+    EXPECT_FALSE(m_log.Contains("holds alarms for output(webhook)"));
+    EXPECT_EQ(ReadText(m_folder / "spool/kafka.7.jsonl"), SampleDocument() + '\n');
+}
+
 TEST_F(DataCommModule, StartsAgainAfterItsStop) {
     Start("file:" + m_folder / "alarms");
     m_engine->StopModules();

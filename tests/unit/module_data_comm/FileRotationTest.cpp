@@ -1,5 +1,6 @@
 #include "FileRotation.h"
 
+#include "support/BrokenListing.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
 
@@ -159,6 +160,20 @@ TEST_F(FileRotationTest, MakesRoomOldestFirstAndSaysHowMuch) {
     EXPECT_FALSE(Exists("2"));
     EXPECT_FALSE(rotation.RemoveOldest());
     EXPECT_EQ(ReadText(m_path), "text\n") << "never the one that is written";
+}
+
+TEST_F(FileRotationTest, LeavesEverythingWhereItIsWhenItsFolderCannotBeReadToTheEnd) {
+    m_folder.Write("alarms.1", "b\n");
+    m_folder.Write("alarms.2", "a\n");
+    for (const int entries : {0, 3, 4}) {
+        const TestSupport::BrokenListing broken(entries);
+        EXPECT_EQ(Rotate("c\n", 3), "folder(" + m_folder.Path() + "): Input/output error");
+        EXPECT_FALSE(FileRotation(m_path, 1, 3).RemoveOldest());
+    }
+    EXPECT_EQ(ReadText(m_path) + Text("1") + Text("2"), "c\nb\na\n");
+    EXPECT_FALSE(Exists("0"));
+    EXPECT_TRUE(
+        m_log.Contains("gets no space: folder(" + m_folder.Path() + "): Input/output error"));
 }
 
 }  // namespace

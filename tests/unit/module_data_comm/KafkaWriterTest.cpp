@@ -172,6 +172,7 @@ TEST_F(Kafka, GivesUpOnlyAnAlarmThatTheBrokersNeverTake) {
     alarms[1].m_text = std::string(5000, 'x');
     EXPECT_EQ(writer->Write(alarms, m_why), 1U);
     EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_TRUE(writer->CanBeProbed());
     EXPECT_NE(m_why.find("size too large"), std::string::npos) << m_why;
     ASSERT_EQ(writer->Write({alarms[2]}, m_why), 1U) << m_why;
     EXPECT_EQ(Ids(m_cluster->Read(2)), (std::multiset<std::string>{"0", "2"}));

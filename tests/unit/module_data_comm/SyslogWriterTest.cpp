@@ -192,6 +192,7 @@ TEST_F(Syslog, DoesNotTryAgainWhatIsTooLongForADatagram) {
     const auto writer = SyslogWriter::Open("unix:" + m_path);
     EXPECT_NE(Why(*writer, std::string(4 << 20, 'x')), "");
     EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_TRUE(writer->CanBeProbed()) << "what is refused says nothing of the place";
     ASSERT_TRUE(Put(*writer, "next"));
     EXPECT_TRUE(server.Receive().ends_with("next"));
 }

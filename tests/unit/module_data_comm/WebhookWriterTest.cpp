@@ -141,6 +141,7 @@ TEST_F(WebhookWriter, GivesUpOnlyWhatIsRefusedAlone) {
     std::vector<OutgoingAlarm> alarms = Alarms(1, 100);
     EXPECT_EQ(writer->Write(alarms, m_why), 37U);
     EXPECT_FALSE(writer->ShouldRetry());
+    EXPECT_TRUE(writer->CanBeProbed());
     EXPECT_EQ(m_why, server.Url() + " answered 422 Unprocessable Entity: \"no\"");
     alarms.erase(alarms.begin(), alarms.begin() + 38);
     EXPECT_EQ(writer->Write(alarms, m_why), 32U);
