@@ -2,7 +2,6 @@
 
 #include <map>
 #include <string>
-#include <string_view>
 
 namespace Replay {
 
@@ -21,12 +20,6 @@ public:
     /// Where a directory led on the recorded host, as far as the recording tells. Accesses are
     /// named by that.
     std::string Resolve(const std::string& path) const;
-
-    /// True when a path is a directory or lies below it.
-    static bool IsWithin(std::string_view path, std::string_view directory);
-
-    /// A path without slashes that say nothing.
-    static std::string Clean(const std::string& path);
 
 private:
     std::map<std::string, std::string> m_real;  // by the path that was asked for

@@ -2,6 +2,7 @@
 
 #include "filenotify/FileNotifyMessage.h"
 #include "filenotify/FileNotifyWatchMessage.h"
+#include "sdk/PathUtils.h"
 
 #include <algorithm>
 #include <set>
@@ -52,7 +53,7 @@ void ReplayedFileTask::Tell(int pid, int mask, const std::string& path) {
 bool ReplayedFileTask::Concerns(const Request& request, const std::string& path) const {
     const std::string directory = m_watches.Resolve(request.m_directory);
     const std::string above = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
-    return request.m_recursive ? RecordedWatches::IsWithin(above, directory) : above == directory;
+    return request.m_recursive ? SDK::PathUtils::IsWithin(above, directory) : above == directory;
 }
 
 std::vector<std::string> ReplayedFileTask::NotRecorded() {

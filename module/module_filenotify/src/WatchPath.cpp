@@ -1,5 +1,7 @@
 #include "WatchPath.h"
 
+#include "sdk/PathUtils.h"
+
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -12,16 +14,7 @@ std::string WatchPath::Clean(const std::string& path) {
     if (path.empty() || path.front() != '/') {
         return {};
     }
-    std::string clean;
-    for (const char character : path) {
-        if (character != '/' || clean.empty() || clean.back() != '/') {
-            clean += character;
-        }
-    }
-    if (clean.size() > 1 && clean.back() == '/') {
-        clean.pop_back();
-    }
-    return clean;
+    return SDK::PathUtils::RemoveIdleSlashes(path);
 }
 
 std::string WatchPath::Above(const std::string& path) {
@@ -38,14 +31,6 @@ std::string WatchPath::Join(const std::string& directory, std::string_view name)
     }
     path += name;
     return path;
-}
-
-bool WatchPath::IsWithin(std::string_view path, std::string_view directory) {
-    if (directory == "/") {
-        return true;
-    }
-    return path.substr(0, directory.size()) == directory &&
-           (path.size() == directory.size() || path[directory.size()] == '/');
 }
 
 std::string WatchPath::RealDirectory(const std::string& path) {

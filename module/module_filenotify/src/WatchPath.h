@@ -17,9 +17,6 @@ public:
     /// A name in a directory.
     static std::string Join(const std::string& directory, std::string_view name);
 
-    /// True when path is directory or lies below it.
-    static bool IsWithin(std::string_view path, std::string_view directory);
-
     /// Resolves all symbolic links. @return empty when it does not lead to a directory (errno)
     static std::string RealDirectory(const std::string& path);
 };

@@ -4,6 +4,7 @@
 
 #include "FileNotifyLog.h"
 #include "WatchPath.h"
+#include "sdk/PathUtils.h"
 
 #include <Poco/Error.h>
 
@@ -159,7 +160,7 @@ void WatchTree::Release(Root& root) {
 
 void WatchTree::MarkStale(const std::string& path) {
     for (Root& root : m_roots) {
-        root.m_stale = root.m_stale || WatchPath::IsWithin(root.m_target, path);
+        root.m_stale = root.m_stale || SDK::PathUtils::IsWithin(root.m_target, path);
     }
 }
 
@@ -209,7 +210,7 @@ std::vector<WatchTree::SubscriberPtr> WatchTree::Covering(const std::string& pat
     for (const Root& root : m_roots) {
         const bool covers =
             !root.m_real.empty() &&
-            (root.m_recursive ? WatchPath::IsWithin(path, root.m_real) : path == root.m_real);
+            (root.m_recursive ? SDK::PathUtils::IsWithin(path, root.m_real) : path == root.m_real);
         if (covers && std::find(subscribers.begin(), subscribers.end(), root.m_subscriber) ==
                           subscribers.end()) {
             subscribers.push_back(root.m_subscriber);

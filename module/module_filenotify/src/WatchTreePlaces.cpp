@@ -3,6 +3,7 @@
 #include "FileNotifyLog.h"
 #include "WatchPath.h"
 #include "WatchTree.h"
+#include "sdk/PathUtils.h"
 
 #include <Poco/Error.h>
 
@@ -150,7 +151,7 @@ bool WatchTree::IsLeftOut(int directory, const std::string& path) const {
     }
     const bool wanted = std::any_of(m_roots.begin(), m_roots.end(), [&](const Root& root) {
         struct statfs rootFileSystem {};
-        return WatchPath::IsWithin(path, root.m_real) && !root.m_real.empty() &&
+        return SDK::PathUtils::IsWithin(path, root.m_real) && !root.m_real.empty() &&
                ::statfs(root.m_real.c_str(), &rootFileSystem) == 0 &&
                rootFileSystem.f_type == fileSystem.f_type;
     });
@@ -363,7 +364,7 @@ void WatchTree::ForEachBelow(const std::string& path, const std::function<void(P
          place != m_places.end() && place->first.compare(0, path.size(), path) == 0;) {
         const std::string current = place->first;
         Place& here = (place++)->second;
-        if (here.m_marked && WatchPath::IsWithin(current, path)) {
+        if (here.m_marked && SDK::PathUtils::IsWithin(current, path)) {
             handle(here);
             EraseUnused(current);
         }
