@@ -1,20 +1,17 @@
 #include "JsonFile.h"
 
 #include "sdk/FileUtils.h"
+#include "sdk/JsonUtils.h"
 
 #include <Poco/Error.h>
 #include <Poco/Format.h>
 #include <Poco/String.h>
 #include <Poco/UTF8Encoding.h>
-#include <json/reader.h>
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
-#include <memory>
-#include <utility>
 
 namespace Agent {
 
@@ -22,28 +19,6 @@ namespace {
 
 std::string DescribeByte(char byte) {
     return Poco::format("0x%02x", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
-}
-
-/// As the modules parse, but for keys that stand twice: of those all but one would be dropped
-/// silently.
-/// @return what is wrong, or ""
-std::string Parse(const std::string& text, Json::Value& value) {
-    // To JsonCpp a zero byte is the end of the text, whatever comes behind it.
-    if (const std::size_t zero = text.find('\0'); zero != std::string::npos) {
-        return "zero byte at offset " + std::to_string(zero);
-    }
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["allowComments"] = false;
-    builder["failIfExtra"] = true;
-    builder["rejectDupKeys"] = true;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string error;
-    try {
-        return reader->parse(text.data(), text.data() + text.length(), &value, &error) ? "" : error;
-    } catch (const std::exception& exception) {
-        return exception.what();
-    }
 }
 
 }  // namespace
@@ -96,10 +71,10 @@ bool ParseObject(const std::string& path, const std::string& text, Json::Value& 
                                 " in line " + std::to_string(line)});
         return false;
     }
-    Json::Value value;
-    const std::string error = Parse(text, value);
-    object = error.empty() ? std::move(value) : Json::Value();
-    if (!error.empty()) {
+    // Of keys that stand twice all but one would be dropped silently.
+    std::string error;
+    if (SDK::JsonUtils::ParseJsonStr(text.c_str(), text.length(), object, error,
+                                     SDK::JsonUtils::DuplicateKeys::REFUSED) != 0) {
         // JsonCpp reports on several lines, each indented.
         problems.push_back(
             {path, "", "expected JSON: " + Poco::replace(Poco::trim(error), "\n", " ")});

@@ -18,10 +18,14 @@ public:
     /// @return 0 when the text parsed, -1 when not
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& out);
 
+    /// What becomes of a key that stands twice in one object.
+    enum class DuplicateKeys { LAST_COUNTS, REFUSED };
+
     /// As above, and tells what is wrong.
     /// @param error  set when the result is -1: line, column and what the parser expected
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& out,
-                            std::string& error);
+                            std::string& error,
+                            DuplicateKeys duplicates = DuplicateKeys::LAST_COUNTS);
 
     /// @return true and out set when value is an object whose key holds an object
     static bool GetSubobjectValue(const Json::Value& value, const char* key, Json::Value& out);

@@ -12,11 +12,12 @@ namespace SDK {
 
 namespace {
 
-std::unique_ptr<Json::CharReader> NewReader() {
+std::unique_ptr<Json::CharReader> NewReader(JsonUtils::DuplicateKeys duplicates) {
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["allowComments"] = false;
     builder["failIfExtra"] = true;
+    builder["rejectDupKeys"] = duplicates == JsonUtils::DuplicateKeys::REFUSED;
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 
@@ -50,7 +51,7 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& o
 }
 
 int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& out,
-                            std::string& error) {
+                            std::string& error, DuplicateKeys duplicates) {
     Json::Value parsed;
     bool good = false;
     error.clear();
@@ -64,7 +65,7 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& o
     try {
         // Made anew each time: a reader keeps its last document's errors, and after the exception
         // that nesting raises, its stack.
-        good = NewReader()->parse(text, text + length, &parsed, &error);
+        good = NewReader(duplicates)->parse(text, text + length, &parsed, &error);
     } catch (const std::exception& exception) {
         error = exception.what();
     }

@@ -47,6 +47,19 @@ TEST(ParseJsonStr, TellsWhereTheTextGoesWrong) {
     EXPECT_NE(error.find("Line 2, Column 8"), std::string::npos) << error;
 }
 
+TEST(ParseJsonStr, RefusesKeysThatStandTwiceWhenAskedTo) {
+    const std::string text = R"({"a":{"b":1,"b":2}})";
+    Json::Value value;
+    std::string error;
+    ASSERT_EQ(JsonUtils::ParseJsonStr(text.c_str(), text.length(), value, error), 0);
+    EXPECT_EQ(value["a"]["b"].asInt(), 2);
+    EXPECT_EQ(JsonUtils::ParseJsonStr(text.c_str(), text.length(), value, error,
+                                      JsonUtils::DuplicateKeys::REFUSED),
+              -1);
+    EXPECT_TRUE(value.isNull());
+    EXPECT_NE(error.find("Duplicate key: 'b'"), std::string::npos) << error;
+}
+
 TEST(ParseJsonStr, RefusesNestingThatWouldExhaustTheStack) {
     Json::Value value;
     EXPECT_EQ(Parse(std::string(10000, '[') + std::string(10000, ']'), value), -1);
