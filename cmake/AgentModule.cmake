@@ -4,7 +4,7 @@
 # benchmarks link: they look inside.
 function(agent_module name)
     cmake_parse_arguments(arg "" "" "LINK" ${ARGN})
-    file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/*.cpp)
+    file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/*.cpp)
     list(FILTER sources EXCLUDE REGEX "/CreateModule\\.cpp$")
 
     add_library(${name}_objects STATIC ${sources})

@@ -1,8 +1,8 @@
 // Whatever comes as a document is one line in every format. In OCSF and ECS it is a record with
 // what every record has, and what is no document is in it as a text.
 
-#include "AlarmFormatter.h"
 #include "FuzzInput.h"
+#include "formats/AlarmFormatter.h"
 #include "sdk/JsonUtils.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "AlarmFormatter.h"
 #include "AlarmSpool.h"
 #include "AlarmWriter.h"
 #include "OutgoingAlarm.h"
+#include "formats/AlarmFormatter.h"
 #include "sdk/Ledger.h"
 #include "sdk/Mutex.h"
 #include "sdk/QueueTimes.h"

@@ -1,12 +1,12 @@
 #include "OutputFactory.h"
 
 #include "DataCommLog.h"
-#include "FileWriter.h"
-#include "JournalWriter.h"
-#include "KafkaWriter.h"
-#include "LineWriter.h"
-#include "SyslogWriter.h"
-#include "WebhookWriter.h"
+#include "outputs/FileWriter.h"
+#include "outputs/JournalWriter.h"
+#include "outputs/KafkaWriter.h"
+#include "outputs/LineWriter.h"
+#include "outputs/SyslogWriter.h"
+#include "outputs/WebhookWriter.h"
 
 #include <unistd.h>
 

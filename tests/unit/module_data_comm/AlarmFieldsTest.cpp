@@ -1,4 +1,4 @@
-#include "AlarmFields.h"
+#include "formats/AlarmFields.h"
 
 #include "SampleAlarm.h"
 #include "support/FakeClock.h"

@@ -1,9 +1,9 @@
-#include "AlarmFormatter.h"
+#include "formats/AlarmFormatter.h"
 
-#include "EcsMapping.h"
 #include "MappingChecks.h"
-#include "OcsfMapping.h"
 #include "SampleAlarm.h"
+#include "formats/EcsMapping.h"
+#include "formats/OcsfMapping.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
 #include "AlarmSink.h"
 
 #include "AlarmSpool.h"
-#include "FileWriter.h"
-#include "LineWriter.h"
 #include "ScriptedWriter.h"
 #include "SinkBooks.h"
 #include "TestPipe.h"
+#include "outputs/FileWriter.h"
+#include "outputs/LineWriter.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
 #include "support/WaitUntil.h"

@@ -1,4 +1,4 @@
-#include "AttackTechnique.h"
+#include "formats/AttackTechnique.h"
 
 #include "SampleAlarm.h"
 

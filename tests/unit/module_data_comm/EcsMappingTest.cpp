@@ -1,4 +1,4 @@
-#include "EcsMapping.h"
+#include "formats/EcsMapping.h"
 
 #include "MappingChecks.h"
 #include "support/FakeClock.h"

@@ -1,4 +1,4 @@
-#include "FileRotation.h"
+#include "outputs/FileRotation.h"
 
 #include "support/BrokenListing.h"
 #include "support/CapturedLog.h"

@@ -1,9 +1,9 @@
 // A file on a full disk: each line is in the files, whole and once, or is counted as lost.
 
 #include "AlarmSink.h"
-#include "FileWriter.h"
 #include "PutLine.h"
 #include "SinkBooks.h"
+#include "outputs/FileWriter.h"
 #include "support/CapturedLog.h"
 #include "support/SmallDisk.h"
 #include "support/WaitUntil.h"

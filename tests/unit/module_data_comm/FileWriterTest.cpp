@@ -1,4 +1,4 @@
-#include "FileWriter.h"
+#include "outputs/FileWriter.h"
 
 #include "FileSizeLimit.h"
 #include "PutLine.h"

@@ -1,4 +1,4 @@
-#include "GuardedFile.h"
+#include "outputs/GuardedFile.h"
 
 #include "support/TemporaryFolder.h"
 

@@ -1,4 +1,4 @@
-#include "HostIdentity.h"
+#include "formats/HostIdentity.h"
 
 #include "support/CapturedLog.h"
 #include "support/ChildProcess.h"

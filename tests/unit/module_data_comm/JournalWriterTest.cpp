@@ -1,4 +1,4 @@
-#include "JournalWriter.h"
+#include "outputs/JournalWriter.h"
 
 #include "SampleAlarm.h"
 #include "sdk/UniqueDescriptor.h"

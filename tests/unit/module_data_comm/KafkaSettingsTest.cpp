@@ -1,4 +1,4 @@
-#include "KafkaSettings.h"
+#include "outputs/KafkaSettings.h"
 
 #include "support/TemporaryFolder.h"
 

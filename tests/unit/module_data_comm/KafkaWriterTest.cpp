@@ -1,4 +1,4 @@
-#include "KafkaWriter.h"
+#include "outputs/KafkaWriter.h"
 
 #include "AlarmSink.h"
 #include "SampleAlarm.h"

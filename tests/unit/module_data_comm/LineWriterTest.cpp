@@ -1,4 +1,4 @@
-#include "LineWriter.h"
+#include "outputs/LineWriter.h"
 
 #include "FileSizeLimit.h"
 #include "PutLine.h"

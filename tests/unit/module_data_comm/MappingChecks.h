@@ -1,7 +1,7 @@
 #pragma once
 
-#include "HostIdentity.h"
 #include "SampleAlarm.h"
+#include "formats/HostIdentity.h"
 
 #include <gtest/gtest.h>
 #include <json/value.h>

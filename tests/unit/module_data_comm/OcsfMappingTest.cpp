@@ -1,4 +1,4 @@
-#include "OcsfMapping.h"
+#include "formats/OcsfMapping.h"
 
 #include "MappingChecks.h"
 #include "support/FakeClock.h"

@@ -1,4 +1,4 @@
-#include "Patience.h"
+#include "outputs/Patience.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "PatientSocket.h"
+#include "outputs/PatientSocket.h"
 
 #include "WebServer.h"
 

@@ -1,11 +1,11 @@
 #include "ReportTask.h"
 
-#include "LineWriter.h"
 #include "ScriptedWriter.h"
 #include "SinkBooks.h"
 #include "TestPipe.h"
 #include "framework/Engine.h"
 #include "framework/Message.h"
+#include "outputs/LineWriter.h"
 #include "support/CapturedLog.h"
 #include "support/WaitUntil.h"
 

@@ -1,4 +1,4 @@
-#include "RetryAfter.h"
+#include "outputs/RetryAfter.h"
 
 #include <Poco/DateTime.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "SecretHeaders.h"
+#include "outputs/SecretHeaders.h"
 
 #include "support/TemporaryFolder.h"
 

@@ -1,4 +1,4 @@
-#include "SyslogWriter.h"
+#include "outputs/SyslogWriter.h"
 
 #include "AlarmSink.h"
 #include "SinkBooks.h"

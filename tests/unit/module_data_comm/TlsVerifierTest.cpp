@@ -1,7 +1,7 @@
-#include "TlsVerifier.h"
+#include "outputs/TlsVerifier.h"
 
-#include "PatientSocket.h"
 #include "WebServer.h"
+#include "outputs/PatientSocket.h"
 #include "support/TemporaryFolder.h"
 
 #include <Poco/Exception.h>

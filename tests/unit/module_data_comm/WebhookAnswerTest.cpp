@@ -1,4 +1,4 @@
-#include "WebhookAnswer.h"
+#include "outputs/WebhookAnswer.h"
 
 #include <gtest/gtest.h>
 

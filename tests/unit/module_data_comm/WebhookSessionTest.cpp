@@ -1,4 +1,4 @@
-#include "WebhookSession.h"
+#include "outputs/WebhookSession.h"
 
 #include "WebServer.h"
 #include "support/WaitUntil.h"

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "WebServer.h"
-#include "WebhookWriter.h"
+#include "outputs/WebhookWriter.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryFolder.h"
 

@@ -1,4 +1,4 @@
-#include "WebhookWriter.h"
+#include "outputs/WebhookWriter.h"
 
 #include "WebhookTest.h"
 #include "support/WaitUntil.h"
