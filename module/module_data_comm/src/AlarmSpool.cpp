@@ -31,6 +31,10 @@ constexpr mode_t kFileMode = 0600;
 // arrive.
 constexpr std::uint64_t kSegments = 8;
 
+// How often, and with what pauses, a lock is tried that somebody has.
+constexpr int kLockLooks = 10;
+constexpr useconds_t kLockPauseUs = 10000;
+
 constexpr const char* kEnding = ".jsonl";
 
 /// What lies between the name and the ending of a segment; false when that is no number.
@@ -144,9 +148,13 @@ bool AlarmSpool::Lock(std::string& why) {
         why = LastError("file", path);
         return false;
     }
-    if (::flock(m_lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        why = Poco::format("file(%s): another agent uses this spool", path);
-        return false;
+    // One that only looks for what is left behind holds it for a moment.
+    for (int looks = 1; ::flock(m_lock.Get(), LOCK_EX | LOCK_NB) != 0; ++looks) {
+        if (looks == kLockLooks) {
+            why = Poco::format("file(%s): another agent uses this spool", path);
+            return false;
+        }
+        ::usleep(kLockPauseUs);
     }
     return true;
 }
@@ -322,6 +330,9 @@ int AlarmSpool::ReadFront(std::size_t most, std::vector<std::string>& documents)
         --m_passed;
     }
     m_offset = file.Offset();
+    if (m_passed > 0) {
+        return file.Error();  // what follows has arrived
+    }
     while (documents.size() < std::min(most, front.m_documents) && file.Next(line)) {
         documents.push_back(std::move(line));
     }

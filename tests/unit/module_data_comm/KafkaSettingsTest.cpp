@@ -38,6 +38,13 @@ TEST_F(Properties, AreRefusedWithFileAndLineAndWithoutTheirText) {
     EXPECT_EQ(m_wrong, m_path + ":1: expected NAME=VALUE");
 }
 
+TEST_F(Properties, MayNotTakeAwayTheReportsOfWhatHasArrived) {
+    EXPECT_FALSE(Read("acks=all\ndelivery.report.only.error=true\n"));
+    EXPECT_EQ(m_wrong, m_path +
+                           ":2: delivery.report.only.error cannot be set, an alarm counts as "
+                           "delivered by its report");
+}
+
 TEST_F(Properties, OfAFileThatIsNotThereAreAnError) {
     EXPECT_FALSE(m_settings.ReadProperties(m_folder / "nothing", m_wrong));
     EXPECT_EQ(m_wrong, m_folder / "nothing" + " cannot be examined: No such file or directory");

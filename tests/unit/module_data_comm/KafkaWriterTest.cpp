@@ -60,6 +60,13 @@ protected:
         EXPECT_NE(writer, nullptr) << why;
         return writer;
     }
+    /// One that has found its brokers.
+    std::unique_ptr<KafkaWriter> OpenReady(
+        std::vector<std::pair<std::string, std::string>> properties = {}) {
+        auto writer = Open(std::move(properties));
+        EXPECT_TRUE(WaitUntil([&] { return writer->Prepare(m_why); })) << m_why;
+        return writer;
+    }
     std::unique_ptr<AlarmSink> Sink(std::size_t capacity = 1000) {
         std::string why;
         auto spool = AlarmSpool::Open(m_folder.Path(), "kafka", 1 << 20, why);
@@ -104,7 +111,7 @@ protected:
 };
 
 TEST_F(Kafka, GetsEachAlarmWithHostAndMachineAsItsKeyAndItsIdAsAHeader) {
-    const auto writer = Open();
+    const auto writer = OpenReady();
     EXPECT_EQ(writer->Name(), "kafka");
     ASSERT_EQ(writer->Write({Alarm("a", "vm-01"), Alarm("b", "vm-02")}, m_why), 2U) << m_why;
     const auto records = m_cluster->Read(2);
@@ -117,7 +124,7 @@ TEST_F(Kafka, GetsEachAlarmWithHostAndMachineAsItsKeyAndItsIdAsAHeader) {
 }
 
 TEST_F(Kafka, KeepsTheAlarmsOfOneMachineInOrder) {
-    const auto writer = Open();
+    const auto writer = OpenReady();
     ASSERT_EQ(writer->Write(Alarms(0, 100), m_why), 100U) << m_why;
     const auto records = m_cluster->Read(100);
     ASSERT_EQ(records.size(), 100U);
@@ -127,7 +134,7 @@ TEST_F(Kafka, KeepsTheAlarmsOfOneMachineInOrder) {
 }
 
 TEST_F(Kafka, TakesADocumentThatIsNotAnAlarm) {
-    const auto writer = Open();
+    const auto writer = OpenReady();
     ASSERT_EQ(writer->Write({{"no JSON", "no JSON"}}, m_why), 1U) << m_why;
     const auto records = m_cluster->Read(1);
     ASSERT_EQ(records.size(), 1U);
@@ -167,7 +174,7 @@ TEST_F(Kafka, SendsAgainWhatABrokerRefusesForNow) {
 }
 
 TEST_F(Kafka, GivesUpOnlyAnAlarmThatTheBrokersNeverTake) {
-    const auto writer = Open({{"message.max.bytes", "2000"}});
+    const auto writer = OpenReady({{"message.max.bytes", "2000"}});
     auto alarms = Alarms(0, 3);
     alarms[1].m_text = std::string(5000, 'x');
     EXPECT_EQ(writer->Write(alarms, m_why), 1U);
@@ -179,7 +186,7 @@ TEST_F(Kafka, GivesUpOnlyAnAlarmThatTheBrokersNeverTake) {
 }
 
 TEST_F(Kafka, GetsOneByOneAndInOrderTheAlarmsOfARequestThatABrokerRefuses) {
-    const auto writer = Open();
+    const auto writer = OpenReady();
     int begin = 0;
     for (const int error :
          {RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE, RD_KAFKA_RESP_ERR_INVALID_RECORD}) {
@@ -191,7 +198,7 @@ TEST_F(Kafka, GetsOneByOneAndInOrderTheAlarmsOfARequestThatABrokerRefuses) {
 }
 
 TEST_F(Kafka, LosesNoneOfManyMachinesWhenABrokerRefusesARequest) {
-    const auto writer = Open();
+    const auto writer = OpenReady();
     std::vector<OutgoingAlarm> alarms;
     for (int i = 0; i < 60; ++i) {
         alarms.push_back(Alarm(std::to_string(i), "vm-" + std::to_string(i % 12)));
@@ -209,7 +216,7 @@ TEST_F(Kafka, LosesNoneOfManyMachinesWhenABrokerRefusesARequest) {
 }
 
 TEST_F(Kafka, GetsNothingBeforeWhatABrokerHasRefusedOfTheSameMachine) {
-    const auto writer = Open({{"batch.num.messages", "5"}});
+    const auto writer = OpenReady({{"batch.num.messages", "5"}});
     m_cluster->RefuseProduce(RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE);
     ASSERT_EQ(writer->Write(Alarms(0, 50), m_why), 50U) << m_why;
     EXPECT_EQ(InOrder(m_cluster->Read(50)), Sequence(0, 50));
@@ -217,7 +224,7 @@ TEST_F(Kafka, GetsNothingBeforeWhatABrokerHasRefusedOfTheSameMachine) {
 
 TEST_F(Kafka, GivesUpOnlyWhatABrokerRefusesAlone) {
     const int refusal = RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE;
-    const auto writer = Open();
+    const auto writer = OpenReady();
     const auto alarms = Alarms(0, 10);
     m_cluster->AnswerProduce({refusal, 0, 0, refusal});  // of all, and of the third
     ASSERT_EQ(writer->Write(alarms, m_why), 2U);
@@ -233,7 +240,7 @@ TEST_F(Kafka, GivesUpOnlyWhatABrokerRefusesAlone) {
 }
 
 TEST_F(Kafka, GetsAllFromANewClientWhenTheOldOneIsBroken) {
-    const auto writer = Open();
+    const auto writer = OpenReady();
     ASSERT_EQ(writer->Write(Alarms(0, 1), m_why), 1U) << m_why;
     // Ends an idempotent producer for good.
     m_cluster->RefuseProduce(RD_KAFKA_RESP_ERR_OUT_OF_ORDER_SEQUENCE_NUMBER);

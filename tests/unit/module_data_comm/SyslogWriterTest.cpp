@@ -71,6 +71,7 @@ public:
     void HaveLittleRoom() { m_listener.setReceiveBufferSize(4096); }
 
     /// Ends the connection without reading what came.
+    void EndInOrder() { m_connection.shutdownSend(); }
     void Reset() {
         m_connection.setLinger(true, 0);
         m_connection.close();
@@ -293,7 +294,26 @@ TEST_F(Syslog, SendsNotAgainWhatTheServersHostHasOfABatchThatItDoesNotTakeWhole)
     EXPECT_TRUE(server.Receive().ends_with(Head() + "two"));
 }
 
-TEST_F(Syslog, SendsNotAgainWhatTheServersHostHadBeforeItBrokeTheConnection) {
+TEST_F(Syslog, SendsNotAgainWhatTheServersHostHadBeforeTheServerEndedTheConnection) {
+    TcpServer server;
+    server.HaveLittleRoom();
+    const auto writer = SyslogWriter::Open(server.Place());
+    std::string why;
+    ASSERT_TRUE(writer->Prepare(why)) << why;
+    server.Accept();
+    std::thread ender([&] {
+        server.Receive();
+        server.Receive();
+        server.EndInOrder();
+    });
+    const std::string large(kTooMuch, 'x');
+    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why), 2U);
+    ender.join();
+    EXPECT_EQ(why, "I/O error: the server has closed the connection");
+    EXPECT_TRUE(writer->ShouldRetry());
+}
+
+TEST_F(Syslog, SendsAgainAllThatWasUnderWayWhenTheConnectionIsReset) {
     TcpServer server;
     server.HaveLittleRoom();
     const auto writer = SyslogWriter::Open(server.Place());
@@ -306,7 +326,8 @@ TEST_F(Syslog, SendsNotAgainWhatTheServersHostHadBeforeItBrokeTheConnection) {
         server.Reset();
     });
     const std::string large(kTooMuch, 'x');
-    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why), 2U);
+    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why), 0U)
+        << "what the server had not read is gone, and nobody knows how much that is";
     breaker.join();
     EXPECT_TRUE(writer->ShouldRetry());
 }

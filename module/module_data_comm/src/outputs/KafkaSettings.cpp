@@ -11,6 +11,13 @@
 
 namespace Engine {
 
+namespace {
+
+// Without word of what has arrived everything would be sent again and again.
+constexpr const char* kReports = "delivery.report.only.error";
+
+}  // namespace
+
 bool KafkaSettings::ReadProperties(const std::string& path, std::string& wrong) {
     wrong = GuardedFile::WhyNot(path, GuardedFile::Others::MAY_NOT_READ);
     if (!wrong.empty()) {
@@ -37,6 +44,12 @@ bool KafkaSettings::ReadProperties(const std::string& path, std::string& wrong) 
         std::string value = line.substr(equals + 1);
         SDK::StrUtils::Trim(name);
         SDK::StrUtils::Trim(value);
+        if (name == kReports) {
+            wrong =
+                Poco::format("%s:%d: %s cannot be set, an alarm counts as delivered by its report",
+                             path, number, name);
+            return false;
+        }
         m_properties.emplace_back(name, value);
     }
     return true;

@@ -23,6 +23,9 @@ namespace {
 constexpr std::chrono::milliseconds kPatience{1000};
 constexpr std::chrono::milliseconds kSlice{50};
 
+// How long one try goes on while there is word. Meanwhile nothing new is put on disk.
+constexpr std::chrono::milliseconds kLongestTry{2000};
+
 // For the client's threads to end in.
 constexpr int kEndMs = 500;
 
@@ -219,13 +222,16 @@ std::size_t KafkaWriter::Write(const std::vector<OutgoingAlarm>& alarms, std::st
     if (IsBroken()) {
         ReplaceClient();
     }
+    // What is known by then is settled, and what is not known is given again.
+    const auto end = std::chrono::steady_clock::now() + kLongestTry;
     m_given.resize(std::max(m_given.size(), alarms.size()));
     std::size_t words = 0;
     do {
         SendNext(alarms);
         words = CountWords();
         WaitForWord();
-    } while (CountWords() > words && HasWordOfAll() && !DeadlinePassed());
+    } while (CountWords() > words && HasWordOfAll() && std::chrono::steady_clock::now() < end &&
+             !DeadlinePassed());
     const std::size_t arrived = TakeArrived();
     if (arrived == alarms.size()) {
         m_lastError.clear();

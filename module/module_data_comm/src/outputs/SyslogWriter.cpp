@@ -157,7 +157,7 @@ bool SyslogWriter::Try(const std::function<void()>& work, std::string& why) {
         why = exception.displayText();
         // A message that is too long for a datagram stays so.
         m_retry = exception.code() != EMSGSIZE;
-        m_arrived = Arrived();
+        m_arrived = WasReset(exception.code()) ? 0 : Arrived();
         m_socket.reset();
         return false;
     }
@@ -253,6 +253,16 @@ std::size_t SyslogWriter::Arrived() const {
     const std::size_t acknowledged = m_ends.empty() ? 0 : Acknowledged();
     return static_cast<std::size_t>(std::upper_bound(m_ends.begin(), m_ends.end(), acknowledged) -
                                     m_ends.begin());
+}
+
+/// Whether the server's host may have thrown away what it had acknowledged and the server had not
+/// read. A server that ends its connection in order has read all of it.
+bool SyslogWriter::WasReset(int error) const {
+    char byte = 0;
+    return m_way == Way::STREAM && m_socket != nullptr &&
+           (error == ECONNRESET || error == EPIPE ||
+            (::recv(m_socket->impl()->sockfd(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+             errno == ECONNRESET));
 }
 
 /// A server never writes: whatever can be read is the end of the connection. Asked before each

@@ -68,6 +68,7 @@ private:
     void LookAtServer(const std::string& complaint);
     std::size_t Acknowledged() const;
     std::size_t Arrived() const;
+    bool WasReset(int error) const;
     bool PeerHasClosed();
 
     const std::string m_address;  // a path, or HOST:PORT
