@@ -14,6 +14,7 @@
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/StreamCopier.h>
+#include <Poco/ThreadPool.h>
 
 #include <array>
 #include <cstdint>
@@ -50,11 +51,14 @@ public:
         parameters->setKeepAlive(true);
         const Poco::Net::ServerSocket listener = Listen(port, certificates);
         m_port = listener.address().port();
-        m_server =
-            std::make_unique<Poco::Net::HTTPServer>(new Factory(*this), listener, parameters);
+        m_server = std::make_unique<Poco::Net::HTTPServer>(new Factory(*this), m_threads, listener,
+                                                           parameters);
         m_server->start();
     }
-    ~WebServer() { m_server->stopAll(true); }
+    ~WebServer() {
+        m_server->stopAll(true);
+        m_threads.joinAll();  // that ended the connections, not yet their threads
+    }
     WebServer(const WebServer&) = delete;
     WebServer& operator=(const WebServer&) = delete;
 
@@ -128,6 +132,7 @@ private:
     const Script m_script;
     const std::string m_scheme;
     std::uint16_t m_port = 0;
+    Poco::ThreadPool m_threads;
     std::unique_ptr<Poco::Net::HTTPServer> m_server;
     SDK::Mutex m_mutex;
     std::vector<Request> m_requests SDK_GUARDED_BY(m_mutex);
