@@ -294,42 +294,36 @@ TEST_F(Syslog, SendsNotAgainWhatTheServersHostHasOfABatchThatItDoesNotTakeWhole)
     EXPECT_TRUE(server.Receive().ends_with(Head() + "two"));
 }
 
-TEST_F(Syslog, SendsNotAgainWhatTheServersHostHadBeforeTheServerEndedTheConnection) {
+/// Gives three alarms to a server that reads two of them and then ends the connection in its way.
+/// @return how many count as arrived
+std::size_t WriteToServerThatEnds(void (TcpServer::*end)(), std::string& why) {
     TcpServer server;
     server.HaveLittleRoom();
     const auto writer = SyslogWriter::Open(server.Place());
-    std::string why;
-    ASSERT_TRUE(writer->Prepare(why)) << why;
+    EXPECT_TRUE(writer->Prepare(why)) << why;
     server.Accept();
-    std::thread ender([&] {
+    std::thread reader([&] {
         server.Receive();
         server.Receive();
-        server.EndInOrder();
+        (server.*end)();
     });
     const std::string large(kTooMuch, 'x');
-    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why), 2U);
-    ender.join();
-    EXPECT_EQ(why, "I/O error: the server has closed the connection");
+    const std::size_t arrived = writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why);
+    reader.join();
     EXPECT_TRUE(writer->ShouldRetry());
+    return arrived;
+}
+
+TEST_F(Syslog, SendsNotAgainWhatTheServersHostHadBeforeTheServerEndedTheConnection) {
+    std::string why;
+    EXPECT_EQ(WriteToServerThatEnds(&TcpServer::EndInOrder, why), 2U);
+    EXPECT_EQ(why, "I/O error: the server has closed the connection");
 }
 
 TEST_F(Syslog, SendsAgainAllThatWasUnderWayWhenTheConnectionIsReset) {
-    TcpServer server;
-    server.HaveLittleRoom();
-    const auto writer = SyslogWriter::Open(server.Place());
     std::string why;
-    ASSERT_TRUE(writer->Prepare(why)) << why;
-    server.Accept();
-    std::thread breaker([&] {
-        server.Receive();
-        server.Receive();
-        server.Reset();
-    });
-    const std::string large(kTooMuch, 'x');
-    EXPECT_EQ(writer->Write({{"", "one"}, {"", "two"}, {"", large}}, why), 0U)
+    EXPECT_EQ(WriteToServerThatEnds(&TcpServer::Reset, why), 0U)
         << "what the server had not read is gone, and nobody knows how much that is";
-    breaker.join();
-    EXPECT_TRUE(writer->ShouldRetry());
 }
 
 TEST_F(Syslog, WaitsForAServerThatReadsSlowlyForAsLongAsItReads) {
