@@ -115,7 +115,7 @@ TEST_F(FileWriterFullDisk, WaitsForRoomAndThenLosesNothing) {
     m_disk->Empty();
     ASSERT_TRUE(WaitUntil([&] { return Written(*sink) == 2; }));
     EXPECT_EQ(Count(), 2);
-    EXPECT_EQ(BooksOf(*sink).m_trouble, "");
+    EXPECT_TRUE(WaitUntil([&] { return BooksOf(*sink).m_trouble.empty(); }));
     EXPECT_EQ(Failed(*sink), 0U);
 }
 

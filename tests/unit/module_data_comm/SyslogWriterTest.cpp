@@ -241,11 +241,14 @@ TEST_F(Syslog, KeepsAlarmsUntilTheServerIsThere) {
     for (const char* alarm : {"one", "two", "three"}) {
         EXPECT_TRUE(server->Receive().ends_with(alarm)) << alarm;
     }
-    EXPECT_TRUE(WaitUntil([&] { return Written(sink) == 3; }));
+    // The last that happens: first the alarms are settled, then the trouble is over, then it is
+    // said.
+    EXPECT_TRUE(
+        WaitUntil([&] { return m_log.Contains("can be written again. 0 alarms failed so far."); }));
+    EXPECT_EQ(Written(sink), 3U);
     EXPECT_EQ(sink.GetLedger().m_trouble, "");
     EXPECT_EQ(sink.GetLedger().Lost(), 0U);
     EXPECT_EQ(m_log.Texts(Poco::Message::PRIO_ERROR).size(), 1U) << "the trouble, once";
-    EXPECT_TRUE(m_log.Contains("can be written again. 0 alarms failed so far."));
 }
 
 TEST_F(Syslog, DoesNotHoldUpTheStopForAServerThatIsNotThere) {
